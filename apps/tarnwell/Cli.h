@@ -1,0 +1,55 @@
+// The pieces the commands of `tarnwell` share: options, output and errors.
+
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "tarnwell/platform/Date.h"
+
+namespace tarnwell::cli {
+
+// Bad input from the user: printed as one line, exit status 1, nothing written.
+class InputError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct GlobalOptions {
+  std::optional<std::string> container;
+  std::optional<std::string> now;
+  std::optional<std::string> timeZone;
+  std::optional<std::string> locale;
+  bool json = false;
+};
+
+// What the chosen subcommand does once the Environment is installed.
+using Action = std::function<void()>;
+
+class Output {
+ public:
+  explicit Output(const GlobalOptions& options) : options_(options) {}
+  bool json() const { return options_.json; }
+  // Prints `value` as JSON on one line, or `text` when JSON was not asked for.
+  void print(const nlohmann::json& value, const std::string& text) const;
+
+ private:
+  const GlobalOptions& options_;
+};
+
+// A JSON value as a person reads it: text without quotes, numbers as JSON
+// writes them (18000.0), "null" for nothing, structures as compact JSON.
+std::string plainText(const nlohmann::json& value);
+
+// An ISO 8601 instant in the current region's zone; InputError otherwise.
+Date parseInstant(std::string_view text);
+
+void addInfoCommand(CLI::App& app, const GlobalOptions& options, Action& action);
+void addSettingsCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,266 @@
+// `tarnwell settings list|get|set`: every setting by its property name.
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+
+#include "Cli.h"
+#include "tarnwell/modules/Settings.h"
+
+namespace tarnwell::cli {
+namespace {
+
+using widgets::FocusType;
+
+// One setting as the command sees it: its value as JSON, and a writer that
+// checks the text it is given before anything is stored.
+struct Entry {
+  std::string name;
+  std::string accepts;
+  std::function<nlohmann::json()> get;
+  std::function<void(const std::string&)> set;  // empty for read-only settings
+};
+
+[[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts) {
+  throw InputError(name + ": \"" + text + "\" is not " + accepts);
+}
+
+double parseNumber(const std::string& name, const std::string& text) {
+  double value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) {
+    refuse(name, text, "a number");
+  }
+  return value;
+}
+
+int parseInteger(const std::string& name, const std::string& text) {
+  int value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) refuse(name, text, "a whole number");
+  return value;
+}
+
+bool parseBool(const std::string& name, const std::string& text) {
+  if (text == "true") return true;
+  if (text == "false") return false;
+  refuse(name, text, "true or false");
+}
+
+Date parseDate(const std::string& name, const std::string& text) {
+  if (auto date = Date::parseISO8601(text)) return *date;
+  refuse(name, text, "an ISO 8601 date or time");
+}
+
+// "countdown:1500", "pomodoro:1500", "addTime" or the JSON form.
+FocusType parseFocusType(const std::string& name, const std::string& text) {
+  constexpr const char* kAccepts = "a focus type (pomodoro:SECONDS, countdown:SECONDS, addTime or JSON)";
+  if (!text.empty() && text.front() == '{') {
+    try {
+      return nlohmann::json::parse(text).get<FocusType>();
+    } catch (const nlohmann::json::exception&) {
+      refuse(name, text, kAccepts);
+    }
+  }
+  const auto colon = text.find(':');
+  const std::string kind = text.substr(0, colon);
+  const auto abstract = widgets::abstractFocusTypeFromRawValue(kind);
+  if (!abstract) refuse(name, text, kAccepts);
+  double seconds = 0;
+  if (colon != std::string::npos) {
+    seconds = parseNumber(name, text.substr(colon + 1));
+  } else if (*abstract != widgets::AbstractFocusType::addTime) {
+    refuse(name, text, kAccepts);
+  }
+  switch (*abstract) {
+    case widgets::AbstractFocusType::pomodoro: {
+      // A new length keeps the usual breaks.
+      const auto usual = std::get<FocusType::Pomodoro>(FocusType::defaultType().parameters());
+      return FocusType::pomodoro(seconds, usual.shortBreak, usual.longBreak, usual.longBreakInterval);
+    }
+    case widgets::AbstractFocusType::countdown:
+      return FocusType::countdown(seconds);
+    case widgets::AbstractFocusType::addTime:
+      return FocusType::addTime(seconds);
+  }
+  refuse(name, text, kAccepts);
+}
+
+// The JSON form, or the identifier of a known sleep application.
+SleepDataSource parseSleepSource(const std::string& name, const std::string& text) {
+  constexpr const char* kAccepts = "a sleep source ({\"name\": ..., \"bundleIdentifier\": ...} or a known identifier)";
+  if (!text.empty() && text.front() == '{') {
+    try {
+      return nlohmann::json::parse(text).get<SleepDataSource>();
+    } catch (const nlohmann::json::exception&) {
+      refuse(name, text, kAccepts);
+    }
+  }
+  const KnownSleepApp app = knownSleepApp(text);
+  if (app == KnownSleepApp::unknown || app == KnownSleepApp::clock) refuse(name, text, kAccepts);
+  SleepDataSource source{"", text};
+  source.name = source.displayName();
+  return source;
+}
+
+template <class T, class Parse>
+std::function<void(const std::string&)> optionalWriter(std::string name, Parse parse,
+                                                       void (*set)(const std::optional<T>&)) {
+  return [name, parse, set](const std::string& text) {
+    if (text == "null") {
+      set(std::nullopt);
+    } else {
+      set(parse(name, text));
+    }
+  };
+}
+
+nlohmann::json dateJSON(const std::optional<Date>& date) {
+  return date ? nlohmann::json(date->iso8601()) : nlohmann::json(nullptr);
+}
+
+template <class T>
+nlohmann::json optionalJSON(const std::optional<T>& value) {
+  return value ? nlohmann::json(*value) : nlohmann::json(nullptr);
+}
+
+Entry number(std::string name, double (*get)(), void (*set)(double)) {
+  return {name, "a number of seconds", [get] { return nlohmann::json(get()); },
+          [name, set](const std::string& text) { set(parseNumber(name, text)); }};
+}
+
+Entry integer(std::string name, int (*get)(), void (*set)(int)) {
+  return {name, "a whole number", [get] { return nlohmann::json(get()); },
+          [name, set](const std::string& text) { set(parseInteger(name, text)); }};
+}
+
+Entry boolean(std::string name, bool (*get)(), void (*set)(bool)) {
+  return {name, "true or false", [get] { return nlohmann::json(get()); },
+          [name, set](const std::string& text) { set(parseBool(name, text)); }};
+}
+
+Entry optionalDate(std::string name, std::optional<Date> (*get)(), void (*set)(std::optional<Date>)) {
+  return {name, "an ISO 8601 time or null", [get] { return dateJSON(get()); },
+          [name, set](const std::string& text) {
+            set(text == "null" ? std::nullopt : std::optional<Date>(parseDate(name, text)));
+          }};
+}
+
+Entry optionalText(std::string name, std::optional<std::string> (*get)(),
+                   void (*set)(const std::optional<std::string>&)) {
+  return {name, "a text or null", [get] { return optionalJSON(get()); },
+          optionalWriter<std::string>(
+              name, [](const std::string&, const std::string& text) { return text; }, set)};
+}
+
+Entry optionalFocusType(std::string name, std::optional<FocusType> (*get)(),
+                        void (*set)(const std::optional<FocusType>&)) {
+  return {name, "a focus type or null", [get] { return optionalJSON(get()); },
+          optionalWriter<FocusType>(name, parseFocusType, set)};
+}
+
+const std::vector<Entry>& catalogue() {
+  static const std::vector<Entry> entries = {
+      number("startOfDayScreenTime", &Settings::startOfDayScreenTime, &Settings::setStartOfDayScreenTime),
+      number("defaultScreenTimeGoal", &Settings::defaultScreenTimeGoal, &Settings::setDefaultScreenTimeGoal),
+      boolean("dynamicScreenTimeGoal", &Settings::dynamicScreenTimeGoal, &Settings::setDynamicScreenTimeGoal),
+      optionalDate("dayOfDynamicScreenTimeGoalUpdating", &Settings::dayOfDynamicScreenTimeGoalUpdating,
+                   &Settings::setDayOfDynamicScreenTimeGoalUpdating),
+      boolean("excludeFocusTime", &Settings::excludeFocusTime, &Settings::setExcludeFocusTime),
+      boolean("excludeDialwickTime", &Settings::excludeDialwickTime, &Settings::setExcludeDialwickTime),
+      integer("defaultPickupGoal", &Settings::defaultPickupGoal, &Settings::setDefaultPickupGoal),
+      boolean("dynamicPickupGoal", &Settings::dynamicPickupGoal, &Settings::setDynamicPickupGoal),
+      optionalDate("dayOfDynamicPickupGoalUpdating", &Settings::dayOfDynamicPickupGoalUpdating,
+                   &Settings::setDayOfDynamicPickupGoalUpdating),
+      number("defaultTimeForBed", &Settings::defaultTimeForBed, &Settings::setDefaultTimeForBed),
+      number("defaultSleepTimeGoal", &Settings::defaultSleepTimeGoal, &Settings::setDefaultSleepTimeGoal),
+      boolean("sleepTimeScheduleEnabled", &Settings::sleepTimeScheduleEnabled, &Settings::setSleepTimeScheduleEnabled),
+      optionalFocusType("previousFocusTypePomodoro", &Settings::previousFocusTypePomodoro,
+                        &Settings::setPreviousFocusTypePomodoro),
+      optionalFocusType("previousFocusTypeCountdown", &Settings::previousFocusTypeCountdown,
+                        &Settings::setPreviousFocusTypeCountdown),
+      optionalFocusType("previousFocusTypeAddTime", &Settings::previousFocusTypeAddTime,
+                        &Settings::setPreviousFocusTypeAddTime),
+      {"defaultFocusType", "a focus type", [] { return nlohmann::json(Settings::defaultFocusType()); },
+       [](const std::string& text) { Settings::setDefaultFocusType(parseFocusType("defaultFocusType", text)); }},
+      optionalText("defaultFocusTagId", &Settings::defaultFocusTagId, &Settings::setDefaultFocusTagId),
+      {"defaultSleepDataSource", "a sleep source or null",
+       [] { return nlohmann::json(Settings::defaultSleepDataSource()); },
+       optionalWriter<SleepDataSource>("defaultSleepDataSource", parseSleepSource,
+                                       &Settings::setDefaultSleepDataSource)},
+      boolean("syncToHealthKitSleepAnalysis", &Settings::syncToHealthKitSleepAnalysis,
+              &Settings::setSyncToHealthKitSleepAnalysis),
+      boolean("syncToCloudKit", &Settings::syncToCloudKit, &Settings::setSyncToCloudKit),
+      optionalDate("cloudKitLastSyncDate", &Settings::cloudKitLastSyncDate, &Settings::setCloudKitLastSyncDate),
+      {"deviceId", "", [] { return nlohmann::json(Settings::deviceId()); }, {}},
+      {"colorTheme", "system, light or dark", [] { return nlohmann::json(rawValue(Settings::colorTheme())); },
+       [](const std::string& text) {
+         const auto theme = colorThemeFromRawValue(text);
+         if (!theme) refuse("colorTheme", text, "system, light or dark");
+         Settings::setColorTheme(*theme);
+       }},
+      boolean("weekStartsFromMonday", &Settings::weekStartsFromMonday, &Settings::setWeekStartsFromMonday),
+      boolean("using24HoursFormat", &Settings::using24HoursFormat, &Settings::setUsing24HoursFormat),
+      {"dialwickInActiveTime", "", [] { return dateJSON(Settings::dialwickInActiveTime()); }, {}},
+      optionalText("tarnwellFocusStatus", &Settings::tarnwellFocusStatus, &Settings::setTarnwellFocusStatus),
+  };
+  return entries;
+}
+
+const Entry& find(const std::string& name) {
+  for (const auto& entry : catalogue()) {
+    if (entry.name == name) return entry;
+  }
+  throw InputError("unknown setting \"" + name + "\" (see tarnwell settings list)");
+}
+
+nlohmann::json named(const Entry& entry) { return {{"name", entry.name}, {"value", entry.get()}}; }
+
+}  // namespace
+
+void addSettingsCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto* settings = app.add_subcommand("settings", "Read and change preferences by property name");
+  settings->require_subcommand(1);
+
+  auto* list = settings->add_subcommand("list", "Every setting with its value");
+  list->callback([&options, &action] {
+    action = [&options] {
+      nlohmann::json all = nlohmann::json::array();
+      std::string text;
+      for (const auto& entry : catalogue()) {
+        all.push_back(named(entry));
+        std::string name = entry.name;
+        name.resize(36, ' ');
+        text += name + plainText(all.back()["value"]) + "\n";
+      }
+      text.pop_back();
+      Output(options).print(all, text);
+    };
+  });
+
+  auto getName = std::make_shared<std::string>();
+  auto* get = settings->add_subcommand("get", "The value of one setting");
+  get->add_option("NAME", *getName, "Property name, such as defaultScreenTimeGoal")->required();
+  get->callback([&options, &action, getName] {
+    action = [&options, getName] {
+      const auto value = named(find(*getName));
+      Output(options).print(value, plainText(value["value"]));
+    };
+  });
+
+  auto setArguments = std::make_shared<std::pair<std::string, std::string>>();
+  auto* set = settings->add_subcommand("set", "Change one setting; the value is checked against its type");
+  set->add_option("NAME", setArguments->first, "Property name")->required();
+  set->add_option("VALUE", setArguments->second, "New value; null clears an optional setting")->required();
+  set->callback([&options, &action, setArguments] {
+    action = [&options, setArguments] {
+      const Entry& entry = find(setArguments->first);
+      if (!entry.set) throw InputError(entry.name + " cannot be set");
+      entry.set(setArguments->second);
+      const auto value = named(entry);
+      Output(options).print(value, plainText(value["value"]));
+    };
+  });
+}
+
+}  // namespace tarnwell::cli

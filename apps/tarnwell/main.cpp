@@ -1,0 +1,83 @@
+// tarnwell: the command-line host of TarnwellKit.
+//
+// It plays the part of the phone app: it installs an Environment for one
+// installation folder, starts the log, runs one command and lets the main
+// queue finish what the command left for it.
+
+#include <iostream>
+
+#include "Cli.h"
+#include "tarnwell/modules/Logger.h"
+#include "tarnwell/platform/Environment.h"
+
+namespace {
+
+using tarnwell::Environment;
+using namespace tarnwell::cli;
+
+std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
+  auto configuration = Environment::Configuration::system(
+      options.container ? std::optional<std::filesystem::path>(*options.container) : std::nullopt);
+  const tarnwell::Region system = tarnwell::Region::system();
+  try {
+    configuration.region =
+        tarnwell::Region(options.timeZone.value_or(system.timeZoneId()), options.locale.value_or(system.localeId()));
+  } catch (const std::invalid_argument& error) {
+    throw InputError(error.what());
+  }
+  if (options.now) {
+    const auto now = tarnwell::Date::parseISO8601(*options.now, configuration.region->timeZoneId());
+    if (!now) throw InputError("--now: \"" + *options.now + "\" is not an ISO 8601 date or time");
+    configuration.clock = std::make_shared<tarnwell::ManualClock>(*now);
+  }
+  return std::make_unique<Environment>(std::move(configuration));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"tarnwell: screen time, pickups, sleep and focus from the events of a phone's use"};
+  app.name("tarnwell");
+  app.require_subcommand(1);
+  app.fallthrough();
+
+  GlobalOptions options;
+  app.add_option("--container", options.container,
+                 "Folder of one installation (default: $XDG_DATA_HOME/tarnwell/container)");
+  app.add_option("--now", options.now, "Pin the clock to this ISO 8601 instant");
+  app.add_option("--tz", options.timeZone, "IANA time zone (default: the system's)");
+  app.add_option("--locale", options.locale, "Locale such as en_US or de-DE (default: the system's)");
+  app.add_flag("--json", options.json, "Machine-readable output");
+
+  Action action;
+  addInfoCommand(app, options, action);
+  addSettingsCommands(app, options, action);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& help) {
+    return app.exit(help);
+  } catch (const CLI::CallForAllHelp& help) {
+    return app.exit(help);
+  } catch (const CLI::ParseError& error) {
+    std::cerr << "tarnwell: " << error.what() << " (see tarnwell --help)\n";
+    return 2;
+  }
+
+  int status = 0;
+  try {
+    Environment::install(makeEnvironment(options));
+    tarnwell::Logger::start();
+    action();
+    // What the command handed to the main queue (announcements) runs before exit.
+    Environment::current().mainQueue().runPending();
+  } catch (const std::exception& error) {
+    std::cerr << "tarnwell: " << error.what() << '\n';
+    status = 1;
+  }
+  // An orderly end: the log's queue drains and every thread is joined before
+  // static objects go away.
+  if (Environment::currentIfInstalled()) tarnwell::Logger::flush();
+  Environment::install(nullptr);
+  return status;
+}

@@ -1,0 +1,49 @@
+# Shared build settings of the project's own targets.
+
+if(TARNWELL_SANITIZER STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(TARNWELL_SANITIZER STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT TARNWELL_SANITIZER STREQUAL "")
+  message(FATAL_ERROR "TARNWELL_SANITIZER must be empty, \"address\" or \"thread\"")
+endif()
+
+# Warnings as errors, for code of this project only (third-party headers are
+# included as system headers and stay out of it).
+function(tarnwell_target_defaults target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror -Wshadow -Wswitch-enum
+                                           -Wnon-virtual-dtor -Wcast-qual)
+endfunction()
+
+# Compiles resources/strings/<language>.json into the library as text.
+function(tarnwell_generate_strings folder output)
+  file(GLOB languages CONFIGURE_DEPENDS "${folder}/*.json")
+  list(SORT languages)
+  set(definitions "")
+  set(entries "")
+  set(index 0)
+  foreach(file IN LISTS languages)
+    get_filename_component(language "${file}" NAME_WE)
+    file(READ "${file}" json)
+    string(APPEND definitions "constexpr char kStrings${index}[] = R\"tarnwell_strings(${json})tarnwell_strings\";\n")
+    string(APPEND entries "    {\"${language}\", kStrings${index}},\n")
+    math(EXPR index "${index} + 1")
+  endforeach()
+  file(CONFIGURE OUTPUT "${output}" CONTENT [=[
+// Generated from resources/strings by CMake. Do not edit.
+#include "platform/StringResources.h"
+
+namespace tarnwell {
+namespace {
+@definitions@
+constexpr StringResource kResources[] = {
+@entries@};
+}  // namespace
+
+std::span<const StringResource> stringResources() { return kResources; }
+
+}  // namespace tarnwell
+]=] @ONLY)
+endfunction()

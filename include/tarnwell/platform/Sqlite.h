@@ -1,0 +1,138 @@
+// A thin RAII layer over SQLite: connections, prepared statements, transactions.
+//
+// A Connection belongs to one thread at a time. Failures throw sqlite::Error,
+// which carries SQLite's result code. Nothing here throws from a destructor:
+// a Transaction that is not committed rolls back quietly.
+
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace tarnwell::sqlite {
+
+class Error : public std::runtime_error {
+ public:
+  Error(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  // SQLite's (extended) result code, SQLITE_BUSY, SQLITE_CORRUPT and so on.
+  int code() const { return code_; }
+  // The primary code, the low byte of code().
+  int primaryCode() const { return code_ & 0xff; }
+
+ private:
+  int code_;
+};
+
+class Statement {
+ public:
+  Statement(Statement&&) noexcept;
+  Statement& operator=(Statement&&) noexcept;
+  ~Statement();
+
+  // Parameters count from 1, as in SQLite.
+  Statement& bindNull(int index);
+  Statement& bind(int index, std::int64_t value);
+  Statement& bind(int index, int value) { return bind(index, static_cast<std::int64_t>(value)); }
+  Statement& bind(int index, bool value) { return bind(index, static_cast<std::int64_t>(value)); }
+  Statement& bind(int index, double value);
+  Statement& bind(int index, std::string_view text);
+  Statement& bind(int index, const char* text) { return bind(index, std::string_view(text)); }
+  Statement& bind(int index, std::span<const std::uint8_t> blob);
+  template <class T>
+  Statement& bind(int index, const std::optional<T>& value) {
+    return value ? bind(index, *value) : bindNull(index);
+  }
+
+  // Advances to the next row: true while there is one, false when done.
+  bool step();
+  // Runs a statement that returns no rows.
+  void execute();
+  // Ready to run again; bindings are kept until rebound or cleared.
+  void reset();
+  void clearBindings();
+
+  // Columns count from 0.
+  int columnCount() const;
+  bool isNull(int column) const;
+  std::int64_t int64(int column) const;
+  double real(int column) const;
+  std::string text(int column) const;
+  std::vector<std::uint8_t> blob(int column) const;
+  std::string columnName(int column) const;
+
+  sqlite3_stmt* handle() const { return statement_; }
+
+ private:
+  friend class Connection;
+  Statement(sqlite3* database, sqlite3_stmt* statement) : database_(database), statement_(statement) {}
+  void check(int result) const;
+
+  sqlite3* database_ = nullptr;
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+class Connection {
+ public:
+  enum class OpenMode { readWriteCreate, readWrite, readOnly };
+
+  // Opens (and with readWriteCreate, creates) the database file. Throws Error.
+  explicit Connection(const std::filesystem::path& file, OpenMode mode = OpenMode::readWriteCreate);
+  Connection(Connection&&) noexcept;
+  Connection& operator=(Connection&&) noexcept;
+  ~Connection();
+
+  // Runs one or more statements that return no rows.
+  void execute(std::string_view sql);
+  // A new statement owned by the caller.
+  Statement prepare(std::string_view sql);
+  // A statement kept by the connection for reuse, reset and with bindings cleared.
+  Statement& cached(std::string_view sql);
+
+  std::int64_t lastInsertRowId() const;
+  int changes() const;
+
+  int userVersion();
+  void setUserVersion(int version);
+  // Milliseconds a statement waits on another connection's lock before SQLITE_BUSY.
+  void setBusyTimeout(int milliseconds);
+
+  const std::filesystem::path& file() const { return file_; }
+  sqlite3* handle() const { return database_; }
+
+ private:
+  std::filesystem::path file_;
+  sqlite3* database_ = nullptr;
+  std::map<std::string, std::unique_ptr<Statement>, std::less<>> cache_;
+};
+
+// A write transaction that rolls back unless committed.
+class Transaction {
+ public:
+  enum class Behavior { deferred, immediate, exclusive };
+
+  explicit Transaction(Connection& connection, Behavior behavior = Behavior::immediate);
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  ~Transaction();
+
+  void commit();
+  void rollback();
+  bool isActive() const { return active_; }
+
+ private:
+  Connection& connection_;
+  bool active_ = true;
+};
+
+}  // namespace tarnwell::sqlite

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Configures and builds one configuration into build/<name>:
+#   release  optimised, with debug info (the default)
+#   asan     AddressSanitizer + UndefinedBehaviorSanitizer
+#   tsan     ThreadSanitizer
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+name="${1:-release}"
+case "$name" in
+  release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
+  asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTARNWELL_SANITIZER=address -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
+  tsan) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWELL_SANITIZER=thread -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
+  *) echo "build.sh: unknown configuration \"$name\" (release, asan or tsan)" >&2; exit 2 ;;
+esac
+
+cmake -S . -B "build/$name" -G Ninja "${options[@]}" >/dev/null
+cmake --build "build/$name"

@@ -1,0 +1,222 @@
+#include "tarnwell/platform/Sqlite.h"
+
+#include <sqlite3.h>
+
+namespace tarnwell::sqlite {
+namespace {
+
+[[noreturn]] void fail(sqlite3* database, int code, std::string_view context) {
+  std::string message(context);
+  message += ": ";
+  message += database ? sqlite3_errmsg(database) : sqlite3_errstr(code);
+  throw Error(database ? sqlite3_extended_errcode(database) : code, message);
+}
+
+}  // namespace
+
+Statement::Statement(Statement&& other) noexcept : database_(other.database_), statement_(other.statement_) {
+  other.statement_ = nullptr;
+}
+
+Statement& Statement::operator=(Statement&& other) noexcept {
+  if (this != &other) {
+    sqlite3_finalize(statement_);
+    database_ = other.database_;
+    statement_ = other.statement_;
+    other.statement_ = nullptr;
+  }
+  return *this;
+}
+
+Statement::~Statement() { sqlite3_finalize(statement_); }
+
+void Statement::check(int result) const {
+  if (result != SQLITE_OK) fail(database_, result, sqlite3_sql(statement_));
+}
+
+Statement& Statement::bindNull(int index) {
+  check(sqlite3_bind_null(statement_, index));
+  return *this;
+}
+
+Statement& Statement::bind(int index, std::int64_t value) {
+  check(sqlite3_bind_int64(statement_, index, value));
+  return *this;
+}
+
+Statement& Statement::bind(int index, double value) {
+  check(sqlite3_bind_double(statement_, index, value));
+  return *this;
+}
+
+Statement& Statement::bind(int index, std::string_view text) {
+  check(sqlite3_bind_text64(statement_, index, text.data(), text.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
+  return *this;
+}
+
+Statement& Statement::bind(int index, std::span<const std::uint8_t> blob) {
+  // A zero-length blob is still a blob, not a NULL.
+  static const std::uint8_t kEmpty = 0;
+  check(sqlite3_bind_blob64(statement_, index, blob.empty() ? &kEmpty : blob.data(), blob.size(), SQLITE_TRANSIENT));
+  return *this;
+}
+
+bool Statement::step() {
+  const int result = sqlite3_step(statement_);
+  if (result == SQLITE_ROW) return true;
+  if (result == SQLITE_DONE) return false;
+  fail(database_, result, sqlite3_sql(statement_));
+}
+
+void Statement::execute() {
+  while (step()) {
+  }
+  reset();
+}
+
+void Statement::reset() { sqlite3_reset(statement_); }
+void Statement::clearBindings() { sqlite3_clear_bindings(statement_); }
+
+int Statement::columnCount() const { return sqlite3_column_count(statement_); }
+bool Statement::isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+std::int64_t Statement::int64(int column) const { return sqlite3_column_int64(statement_, column); }
+double Statement::real(int column) const { return sqlite3_column_double(statement_, column); }
+
+std::string Statement::text(int column) const {
+  const auto* text = sqlite3_column_text(statement_, column);
+  const int size = sqlite3_column_bytes(statement_, column);
+  return text ? std::string(reinterpret_cast<const char*>(text), static_cast<std::size_t>(size)) : std::string();
+}
+
+std::vector<std::uint8_t> Statement::blob(int column) const {
+  const auto* data = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_, column));
+  const int size = sqlite3_column_bytes(statement_, column);
+  return data ? std::vector<std::uint8_t>(data, data + size) : std::vector<std::uint8_t>();
+}
+
+std::string Statement::columnName(int column) const { return sqlite3_column_name(statement_, column); }
+
+Connection::Connection(const std::filesystem::path& file, OpenMode mode) : file_(file) {
+  int flags = SQLITE_OPEN_NOMUTEX;
+  switch (mode) {
+    case OpenMode::readWriteCreate:
+      flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+      break;
+    case OpenMode::readWrite:
+      flags |= SQLITE_OPEN_READWRITE;
+      break;
+    case OpenMode::readOnly:
+      flags |= SQLITE_OPEN_READONLY;
+      break;
+  }
+  const int result = sqlite3_open_v2(file.c_str(), &database_, flags, nullptr);
+  if (result != SQLITE_OK) {
+    const std::string message =
+        "cannot open " + file.string() + ": " + (database_ ? sqlite3_errmsg(database_) : sqlite3_errstr(result));
+    const int code = database_ ? sqlite3_extended_errcode(database_) : result;
+    sqlite3_close_v2(database_);
+    database_ = nullptr;
+    throw Error(code, message);
+  }
+  sqlite3_extended_result_codes(database_, 1);
+}
+
+Connection::Connection(Connection&& other) noexcept
+    : file_(std::move(other.file_)), database_(other.database_), cache_(std::move(other.cache_)) {
+  other.database_ = nullptr;
+}
+
+Connection& Connection::operator=(Connection&& other) noexcept {
+  if (this != &other) {
+    cache_.clear();
+    sqlite3_close_v2(database_);
+    file_ = std::move(other.file_);
+    database_ = other.database_;
+    cache_ = std::move(other.cache_);
+    other.database_ = nullptr;
+  }
+  return *this;
+}
+
+Connection::~Connection() {
+  cache_.clear();  // statements first, so the close below really closes
+  sqlite3_close_v2(database_);
+}
+
+void Connection::execute(std::string_view sql) {
+  const std::string text(sql);
+  char* error = nullptr;
+  const int result = sqlite3_exec(database_, text.c_str(), nullptr, nullptr, &error);
+  if (result != SQLITE_OK) {
+    const std::string message = error ? error : sqlite3_errstr(result);
+    sqlite3_free(error);
+    throw Error(sqlite3_extended_errcode(database_), text + ": " + message);
+  }
+}
+
+Statement Connection::prepare(std::string_view sql) {
+  sqlite3_stmt* statement = nullptr;
+  const int result = sqlite3_prepare_v3(database_, sql.data(), static_cast<int>(sql.size()), 0, &statement, nullptr);
+  if (result != SQLITE_OK) fail(database_, result, sql);
+  return Statement(database_, statement);
+}
+
+Statement& Connection::cached(std::string_view sql) {
+  auto found = cache_.find(sql);
+  if (found == cache_.end()) {
+    sqlite3_stmt* statement = nullptr;
+    const int result = sqlite3_prepare_v3(database_, sql.data(), static_cast<int>(sql.size()),
+                                          SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+    if (result != SQLITE_OK) fail(database_, result, sql);
+    found = cache_.emplace(std::string(sql), std::unique_ptr<Statement>(new Statement(database_, statement))).first;
+  } else {
+    found->second->reset();
+    found->second->clearBindings();
+  }
+  return *found->second;
+}
+
+std::int64_t Connection::lastInsertRowId() const { return sqlite3_last_insert_rowid(database_); }
+int Connection::changes() const { return sqlite3_changes(database_); }
+
+int Connection::userVersion() {
+  Statement statement = prepare("PRAGMA user_version");
+  statement.step();
+  return static_cast<int>(statement.int64(0));
+}
+
+void Connection::setUserVersion(int version) { execute("PRAGMA user_version = " + std::to_string(version)); }
+
+void Connection::setBusyTimeout(int milliseconds) { sqlite3_busy_timeout(database_, milliseconds); }
+
+Transaction::Transaction(Connection& connection, Behavior behavior) : connection_(connection) {
+  switch (behavior) {
+    case Behavior::deferred:
+      connection_.execute("BEGIN DEFERRED");
+      break;
+    case Behavior::immediate:
+      connection_.execute("BEGIN IMMEDIATE");
+      break;
+    case Behavior::exclusive:
+      connection_.execute("BEGIN EXCLUSIVE");
+      break;
+  }
+}
+
+Transaction::~Transaction() {
+  if (!active_) return;
+  // A failed rollback leaves nothing better to do; SQLite rolls back on close anyway.
+  sqlite3_exec(connection_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void Transaction::commit() {
+  connection_.execute("COMMIT");
+  active_ = false;
+}
+
+void Transaction::rollback() {
+  active_ = false;
+  connection_.execute("ROLLBACK");
+}
+
+}  // namespace tarnwell::sqlite

@@ -1,0 +1,124 @@
+// The `tarnwell` command, driven as a user drives it: one process per call.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/TestEnvironment.h"
+#include "tarnwell/platform/Uuid.h"
+
+namespace tarnwell {
+namespace {
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+class CliTest : public ::testing::Test {
+ protected:
+  // Runs tarnwell with a private XDG data home and, unless told otherwise, the test's installation.
+  Outcome run(const std::string& arguments, bool withContainer = true) {
+    const char* binary = std::getenv("TARNWELL_CLI");
+    if (!binary) throw std::runtime_error("TARNWELL_CLI is not set");
+    const auto out = folder.path() / "out.txt", err = folder.path() / "err.txt";
+    const std::string command = "XDG_DATA_HOME='" + (folder.path() / "xdg").string() + "' '" + binary + "' " +
+                                (withContainer ? "--container '" + container().string() + "' " : "") + arguments +
+                                " >'" + out.string() + "' 2>'" + err.string() + "'";
+    const int raw = std::system(command.c_str());
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read(out), read(err)};
+  }
+  std::filesystem::path container() const { return folder.path() / "phone"; }
+
+  static std::string read(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  static nlohmann::json json(const Outcome& result) { return nlohmann::json::parse(result.out); }
+
+  testing::TemporaryFolder folder;
+};
+
+TEST_F(CliTest, AFreshInstallationReadsTheDefaults) {
+  const std::pair<const char*, nlohmann::json> expected[] = {
+      {"defaultScreenTimeGoal", 18000.0}, {"defaultPickupGoal", 60},         {"excludeFocusTime", true},
+      {"defaultTimeForBed", 82800.0},     {"defaultSleepTimeGoal", 28800.0}, {"startOfDayScreenTime", 0.0},
+      {"weekStartsFromMonday", true},     {"colorTheme", "system"},
+  };
+  for (const auto& [name, value] : expected) {
+    const Outcome result = run(std::string("--json settings get ") + name);
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(json(result), (nlohmann::json{{"name", name}, {"value", value}}));
+  }
+  EXPECT_EQ(run("settings get defaultScreenTimeGoal").out, "18000.0\n");
+  EXPECT_EQ(run("settings get colorTheme").out, "system\n");
+}
+
+TEST_F(CliTest, SetThenGetRoundTripsAcrossProcesses) {
+  EXPECT_EQ(run("settings set defaultPickupGoal 45").status, 0);
+  EXPECT_EQ(run("settings get defaultPickupGoal").out, "45\n");
+  EXPECT_EQ(run("settings set colorTheme dark").status, 0);
+  EXPECT_EQ(run("settings get colorTheme --json").out, "{\"name\":\"colorTheme\",\"value\":\"dark\"}\n");
+  EXPECT_EQ(run("settings set defaultFocusType countdown:600").status, 0);
+  EXPECT_EQ(json(run("--json settings get defaultFocusType"))["value"],
+            nlohmann::json::parse(R"({"countdown":{"duration":600.0,"reminderInterval":0.0}})"));
+  EXPECT_EQ(run("--tz Europe/Berlin settings set cloudKitLastSyncDate 2026-11-22T08:30:00").status, 0);
+  EXPECT_EQ(run("--tz UTC settings get cloudKitLastSyncDate").out, "2026-11-22T07:30:00Z\n");
+  EXPECT_EQ(run("settings set cloudKitLastSyncDate null").status, 0);
+  EXPECT_EQ(run("settings get cloudKitLastSyncDate").out, "null\n");
+}
+
+TEST_F(CliTest, BadValuesAndNamesAreRefusedAndChangeNothing) {
+  ASSERT_EQ(run("settings set defaultScreenTimeGoal 3600").status, 0);
+  for (const char* bad :
+       {"settings set defaultScreenTimeGoal 1h", "settings set defaultScreenTimeGoal nan",
+        "settings set defaultPickupGoal 4.5", "settings set excludeFocusTime yes", "settings set colorTheme sepia",
+        "settings set defaultFocusType sprint:10", "settings set cloudKitLastSyncDate yesterday",
+        "settings set deviceId X", "settings get noSuchSetting", "settings set noSuchSetting 1"}) {
+    const Outcome result = run(bad);
+    EXPECT_NE(result.status, 0) << bad;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << bad << ": " << result.err;
+    EXPECT_TRUE(result.out.empty()) << bad;
+  }
+  EXPECT_EQ(run("settings get defaultScreenTimeGoal").out, "3600.0\n");
+  EXPECT_EQ(run("settings get excludeFocusTime").out, "true\n");
+}
+
+TEST_F(CliTest, TheDeviceIdSurvivesAReinstallThroughTheKeychain) {
+  const std::string id = json(run("--json info"))["deviceId"];
+  EXPECT_TRUE(isUpperCaseUUIDString(id)) << id;
+  std::filesystem::remove_all(container());
+  EXPECT_EQ(json(run("--json info"))["deviceId"], id);
+  std::filesystem::remove_all(container());
+  std::filesystem::remove_all(folder.path() / "xdg" / "tarnwell" / "keychain");
+  const std::string fresh = json(run("--json info"))["deviceId"];
+  EXPECT_TRUE(isUpperCaseUUIDString(fresh));
+  EXPECT_NE(fresh, id);
+}
+
+TEST_F(CliTest, GlobalOptionsPinTheClockZoneAndLocale) {
+  const auto facts = json(run("--now 2026-11-22T10:00:00Z --tz Asia/Kolkata --locale de-DE --json info"));
+  EXPECT_EQ(facts["now"], "2026-11-22T15:30:00+05:30");
+  EXPECT_EQ(facts["timeZone"], "Asia/Kolkata");
+  EXPECT_EQ(facts["locale"], "de_DE");
+  EXPECT_EQ(facts["appGroupContainer"], (container() / "group.org.vostra.tarnwell").string());
+  EXPECT_TRUE(std::filesystem::exists(container() / "group.org.vostra.tarnwell" / "console.log"));
+  for (const char* bad : {"--tz Mars/Base info", "--now tomorrow info", "info --unknown", ""}) {
+    const Outcome result = run(bad);
+    EXPECT_NE(result.status, 0) << bad;
+    EXPECT_FALSE(result.err.empty()) << bad;
+  }
+}
+
+TEST_F(CliTest, WithoutAContainerTheInstallationLivesUnderXDG) {
+  const auto facts = json(run("--json info", false));
+  EXPECT_EQ(facts["appGroupContainer"],
+            (folder.path() / "xdg" / "tarnwell" / "container" / "group.org.vostra.tarnwell").string());
+}
+
+}  // namespace
+}  // namespace tarnwell
