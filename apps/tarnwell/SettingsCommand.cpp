@@ -16,7 +16,6 @@ using widgets::FocusType;
 // checks the text it is given before anything is stored.
 struct Entry {
   std::string name;
-  std::string accepts;
   std::function<nlohmann::json()> get;
   std::function<void(const std::string&)> set;  // empty for read-only settings
 };
@@ -124,23 +123,27 @@ nlohmann::json optionalJSON(const std::optional<T>& value) {
   return value ? nlohmann::json(*value) : nlohmann::json(nullptr);
 }
 
+// A setting of a plain type: read as itself, written after `parse` accepts the text.
+template <class T>
+Entry plain(std::string name, T (*parse)(const std::string&, const std::string&), T (*get)(), void (*set)(T)) {
+  return {name, [get] { return nlohmann::json(get()); },
+          [name, parse, set](const std::string& text) { set(parse(name, text)); }};
+}
+
 Entry number(std::string name, double (*get)(), void (*set)(double)) {
-  return {name, "a number of seconds", [get] { return nlohmann::json(get()); },
-          [name, set](const std::string& text) { set(parseNumber(name, text)); }};
+  return plain(std::move(name), parseNumber, get, set);
 }
 
 Entry integer(std::string name, int (*get)(), void (*set)(int)) {
-  return {name, "a whole number", [get] { return nlohmann::json(get()); },
-          [name, set](const std::string& text) { set(parseInteger(name, text)); }};
+  return plain(std::move(name), parseInteger, get, set);
 }
 
 Entry boolean(std::string name, bool (*get)(), void (*set)(bool)) {
-  return {name, "true or false", [get] { return nlohmann::json(get()); },
-          [name, set](const std::string& text) { set(parseBool(name, text)); }};
+  return plain(std::move(name), parseBool, get, set);
 }
 
 Entry optionalDate(std::string name, std::optional<Date> (*get)(), void (*set)(std::optional<Date>)) {
-  return {name, "an ISO 8601 time or null", [get] { return dateJSON(get()); },
+  return {name, [get] { return dateJSON(get()); },
           [name, set](const std::string& text) {
             set(text == "null" ? std::nullopt : std::optional<Date>(parseDate(name, text)));
           }};
@@ -148,15 +151,14 @@ Entry optionalDate(std::string name, std::optional<Date> (*get)(), void (*set)(s
 
 Entry optionalText(std::string name, std::optional<std::string> (*get)(),
                    void (*set)(const std::optional<std::string>&)) {
-  return {name, "a text or null", [get] { return optionalJSON(get()); },
+  return {name, [get] { return optionalJSON(get()); },
           optionalWriter<std::string>(
               name, [](const std::string&, const std::string& text) { return text; }, set)};
 }
 
 Entry optionalFocusType(std::string name, std::optional<FocusType> (*get)(),
                         void (*set)(const std::optional<FocusType>&)) {
-  return {name, "a focus type or null", [get] { return optionalJSON(get()); },
-          optionalWriter<FocusType>(name, parseFocusType, set)};
+  return {name, [get] { return optionalJSON(get()); }, optionalWriter<FocusType>(name, parseFocusType, set)};
 }
 
 const std::vector<Entry>& catalogue() {
@@ -181,19 +183,18 @@ const std::vector<Entry>& catalogue() {
                         &Settings::setPreviousFocusTypeCountdown),
       optionalFocusType("previousFocusTypeAddTime", &Settings::previousFocusTypeAddTime,
                         &Settings::setPreviousFocusTypeAddTime),
-      {"defaultFocusType", "a focus type", [] { return nlohmann::json(Settings::defaultFocusType()); },
+      {"defaultFocusType", [] { return nlohmann::json(Settings::defaultFocusType()); },
        [](const std::string& text) { Settings::setDefaultFocusType(parseFocusType("defaultFocusType", text)); }},
       optionalText("defaultFocusTagId", &Settings::defaultFocusTagId, &Settings::setDefaultFocusTagId),
-      {"defaultSleepDataSource", "a sleep source or null",
-       [] { return nlohmann::json(Settings::defaultSleepDataSource()); },
+      {"defaultSleepDataSource", [] { return nlohmann::json(Settings::defaultSleepDataSource()); },
        optionalWriter<SleepDataSource>("defaultSleepDataSource", parseSleepSource,
                                        &Settings::setDefaultSleepDataSource)},
       boolean("syncToHealthKitSleepAnalysis", &Settings::syncToHealthKitSleepAnalysis,
               &Settings::setSyncToHealthKitSleepAnalysis),
       boolean("syncToCloudKit", &Settings::syncToCloudKit, &Settings::setSyncToCloudKit),
       optionalDate("cloudKitLastSyncDate", &Settings::cloudKitLastSyncDate, &Settings::setCloudKitLastSyncDate),
-      {"deviceId", "", [] { return nlohmann::json(Settings::deviceId()); }, {}},
-      {"colorTheme", "system, light or dark", [] { return nlohmann::json(rawValue(Settings::colorTheme())); },
+      {"deviceId", [] { return nlohmann::json(Settings::deviceId()); }, {}},
+      {"colorTheme", [] { return nlohmann::json(rawValue(Settings::colorTheme())); },
        [](const std::string& text) {
          const auto theme = colorThemeFromRawValue(text);
          if (!theme) refuse("colorTheme", text, "system, light or dark");
@@ -201,7 +202,7 @@ const std::vector<Entry>& catalogue() {
        }},
       boolean("weekStartsFromMonday", &Settings::weekStartsFromMonday, &Settings::setWeekStartsFromMonday),
       boolean("using24HoursFormat", &Settings::using24HoursFormat, &Settings::setUsing24HoursFormat),
-      {"dialwickInActiveTime", "", [] { return dateJSON(Settings::dialwickInActiveTime()); }, {}},
+      {"dialwickInActiveTime", [] { return dateJSON(Settings::dialwickInActiveTime()); }, {}},
       optionalText("tarnwellFocusStatus", &Settings::tarnwellFocusStatus, &Settings::setTarnwellFocusStatus),
   };
   return entries;

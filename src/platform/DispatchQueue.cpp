@@ -61,6 +61,8 @@ struct DispatchQueue::State final : Clock::Observer {
   std::map<const void*, std::any> specifics;
   std::thread worker;
   std::thread::id owner;
+  // A block is running, on the worker or on a caller of sync().
+  bool busy = false;
   bool stopping = false;
 };
 
@@ -138,13 +140,19 @@ void DispatchQueue::enqueue(std::optional<Date> deadline, std::shared_ptr<Dispat
     std::unique_lock lock(state->mutex);
     for (;;) {
       state->promoteDueBlocks(state->clock.now());
+      if (state->busy) {
+        state->condition.wait(lock);  // a caller of sync() holds the queue
+        continue;
+      }
       if (!state->ready.empty()) {
         auto next = std::move(state->ready.front());
         state->ready.pop_front();
+        state->busy = true;
         lock.unlock();
         next->perform();
         next.reset();
         lock.lock();
+        state->busy = false;
         continue;
       }
       // Blocks that were due are done; blocks for later are dropped with the queue.
@@ -222,6 +230,26 @@ std::any DispatchQueue::currentSpecificValue(const void* key) {
   std::lock_guard guard(queue->state_->mutex);
   const auto found = queue->state_->specifics.find(key);
   return found == queue->state_->specifics.end() ? std::any() : found->second;
+}
+
+bool DispatchQueue::tryClaimForCaller() {
+  if (mode_ != Mode::thread) return false;  // a pumped queue runs on its owner's thread only
+  std::lock_guard guard(state_->mutex);
+  state_->promoteDueBlocks(state_->clock.now());
+  if (state_->busy || !state_->ready.empty() || state_->stopping) return false;
+  state_->busy = true;
+  return true;
+}
+
+DispatchQueue::InlineRun::InlineRun(DispatchQueue& queue) : queue_(queue), saved_(currentQueue) {
+  currentQueue = &queue;
+}
+
+DispatchQueue::InlineRun::~InlineRun() {
+  currentQueue = saved_;
+  std::lock_guard guard(queue_.state_->mutex);
+  queue_.state_->busy = false;
+  queue_.state_->condition.notify_all();
 }
 
 void DispatchQueue::failSyncOnCurrentQueue() const {

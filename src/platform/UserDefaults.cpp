@@ -78,13 +78,11 @@ std::optional<DefaultsValue> UserDefaults::object(std::string_view key) const {
   return value;
 }
 
-bool UserDefaults::boolForKey(std::string_view key) const {
-  const auto value = object(key);
-  if (!value) return false;
-  if (const auto* b = std::get_if<bool>(&*value)) return *b;
-  if (const auto* i = std::get_if<std::int64_t>(&*value)) return *i != 0;
-  if (const auto* d = std::get_if<double>(&*value)) return *d != 0;
-  if (const auto* s = std::get_if<std::string>(&*value)) {
+bool UserDefaults::boolValue(const DefaultsValue& value) {
+  if (const auto* b = std::get_if<bool>(&value)) return *b;
+  if (const auto* i = std::get_if<std::int64_t>(&value)) return *i != 0;
+  if (const auto* d = std::get_if<double>(&value)) return *d != 0;
+  if (const auto* s = std::get_if<std::string>(&value)) {
     const std::string_view text = trimmed(*s);
     if (text.empty()) return false;
     if (std::string_view("YyTt").find(text.front()) != std::string_view::npos) return true;
@@ -93,36 +91,50 @@ bool UserDefaults::boolForKey(std::string_view key) const {
   return false;
 }
 
-std::int64_t UserDefaults::integerForKey(std::string_view key) const {
-  const auto value = object(key);
-  if (!value) return 0;
-  if (const auto* b = std::get_if<bool>(&*value)) return *b ? 1 : 0;
-  if (const auto* i = std::get_if<std::int64_t>(&*value)) return *i;
-  if (const auto* d = std::get_if<double>(&*value)) return clampToInteger(*d);
-  if (const auto* s = std::get_if<std::string>(&*value)) {
+std::int64_t UserDefaults::integerValue(const DefaultsValue& value) {
+  if (const auto* b = std::get_if<bool>(&value)) return *b ? 1 : 0;
+  if (const auto* i = std::get_if<std::int64_t>(&value)) return *i;
+  if (const auto* d = std::get_if<double>(&value)) return clampToInteger(*d);
+  if (const auto* s = std::get_if<std::string>(&value)) {
     return clampToInteger(std::strtod(std::string(trimmed(*s)).c_str(), nullptr));
   }
   return 0;
 }
 
+double UserDefaults::doubleValue(const DefaultsValue& value) {
+  if (const auto* b = std::get_if<bool>(&value)) return *b ? 1 : 0;
+  if (const auto* i = std::get_if<std::int64_t>(&value)) return static_cast<double>(*i);
+  if (const auto* d = std::get_if<double>(&value)) return *d;
+  if (const auto* s = std::get_if<std::string>(&value)) return std::strtod(std::string(trimmed(*s)).c_str(), nullptr);
+  return 0;
+}
+
+std::optional<std::string> UserDefaults::stringValue(const DefaultsValue& value) {
+  if (const auto* s = std::get_if<std::string>(&value)) return *s;
+  if (const auto* b = std::get_if<bool>(&value)) return *b ? "1" : "0";
+  if (const auto* i = std::get_if<std::int64_t>(&value)) return std::to_string(*i);
+  if (const auto* d = std::get_if<double>(&value)) return formatDouble(*d);
+  return std::nullopt;
+}
+
+bool UserDefaults::boolForKey(std::string_view key) const {
+  const auto value = object(key);
+  return value && boolValue(*value);
+}
+
+std::int64_t UserDefaults::integerForKey(std::string_view key) const {
+  const auto value = object(key);
+  return value ? integerValue(*value) : 0;
+}
+
 double UserDefaults::doubleForKey(std::string_view key) const {
   const auto value = object(key);
-  if (!value) return 0;
-  if (const auto* b = std::get_if<bool>(&*value)) return *b ? 1 : 0;
-  if (const auto* i = std::get_if<std::int64_t>(&*value)) return static_cast<double>(*i);
-  if (const auto* d = std::get_if<double>(&*value)) return *d;
-  if (const auto* s = std::get_if<std::string>(&*value)) return std::strtod(std::string(trimmed(*s)).c_str(), nullptr);
-  return 0;
+  return value ? doubleValue(*value) : 0;
 }
 
 std::optional<std::string> UserDefaults::stringForKey(std::string_view key) const {
   const auto value = object(key);
-  if (!value) return std::nullopt;
-  if (const auto* s = std::get_if<std::string>(&*value)) return *s;
-  if (const auto* b = std::get_if<bool>(&*value)) return *b ? "1" : "0";
-  if (const auto* i = std::get_if<std::int64_t>(&*value)) return std::to_string(*i);
-  if (const auto* d = std::get_if<double>(&*value)) return formatDouble(*d);
-  return std::nullopt;
+  return value ? stringValue(*value) : std::nullopt;
 }
 
 std::optional<Date> UserDefaults::dateForKey(std::string_view key) const {

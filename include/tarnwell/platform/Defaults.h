@@ -37,71 +37,41 @@ struct Codec {
   }
 };
 
-template <>
-struct Codec<bool> {
-  static std::optional<bool> read(const UserDefaults& store, std::string_view key) {
-    if (!store.contains(key)) return std::nullopt;
-    return store.boolForKey(key);
+// Types the store keeps as themselves. Numbers and booleans are read from the
+// stored value (whatever its type) in one look-up, so that absence is told
+// apart from zero; the others have getters that already answer nothing.
+template <class T, auto Convert>
+struct ConvertedCodec {
+  static std::optional<T> read(const UserDefaults& store, std::string_view key) {
+    const auto value = store.object(key);
+    if (!value) return std::nullopt;
+    return static_cast<T>(Convert(*value));
   }
-  static void write(UserDefaults& store, std::string_view key, bool value) { store.set(key, value); }
+  static void write(UserDefaults& store, std::string_view key, T value) { store.set(key, value); }
+};
+
+template <class T, auto Getter>
+struct StoredCodec {
+  static std::optional<T> read(const UserDefaults& store, std::string_view key) { return (store.*Getter)(key); }
+  static void write(UserDefaults& store, std::string_view key, const T& value) { store.set(key, value); }
 };
 
 template <>
-struct Codec<std::int64_t> {
-  static std::optional<std::int64_t> read(const UserDefaults& store, std::string_view key) {
-    if (!store.contains(key)) return std::nullopt;
-    return store.integerForKey(key);
-  }
-  static void write(UserDefaults& store, std::string_view key, std::int64_t value) { store.set(key, value); }
-};
-
+struct Codec<bool> : ConvertedCodec<bool, &UserDefaults::boolValue> {};
 template <>
-struct Codec<int> {
-  static std::optional<int> read(const UserDefaults& store, std::string_view key) {
-    if (!store.contains(key)) return std::nullopt;
-    return static_cast<int>(store.integerForKey(key));
-  }
-  static void write(UserDefaults& store, std::string_view key, int value) { store.set(key, value); }
-};
-
+struct Codec<std::int64_t> : ConvertedCodec<std::int64_t, &UserDefaults::integerValue> {};
 template <>
-struct Codec<double> {
-  static std::optional<double> read(const UserDefaults& store, std::string_view key) {
-    if (!store.contains(key)) return std::nullopt;
-    return store.doubleForKey(key);
-  }
-  static void write(UserDefaults& store, std::string_view key, double value) { store.set(key, value); }
-};
-
+struct Codec<int> : ConvertedCodec<int, &UserDefaults::integerValue> {};
 template <>
-struct Codec<std::string> {
-  static std::optional<std::string> read(const UserDefaults& store, std::string_view key) {
-    return store.stringForKey(key);
-  }
-  static void write(UserDefaults& store, std::string_view key, const std::string& value) { store.set(key, value); }
-};
-
+struct Codec<double> : ConvertedCodec<double, &UserDefaults::doubleValue> {};
 template <>
-struct Codec<Date> {
-  static std::optional<Date> read(const UserDefaults& store, std::string_view key) { return store.dateForKey(key); }
-  static void write(UserDefaults& store, std::string_view key, Date value) { store.set(key, value); }
-};
-
+struct Codec<std::string> : StoredCodec<std::string, &UserDefaults::stringForKey> {};
 template <>
-struct Codec<Data> {
-  static std::optional<Data> read(const UserDefaults& store, std::string_view key) { return store.dataForKey(key); }
-  static void write(UserDefaults& store, std::string_view key, const Data& value) { store.set(key, value); }
-};
-
+struct Codec<Date> : StoredCodec<Date, &UserDefaults::dateForKey> {};
 template <>
-struct Codec<std::vector<std::string>> {
-  static std::optional<std::vector<std::string>> read(const UserDefaults& store, std::string_view key) {
-    return store.stringArrayForKey(key);
-  }
-  static void write(UserDefaults& store, std::string_view key, const std::vector<std::string>& value) {
-    store.set(key, value);
-  }
-};
+struct Codec<Data> : StoredCodec<Data, &UserDefaults::dataForKey> {};
+template <>
+struct Codec<std::vector<std::string>> : StoredCodec<std::vector<std::string>, &UserDefaults::stringArrayForKey> {};
 
 // Which store a key lives in, looked up at each use so that a new Environment
 // is picked up.

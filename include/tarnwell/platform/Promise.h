@@ -185,17 +185,10 @@ class Promise {
   // f(T) -> Promise<U> or Guarantee<U>: the next step, which may itself wait.
   template <class F>
   auto then(DispatchQueue& on, F f) const {
-    using Next = promise_detail::Result<T, F>;
-    using U = typename promise_detail::Unwrap<Next>::Type;
+    using U = typename promise_detail::Unwrap<promise_detail::Result<T, F>>::Type;
     auto [next, resolver] = Promise<U>::pending();
-    subscribe(on, [f = std::move(f), resolver](auto& state) mutable {
-      if (forwardRejection(state, resolver)) return;
-      try {
-        auto value = *state.value();
-        promise_detail::invoke<T>(f, value).pipe(resolver);
-      } catch (...) {
-        resolver.reject(std::current_exception());
-      }
+    whenFulfilled(on, resolver, [f = std::move(f)](Value& value, const auto& r) mutable {
+      promise_detail::invoke<T>(f, value).pipe(r);
     });
     return next;
   }
@@ -209,18 +202,12 @@ class Promise {
   auto map(DispatchQueue& on, F f) const {
     using U = promise_detail::Result<T, F>;
     auto [next, resolver] = Promise<U>::pending();
-    subscribe(on, [f = std::move(f), resolver](auto& state) mutable {
-      if (forwardRejection(state, resolver)) return;
-      try {
-        auto value = *state.value();
-        if constexpr (std::is_void_v<U>) {
-          promise_detail::invoke<T>(f, value);
-          resolver.fulfill();
-        } else {
-          resolver.fulfill(promise_detail::invoke<T>(f, value));
-        }
-      } catch (...) {
-        resolver.reject(std::current_exception());
+    whenFulfilled(on, resolver, [f = std::move(f)](Value& value, const auto& r) mutable {
+      if constexpr (std::is_void_v<U>) {
+        promise_detail::invoke<T>(f, value);
+        r.fulfill();
+      } else {
+        r.fulfill(promise_detail::invoke<T>(f, value));
       }
     });
     return next;
@@ -252,10 +239,7 @@ class Promise {
   Promise recover(DispatchQueue& on, F f) const {
     auto [next, resolver] = pending();
     subscribe(on, [f = std::move(f), resolver](auto& state) mutable {
-      if (state.isFulfilled()) {
-        fulfillWith(resolver, *state.value());
-        return;
-      }
+      if (state.isFulfilled()) return settle(resolver, state);
       try {
         f(state.error()).pipe(resolver);
       } catch (...) {
@@ -275,11 +259,7 @@ class Promise {
     auto [next, resolver] = pending();
     subscribe(on, [f = std::move(f), resolver](auto& state) mutable {
       f();
-      if (state.isFulfilled()) {
-        fulfillWith(resolver, *state.value());
-      } else {
-        resolver.reject(state.error());
-      }
+      settle(resolver, state);
     });
     return next;
   }
@@ -293,14 +273,7 @@ class Promise {
   void pipe(const R& resolver) const {
     // Weak: a promise that stays pending must not keep itself alive through
     // its own callbacks. While settling, the settler holds the state.
-    state_->subscribe([weak = std::weak_ptr(state_), resolver] {
-      const auto state = weak.lock();
-      if (state->isFulfilled()) {
-        fulfillWith(resolver, *state->value());
-      } else {
-        resolver.reject(state->error());
-      }
-    });
+    state_->subscribe([weak = std::weak_ptr(state_), resolver] { settle(resolver, *weak.lock()); });
   }
 
  private:
@@ -318,19 +291,29 @@ class Promise {
     });
   }
 
-  template <class R>
-  static bool forwardRejection(const promise_detail::State<T>& state, const R& resolver) {
-    if (!state.isRejected()) return false;
-    resolver.reject(state.error());
-    return true;
+  // Calls body(value, resolver) on `on` once fulfilled. A rejection passes to
+  // `resolver` untouched, and a throw from the body rejects it.
+  template <class R, class Body>
+  void whenFulfilled(DispatchQueue& on, R resolver, Body body) const {
+    subscribe(on, [resolver, body = std::move(body)](auto& state) mutable {
+      if (state.isRejected()) return resolver.reject(state.error());
+      try {
+        auto value = *state.value();
+        body(value, resolver);
+      } catch (...) {
+        resolver.reject(std::current_exception());
+      }
+    });
   }
 
+  // Settles `resolver` as `state` was settled.
   template <class R>
-  static void fulfillWith(const R& resolver, Value value) {
+  static void settle(const R& resolver, const promise_detail::State<T>& state) {
+    if (state.isRejected()) return resolver.reject(state.error());
     if constexpr (std::is_void_v<T>) {
       resolver.fulfill();
     } else {
-      resolver.fulfill(std::move(value));
+      resolver.fulfill(*state.value());
     }
   }
 

@@ -59,6 +59,12 @@ class UserDefaults {
   std::optional<Data> dataForKey(std::string_view key) const;
   std::optional<std::vector<std::string>> stringArrayForKey(std::string_view key) const;
 
+  // How the typed getters read a stored value of any type.
+  static bool boolValue(const DefaultsValue& value);
+  static std::int64_t integerValue(const DefaultsValue& value);
+  static double doubleValue(const DefaultsValue& value);
+  static std::optional<std::string> stringValue(const DefaultsValue& value);
+
   void setObject(std::string_view key, DefaultsValue value);
   // One overload per stored type, so that no argument converts silently into
   // another type (a double into an integer, a text into a bool).
