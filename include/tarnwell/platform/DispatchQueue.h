@@ -60,7 +60,8 @@ class DispatchQueue {
 
   // `clock` must outlive the queue.
   DispatchQueue(std::string label, const Clock& clock, Mode mode = Mode::thread);
-  // A thread-backed queue on the installed Environment's clock.
+  // A thread-backed queue on the installed Environment's clock; it must not
+  // outlive that Environment (make it a component of it).
   explicit DispatchQueue(std::string label);
   ~DispatchQueue();
 
