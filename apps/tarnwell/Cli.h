@@ -10,7 +10,9 @@
 #include <string>
 #include <string_view>
 
+#include "tarnwell/platform/Base64.h"
 #include "tarnwell/platform/Date.h"
+#include "tarnwell/store/Schema.h"
 
 namespace tarnwell::cli {
 
@@ -36,7 +38,7 @@ class Output {
   explicit Output(const GlobalOptions& options) : options_(options) {}
   bool json() const { return options_.json; }
   // Prints `value` as JSON on one line, or `text` when JSON was not asked for.
-  void print(const nlohmann::json& value, const std::string& text) const;
+  void print(const nlohmann::ordered_json& value, const std::string& text) const;
 
  private:
   const GlobalOptions& options_;
@@ -44,12 +46,43 @@ class Output {
 
 // A JSON value as a person reads it: text without quotes, numbers as JSON
 // writes them (18000.0), "null" for nothing, structures as compact JSON.
-std::string plainText(const nlohmann::json& value);
+std::string plainText(const nlohmann::ordered_json& value);
 
 // An ISO 8601 instant in the current region's zone; InputError otherwise.
 Date parseInstant(std::string_view text);
 
+// A record as JSON with its property names as keys: dates in ISO 8601 with
+// the zone's offset, nothing as null.
+template <class Record>
+nlohmann::ordered_json recordJSON(const Record& record);
+
 void addInfoCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addSettingsCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+
+namespace json_detail {
+inline nlohmann::ordered_json value(const std::string& v) { return v; }
+inline nlohmann::ordered_json value(Date v) { return v.iso8601(); }
+inline nlohmann::ordered_json value(bool v) { return v; }
+inline nlohmann::ordered_json value(std::int64_t v) { return v; }
+inline nlohmann::ordered_json value(double v) { return v; }
+inline nlohmann::ordered_json value(const Data& v) { return base64::encode(v); }
+template <class T>
+nlohmann::ordered_json value(const std::vector<T>& v) {
+  return v;
+}
+template <class T>
+nlohmann::ordered_json value(const std::optional<T>& v) {
+  return v ? value(*v) : nlohmann::ordered_json(nullptr);
+}
+}  // namespace json_detail
+
+template <class Record>
+nlohmann::ordered_json recordJSON(const Record& record) {
+  nlohmann::ordered_json json = nlohmann::ordered_json::object();
+  store::forEachProperty<Record>(
+      [&](const auto& p) { json[std::string(p.name)] = json_detail::value(record.*(p.member)); });
+  return json;
+}
 
 }  // namespace tarnwell::cli

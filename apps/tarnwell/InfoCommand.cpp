@@ -13,7 +13,7 @@ void addInfoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
     action = [&options] {
       Environment& environment = Environment::current();
       const Region region = environment.region();
-      const nlohmann::json facts = {
+      const nlohmann::ordered_json facts = {
           {"deviceId", Settings::deviceId()},
           {"displayName", AppInfo::displayName()},
           {"version", AppInfo::versionString()},

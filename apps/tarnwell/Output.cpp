@@ -4,7 +4,7 @@
 
 namespace tarnwell::cli {
 
-void Output::print(const nlohmann::json& value, const std::string& text) const {
+void Output::print(const nlohmann::ordered_json& value, const std::string& text) const {
   if (options_.json) {
     std::cout << value.dump() << '\n';
   } else {
@@ -12,7 +12,7 @@ void Output::print(const nlohmann::json& value, const std::string& text) const {
   }
 }
 
-std::string plainText(const nlohmann::json& value) {
+std::string plainText(const nlohmann::ordered_json& value) {
   if (value.is_string()) return value.get<std::string>();
   return value.dump();
 }

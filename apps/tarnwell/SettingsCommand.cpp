@@ -215,7 +215,7 @@ const Entry& find(const std::string& name) {
   throw InputError("unknown setting \"" + name + "\" (see tarnwell settings list)");
 }
 
-nlohmann::json named(const Entry& entry) { return {{"name", entry.name}, {"value", entry.get()}}; }
+nlohmann::ordered_json named(const Entry& entry) { return {{"name", entry.name}, {"value", entry.get()}}; }
 
 }  // namespace
 
@@ -226,7 +226,7 @@ void addSettingsCommands(CLI::App& app, const GlobalOptions& options, Action& ac
   auto* list = settings->add_subcommand("list", "Every setting with its value");
   list->callback([&options, &action] {
     action = [&options] {
-      nlohmann::json all = nlohmann::json::array();
+      nlohmann::ordered_json all = nlohmann::ordered_json::array();
       std::string text;
       for (const auto& entry : catalogue()) {
         all.push_back(named(entry));

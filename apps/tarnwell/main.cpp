@@ -52,6 +52,7 @@ int main(int argc, char** argv) {
   Action action;
   addInfoCommand(app, options, action);
   addSettingsCommands(app, options, action);
+  addStoreCommands(app, options, action);
 
   try {
     app.parse(argc, argv);

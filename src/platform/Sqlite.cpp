@@ -122,7 +122,10 @@ Connection::Connection(const std::filesystem::path& file, OpenMode mode) : file_
 }
 
 Connection::Connection(Connection&& other) noexcept
-    : file_(std::move(other.file_)), database_(other.database_), cache_(std::move(other.cache_)) {
+    : file_(std::move(other.file_)),
+      database_(other.database_),
+      cache_(std::move(other.cache_)),
+      rowHook_(std::move(other.rowHook_)) {
   other.database_ = nullptr;
 }
 
@@ -133,6 +136,7 @@ Connection& Connection::operator=(Connection&& other) noexcept {
     file_ = std::move(other.file_);
     database_ = other.database_;
     cache_ = std::move(other.cache_);
+    rowHook_ = std::move(other.rowHook_);
     other.database_ = nullptr;
   }
   return *this;
@@ -188,6 +192,50 @@ int Connection::userVersion() {
 void Connection::setUserVersion(int version) { execute("PRAGMA user_version = " + std::to_string(version)); }
 
 void Connection::setBusyTimeout(int milliseconds) { sqlite3_busy_timeout(database_, milliseconds); }
+
+namespace {
+
+std::int64_t pragmaNumber(Connection& connection, const char* pragma) {
+  Statement statement = connection.prepare(std::string("PRAGMA ") + pragma);
+  statement.step();
+  return statement.int64(0);
+}
+
+}  // namespace
+
+std::int64_t Connection::pageCount() { return pragmaNumber(*this, "page_count"); }
+std::int64_t Connection::freelistCount() { return pragmaNumber(*this, "freelist_count"); }
+std::int64_t Connection::pageSize() { return pragmaNumber(*this, "page_size"); }
+
+bool Connection::tableExists(std::string_view table) {
+  Statement statement = prepare("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?1");
+  statement.bind(1, table);
+  return statement.step();
+}
+
+std::vector<std::string> Connection::columns(std::string_view table) {
+  Statement statement = prepare("SELECT name FROM pragma_table_info(?1)");
+  statement.bind(1, table);
+  std::vector<std::string> names;
+  while (statement.step()) names.push_back(statement.text(0));
+  return names;
+}
+
+void Connection::setRowHook(std::function<void(bool, std::string_view)> hook) {
+  if (!hook) {
+    sqlite3_update_hook(database_, nullptr, nullptr);
+    rowHook_.reset();
+    return;
+  }
+  rowHook_ = std::make_unique<std::function<void(bool, std::string_view)>>(std::move(hook));
+  sqlite3_update_hook(
+      database_,
+      [](void* context, int operation, const char*, const char* table, sqlite3_int64) {
+        if (operation == SQLITE_DELETE) return;
+        (*static_cast<std::function<void(bool, std::string_view)>*>(context))(operation == SQLITE_INSERT, table);
+      },
+      rowHook_.get());
+}
 
 Transaction::Transaction(Connection& connection, Behavior behavior) : connection_(connection) {
   switch (behavior) {

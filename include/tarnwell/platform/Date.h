@@ -31,6 +31,9 @@ class Date {
 
   // The current instant of the installed Environment's clock.
   static Date now();
+  // 0001-01-01 and 4001-01-01 UTC: bounds for "any time".
+  static constexpr Date distantPast() { return Date(-63114076800.0); }
+  static constexpr Date distantFuture() { return Date(63113904000.0); }
 
   constexpr double timeIntervalSinceReferenceDate() const { return seconds_; }
   constexpr double timeIntervalSince1970() const { return seconds_ + kTimeIntervalBetween1970AndReferenceDate; }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -104,6 +105,17 @@ class Connection {
 
   int userVersion();
   void setUserVersion(int version);
+  // Rows of the database, and of them the free ones, in pages of pageSize().
+  std::int64_t pageCount();
+  std::int64_t freelistCount();
+  std::int64_t pageSize();
+  bool tableExists(std::string_view table);
+  // Column names of a table, in order; empty for a missing table.
+  std::vector<std::string> columns(std::string_view table);
+
+  // Called for every row a statement of this connection inserts (true) or
+  // updates (false), with the table's name; replaces the previous hook.
+  void setRowHook(std::function<void(bool inserted, std::string_view table)> hook);
   // Milliseconds a statement waits on another connection's lock before SQLITE_BUSY.
   void setBusyTimeout(int milliseconds);
 
@@ -114,6 +126,7 @@ class Connection {
   std::filesystem::path file_;
   sqlite3* database_ = nullptr;
   std::map<std::string, std::unique_ptr<Statement>, std::less<>> cache_;
+  std::unique_ptr<std::function<void(bool, std::string_view)>> rowHook_;
 };
 
 // A write transaction that rolls back unless committed.

@@ -1,0 +1,309 @@
+// Store: the embedded object store, one SQLite file of records.
+//
+// A Store is a handle on the calling thread's connection to the file; every
+// thread has its own, cached, so opening is cheap after the first time. The
+// first open of a file in a process (per Environment) prepares it: tables
+// are created from the records' declarations, an older file is widened and
+// migrated to the configured schema version (kept in `PRAGMA user_version`),
+// and a file with much free space is compacted. Reads outside a transaction
+// see the latest commit of any thread or process.
+//
+// Writes run in a transaction (Store::write) that records which primary keys
+// of which classes were inserted, modified or deleted. After the commit,
+// observers of those classes are told on the main queue, except those whose
+// tokens the write excluded; this is how a change that came from elsewhere
+// (the cloud) is kept from going back out.
+//
+// Records leave the store as plain values. Failures throw sqlite::Error,
+// which carries SQLite's result code.
+
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "tarnwell/platform/Date.h"
+#include "tarnwell/platform/Sqlite.h"
+#include "tarnwell/store/Schema.h"
+
+namespace tarnwell::store {
+
+// A value bound to a query parameter.
+using QueryValue = std::variant<std::nullptr_t, std::int64_t, double, std::string, Date, bool>;
+
+// The selection of a query: a SQL condition over the record's columns (empty
+// for every row) with `?` parameters, and an order ("start ASC"). Rows of
+// equal order keys keep the store's order, the order they were added in.
+struct Query {
+  std::string where;
+  std::vector<QueryValue> arguments;
+  std::string orderBy;
+  std::optional<int> limit;
+
+  // Adds "AND condition" with its arguments, which keeps text and arguments
+  // in step however the conditions are put together.
+  Query& filter(std::string_view condition, std::initializer_list<QueryValue> values = {});
+  // Adds "AND column IN (?, ...)".
+  Query& filterIn(std::string_view column, const std::vector<std::string>& values);
+  Query& sorted(std::string order) {
+    orderBy = std::move(order);
+    return *this;
+  }
+  Query& limited(int count) {
+    limit = count;
+    return *this;
+  }
+};
+
+// The keys one commit changed in one class.
+struct ChangeSet {
+  std::string className;
+  std::vector<std::string> insertions;
+  std::vector<std::string> modifications;
+  std::vector<std::string> deletions;
+  // The first delivery after an observer registers, with no keys.
+  bool isInitial = false;
+
+  bool empty() const { return insertions.empty() && modifications.empty() && deletions.empty(); }
+};
+
+class ObserverRegistry;
+
+// Keeps an observation alive; move-only, unregisters when destroyed.
+class ObserverToken {
+ public:
+  ObserverToken() = default;
+  ObserverToken(ObserverToken&& other) noexcept;
+  ObserverToken& operator=(ObserverToken&& other) noexcept;
+  ObserverToken(const ObserverToken&) = delete;
+  ObserverToken& operator=(const ObserverToken&) = delete;
+  ~ObserverToken() { invalidate(); }
+
+  void invalidate();
+  std::uint64_t id() const { return id_; }
+
+ private:
+  friend class Store;
+  ObserverToken(std::weak_ptr<ObserverRegistry> registry, std::uint64_t id) : registry_(std::move(registry)), id_(id) {}
+
+  std::weak_ptr<ObserverRegistry> registry_;
+  std::uint64_t id_ = 0;
+};
+
+// A record class as the store keeps it: the table and its columns.
+struct TableSchema {
+  std::string className;
+  std::string createSQL;
+  // Column name and full definition, for columns an older file lacks.
+  std::vector<std::pair<std::string, std::string>> columns;
+  std::vector<std::string> indexesSQL;
+};
+
+template <class Record>
+TableSchema tableSchema() {
+  TableSchema schema{std::string(Record::className), createTableSQL<Record>(), {}, createIndexesSQL<Record>()};
+  forEachProperty<Record>([&schema](const auto& p) {
+    schema.columns.emplace_back(std::string(p.name), columnDefinition<Record>(p));
+  });
+  return schema;
+}
+
+struct StoreConfiguration {
+  std::filesystem::path fileURL;
+  std::uint64_t schemaVersion = 0;
+  std::vector<TableSchema> tables;
+  // Runs inside the preparing transaction when the file's version is older,
+  // after missing tables and columns were added; given the file's version.
+  std::function<void(sqlite::Connection&, std::uint64_t oldSchemaVersion)> migrationBlock;
+  // Given the file's total and used bytes; true compacts the file.
+  std::function<bool(std::uint64_t totalBytes, std::uint64_t usedBytes)> shouldCompactOnLaunch;
+};
+
+enum class UpdatePolicy {
+  // Adding a key that exists fails.
+  error,
+  // Adding a key that exists replaces all of its values, deleted or not.
+  all,
+};
+
+class WriteTransaction;
+
+class Store {
+ public:
+  // Opens the default configuration's store on this thread.
+  static Store open();
+  static Store open(const StoreConfiguration& configuration);
+
+  // The configuration a plain open() uses, per Environment.
+  static void setDefaultConfiguration(StoreConfiguration configuration);
+  static const StoreConfiguration& defaultConfiguration();
+
+  // Forgets every connection and preparation of `file`, on all threads, for
+  // when the file is moved or replaced underneath.
+  static void invalidate(const std::filesystem::path& file);
+
+  // The row of that primary key, deleted or not.
+  template <class Record>
+  std::optional<Record> object(std::string_view primaryKey);
+
+  template <class Record>
+  std::vector<Record> objects(const Query& query = {});
+
+  // A statement over the connection, prepared once and reset for reuse.
+  sqlite::Statement& statement(std::string_view sql) { return connection_->cached(sql); }
+  // Binds `arguments` to parameters 1..n of a statement.
+  static void bind(sqlite::Statement& statement, const std::vector<QueryValue>& arguments, int first = 1);
+
+  // Runs `body` in a write transaction: commits when it returns, rolls back
+  // when it throws. Observers whose tokens are in `withoutNotifying` hear
+  // nothing of this commit.
+  template <class F>
+  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {});
+
+  // Registers `callback` for commits that change rows of Record's class; it
+  // runs on the main queue, first once with an empty, initial change set.
+  template <class Record>
+  [[nodiscard]] ObserverToken observe(std::function<void(const ChangeSet&)> callback) {
+    return observe(std::string(Record::className), std::move(callback));
+  }
+  [[nodiscard]] ObserverToken observe(std::string className, std::function<void(const ChangeSet&)> callback);
+
+  sqlite::Connection& connection() { return *connection_; }
+  const std::filesystem::path& file() const { return connection_->file(); }
+
+  // SELECT `columns` FROM the class's table with the query's condition and order.
+  static std::string selectSQL(std::string_view className, std::string_view columns, const Query& query);
+
+ private:
+  friend class WriteTransaction;
+  explicit Store(sqlite::Connection& connection, std::shared_ptr<ObserverRegistry> observers)
+      : connection_(&connection), observers_(std::move(observers)) {}
+
+  sqlite::Connection* connection_;
+  std::shared_ptr<ObserverRegistry> observers_;
+};
+
+// The operations of one write. Every change made through it is recorded for
+// the observers; statements run on connection() directly are not.
+class WriteTransaction {
+ public:
+  template <class Record>
+  void add(const Record& record, UpdatePolicy policy = UpdatePolicy::all);
+
+  // Sets columns on the rows `where` selects and returns their primary keys,
+  // in store order.
+  template <class Record>
+  std::vector<std::string> update(const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
+                                  const Query& where);
+
+  // Removes the rows `where` selects for good; returns their primary keys.
+  template <class Record>
+  std::vector<std::string> remove(const Query& where);
+
+  sqlite::Connection& connection() { return store_.connection(); }
+
+ private:
+  friend class Store;
+  // Begins the transaction.
+  explicit WriteTransaction(Store& store);
+  WriteTransaction(const WriteTransaction&) = delete;
+  WriteTransaction& operator=(const WriteTransaction&) = delete;
+  // Commits, then tells the observers that are not excluded.
+  void commit(const std::vector<const ObserverToken*>& withoutNotifying);
+  void rollback() noexcept;
+
+  // Notes the key of the row the last statement inserted or updated.
+  void recordAdd(std::string_view className, std::string key);
+  ChangeSet& changes(std::string_view className);
+  std::vector<std::string> updateRows(std::string_view className, std::string_view key,
+                                      const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
+                                      const Query& where);
+  std::vector<std::string> removeRows(std::string_view className, std::string_view key, const Query& where);
+
+  Store& store_;
+  std::vector<ChangeSet> changes_;
+};
+
+template <class Record>
+std::optional<Record> Store::object(std::string_view primaryKey) {
+  auto& select = statement("SELECT " + columnList<Record>() + " FROM " + quoteIdentifier(Record::className) + " WHERE " +
+                           quoteIdentifier(primaryKeyName<Record>()) + " = ?1");
+  select.bind(1, primaryKey);
+  std::optional<Record> record;
+  if (select.step()) record = readRecord<Record>(select);
+  select.reset();
+  return record;
+}
+
+template <class Record>
+std::vector<Record> Store::objects(const Query& query) {
+  auto& select = statement(selectSQL(Record::className, columnList<Record>(), query));
+  bind(select, query.arguments);
+  std::vector<Record> records;
+  while (select.step()) records.push_back(readRecord<Record>(select));
+  select.reset();
+  return records;
+}
+
+template <class F>
+void Store::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
+  WriteTransaction transaction(*this);
+  try {
+    body(transaction);
+  } catch (...) {
+    transaction.rollback();
+    throw;
+  }
+  transaction.commit(withoutNotifying);
+}
+
+template <class Record>
+void WriteTransaction::add(const Record& record, UpdatePolicy policy) {
+  static const std::string insert = [] {
+    std::string placeholders;
+    for (int i = 1; i <= propertyCount<Record>(); ++i) placeholders += (i > 1 ? ", ?" : "?") + std::to_string(i);
+    return "INSERT INTO " + quoteIdentifier(Record::className) + " (" + columnList<Record>() + ") VALUES (" + placeholders +
+           ")";
+  }();
+  static const std::string upsert = [] {
+    std::string assignments;
+    forEachProperty<Record>([&assignments](const auto& p) {
+      if (p.isPrimaryKey) return;
+      if (!assignments.empty()) assignments += ", ";
+      assignments += quoteIdentifier(p.name) + " = excluded." + quoteIdentifier(p.name);
+    });
+    return insert + " ON CONFLICT(" + quoteIdentifier(primaryKeyName<Record>()) + ") DO UPDATE SET " + assignments;
+  }();
+  auto& statement = connection().cached(policy == UpdatePolicy::all ? upsert : insert);
+  bindRecord(statement, record);
+  statement.execute();
+  std::string key;
+  forEachProperty<Record>([&](const auto& p) {
+    if constexpr (std::is_same_v<typename std::decay_t<decltype(p)>::Value, std::optional<std::string>>) {
+      if (p.isPrimaryKey) key = (record.*(p.member)).value_or("");
+    }
+  });
+  recordAdd(Record::className, std::move(key));
+}
+
+template <class Record>
+std::vector<std::string> WriteTransaction::update(
+    const std::vector<std::pair<std::string_view, QueryValue>>& assignments, const Query& where) {
+  return updateRows(Record::className, primaryKeyName<Record>(), assignments, where);
+}
+
+template <class Record>
+std::vector<std::string> WriteTransaction::remove(const Query& where) {
+  return removeRows(Record::className, primaryKeyName<Record>(), where);
+}
+
+}  // namespace tarnwell::store

@@ -1,0 +1,511 @@
+#include "tarnwell/modules/Database.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "tarnwell/modules/Settings.h"
+#include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/FatalError.h"
+#include "tarnwell/platform/Localization.h"
+#include "tarnwell/platform/Log.h"
+#include "tarnwell/records/App.h"
+#include "tarnwell/records/Focus.h"
+#include "tarnwell/store/Store.h"
+
+namespace tarnwell {
+
+using store::Query;
+using store::QueryValue;
+using store::Store;
+using store::UpdatePolicy;
+using store::WriteTransaction;
+
+namespace {
+
+// The parts of Database that live as long as the Environment.
+struct DatabaseState {
+  explicit DatabaseState(Environment& environment) : queue("org.vostra.tarnwell.database") {
+    const auto container = environment.containerURL(Environment::kAppGroupIdentifier);
+    if (!container) fatalError("The app group container group.org.vostra.tarnwell cannot be found");
+    folder = *container / "Realm";
+    fileURL = folder / "default.realm";
+    backupURL = folder / "backup.realm";
+    legacyURL = *container / "Library" / "Caches" / "default.realm";
+    for (const char* extension : {"", ".lock", ".note", ".management"}) fileURLs.push_back(fileURL.string() + extension);
+  }
+
+  SafeSyncQueue queue;
+  std::filesystem::path folder, fileURL, backupURL, legacyURL;
+  std::vector<std::filesystem::path> fileURLs;
+};
+
+DatabaseState& state() { return Environment::current().component<DatabaseState>(); }
+
+// SQLite's own side files travel with the main file, so that a journal never
+// meets a file it does not belong to.
+constexpr const char* kSideFileSuffixes[] = {"-wal", "-shm"};
+
+std::filesystem::path withSuffix(const std::filesystem::path& file, const char* suffix) {
+  return file.string() + suffix;
+}
+
+void moveStoreFile(const std::filesystem::path& from, const std::filesystem::path& to) {
+  std::filesystem::rename(from, to);
+  for (const char* suffix : kSideFileSuffixes) {
+    std::error_code error;
+    std::filesystem::remove(withSuffix(to, suffix), error);
+    if (std::filesystem::exists(withSuffix(from, suffix))) {
+      std::filesystem::rename(withSuffix(from, suffix), withSuffix(to, suffix));
+    }
+  }
+}
+
+// Removes a file like the platform's file manager: a missing one is an error.
+void removeItem(const std::filesystem::path& file) {
+  if (!std::filesystem::exists(file)) {
+    throw std::filesystem::filesystem_error("cannot remove", file, std::make_error_code(std::errc::no_such_file_or_directory));
+  }
+  std::filesystem::remove(file);
+}
+
+template <class... Records>
+std::vector<store::TableSchema> tables() {
+  return {store::tableSchema<Records>()...};
+}
+
+// Rows not soft-deleted of these devices: the first filter of every event read.
+Query live(const std::vector<std::string>& deviceIds) {
+  Query query;
+  query.filter("isDeleted = 0").filterIn("deviceId", deviceIds);
+  return query;
+}
+
+// Rows with a start or an end inside the interval, both ends included.
+Query& touching(Query& query, DateInterval interval) {
+  return query.filter("(start BETWEEN ? AND ? OR \"end\" BETWEEN ? AND ?)",
+                      {interval.start(), interval.end(), interval.start(), interval.end()});
+}
+
+// The range query of pickups, walks and alive spans: records touching the
+// interval, by start, that have an id and an interval of positive length.
+template <class Record>
+std::vector<std::string> rangeQuery(DateInterval between, const std::vector<std::string>& deviceIds) {
+  Store store = Store::open();
+  Query query = live(deviceIds);
+  touching(query, between).sorted("start ASC");
+  // Only what the test below reads: the same rows as whole records would give.
+  auto& select = store.statement(Store::selectSQL(Record::className, "id, start, \"end\"", query));
+  Store::bind(select, query.arguments);
+  std::vector<std::string> ids;
+  while (select.step()) {
+    Record record;
+    store::readValue(select, 0, record.id);
+    store::readValue(select, 1, record.start);
+    store::readValue(select, 2, record.end);
+    const auto interval = record.interval();
+    if (interval && interval->duration() > 0.0 && record.id) ids.push_back(*record.id);
+  }
+  select.reset();
+  return ids;
+}
+
+// By primary key, unless soft-deleted.
+template <class Record>
+std::optional<Record> liveObject(const std::string& id) {
+  auto record = Store::open().object<Record>(id);
+  if (record && record->isDeleted) return std::nullopt;
+  return record;
+}
+
+// The record that ends last.
+template <class Record>
+std::optional<Record> latest(const std::vector<std::string>& deviceIds) {
+  auto records = Store::open().objects<Record>(live(deviceIds).sorted("\"end\" DESC").limited(1));
+  if (records.empty()) return std::nullopt;
+  return std::move(records.front());
+}
+
+// Adds a new record of this device and logs "✍️ Add <Class>: id start end".
+template <class Record>
+std::string addEvent(Date start, Date end, std::string_view function) {
+  Record record(start, end);
+  Store::open().write([&record](WriteTransaction& t) { t.add(record, UpdatePolicy::all); });
+  log.info("✍️ Add " + std::string(Record::className) + ": " + *record.id + " " + start.description() + " " +
+               end.description(),
+           {.function = function});
+  return *record.id;
+}
+
+// The edit frame: a record that cannot be read (the store does not open, the
+// id is unknown or soft-deleted) is skipped quietly; otherwise `assignments`
+// are written and `line` logged. Returns whether it wrote.
+template <class Record>
+bool editEvent(const std::string& id, const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
+               const std::string& line, std::string_view function) {
+  std::optional<Record> existing;
+  try {
+    existing = Store::open().object<Record>(id);
+  } catch (const sqlite::Error&) {
+    // Dropped on purpose: an edit of something that cannot be read is skipped.
+  }
+  if (!existing || existing->isDeleted) return false;
+  Store::open().write([&](WriteTransaction& t) { t.update<Record>(assignments, Query().filter("id = ?", {id})); });
+  log.info(line, {.function = function});
+  return true;
+}
+
+// The id of the first or last pickup of a query, as `Query` orders it.
+std::optional<std::string> firstId(const Query& query) {
+  Store store = Store::open();
+  auto& select = store.statement(Store::selectSQL(Pickup::className, "id", query));
+  Store::bind(select, query.arguments);
+  std::optional<std::string> id;
+  if (select.step() && !select.isNull(0)) id = select.text(0);
+  select.reset();
+  return id;
+}
+
+}  // namespace
+
+SafeSyncQueue::SafeSyncQueue(std::string label) : label_(label), queue_(std::move(label)) {
+  queue_.setSpecific(queueKey_, label_);
+}
+
+Database::DatabaseError Database::DatabaseError::realm(int errorCode) {
+  return DatabaseError(errorCode, "the store failed with error " + std::to_string(errorCode));
+}
+
+const std::filesystem::path& Database::fileURL() { return state().fileURL; }
+const std::filesystem::path& Database::backupURL() { return state().backupURL; }
+const std::vector<std::filesystem::path>& Database::fileURLs() { return state().fileURLs; }
+SafeSyncQueue& Database::queue() { return state().queue; }
+
+void Database::start() {
+  configureRealm();
+  testRealm();
+  setupRealmData();
+}
+
+bool Database::shouldCompactOnLaunch(std::uint64_t totalBytes, std::uint64_t usedBytes) {
+  constexpr std::uint64_t kFiftyMegabytes = 50 * 1024 * 1024;
+  return totalBytes > kFiftyMegabytes && static_cast<double>(usedBytes) / static_cast<double>(totalBytes) < 0.4;
+}
+
+void Database::configureRealm() {
+  auto& s = state();
+  // No protection attributes here: the file keeps the mode it was made with.
+  if (!std::filesystem::exists(s.folder)) std::filesystem::create_directory(s.folder);
+  if (std::filesystem::exists(s.legacyURL) && !std::filesystem::exists(s.fileURL)) moveStoreFile(s.legacyURL, s.fileURL);
+
+  store::StoreConfiguration configuration;
+  configuration.fileURL = s.fileURL;
+  configuration.schemaVersion = kSchemaVersion;
+  configuration.tables = tables<Alive, App, Device, Focus, Pickup, Tag, Walk>();
+  configuration.migrationBlock = &Database::migrate;
+  configuration.shouldCompactOnLaunch = &Database::shouldCompactOnLaunch;
+  Store::setDefaultConfiguration(std::move(configuration));
+  log.info("🔧 Configure Realm at " + s.fileURL.string());
+}
+
+void Database::testRealm() {
+  try {
+    Store::open();
+  } catch (const std::exception& failure) {
+    log.error(failure.what());
+    const auto* storeError = dynamic_cast<const sqlite::Error*>(&failure);
+    if (!storeError) throw DatabaseError::realm(-1);
+    auto& s = state();
+    if (std::filesystem::exists(s.backupURL)) {
+      std::filesystem::remove(s.backupURL);
+      for (const char* suffix : kSideFileSuffixes) std::filesystem::remove(withSuffix(s.backupURL, suffix));
+    }
+    if (std::filesystem::exists(s.fileURL)) moveStoreFile(s.fileURL, s.backupURL);
+    Store::invalidate(s.fileURL);
+    // The first of these usually fails, the file having just moved, and that
+    // error is what the caller sees; the other files then stay. Kept so.
+    for (const auto& file : s.fileURLs) removeItem(file);
+    throw DatabaseError::realm(storeError->code());
+  }
+}
+
+void Database::setupRealmData() {
+  {
+    Store store = Store::open();
+    const std::string deviceId = Settings::deviceId();
+    const auto devices = store.objects<Device>(Query().filter("isDeleted = 0 AND id = ?", {deviceId}).limited(1));
+    if (devices.empty()) {
+      const Device device(deviceId, Environment::current().device().name);
+      store.write([&device](WriteTransaction& t) { t.add(device, UpdatePolicy::all); });
+    }
+  }
+  if (!getTags(false, false).empty() && !Settings::shouldCreateDefaultTags()) return;
+  Settings::setShouldCreateDefaultTags(false);
+  for (const auto type : DefaultTagTypes::initialTags) {
+    const DefaultTagInfo& tagInfo = info(type);
+    std::optional<Tag> existing;
+    try {
+      existing = Store::open().object<Tag>(tagInfo.id);
+    } catch (const sqlite::Error&) {
+      // Counts as not found: the tag is built again.
+    }
+    if (existing && !existing->isDeleted) continue;
+    Tag tag(std::string(tagInfo.id), localized(tagInfo.titleKey),
+            tagInfo.emoji ? std::optional<std::string>(*tagInfo.emoji) : std::nullopt, std::string(tagInfo.colorHex),
+            true, tagInfo.sort);
+    tag.isDefault = type == DefaultTagType::theDefault;
+    Store::open().write([&tag](WriteTransaction& t) { t.add(tag, UpdatePolicy::all); });
+  }
+}
+
+void Database::migrate(sqlite::Connection& connection, std::uint64_t v) {
+  const auto run = [&connection](const std::string& sql, const std::vector<QueryValue>& arguments = {}) {
+    auto statement = connection.prepare(sql);
+    Store::bind(statement, arguments);
+    statement.execute();
+  };
+  if (v <= 1) {
+    const std::string deviceId = Settings::deviceId();
+    for (const char* table : {"Alive", "Pickup", "Walk", "Focus"}) {
+      run("UPDATE " + store::quoteIdentifier(table) + " SET isDeleted = 0, deviceId = ?", {deviceId});
+    }
+  }
+  // Only a file of exactly version 2 had this field to reset; an older one
+  // gets the column's default.
+  if (v == 2) run("UPDATE Pickup SET isIgnoredForSleepTime = 0");
+  if (v <= 3) run("UPDATE Focus SET typeString = 'countdown', modeString = 'easy'");
+  if (v <= 7) {
+    Query kept;
+    kept.filterIn("id", Settings::doNotSyncTagIdToHealthKitMindfulness());
+    run("UPDATE Tag SET syncToMindfulness = 1 WHERE id IS NULL OR NOT (" + kept.where + ")", kept.arguments);
+  }
+  if (v <= 8) run("UPDATE Tag SET sort = ?", {Tag::kUnplacedSort});
+  if (v <= 9) {
+    const std::string type = nlohmann::json(Settings::defaultFocusType()).dump();
+    const Data typeData(type.begin(), type.end());
+    auto statement = connection.prepare("UPDATE Tag SET typeData = ?");
+    statement.bind(1, std::span<const std::uint8_t>(typeData));
+    statement.execute();
+  }
+  if (v <= 10) {
+    // Colours came in at version 11: default tags get theirs, every other tag
+    // the next colour of the palette, in store order.
+    std::vector<std::pair<std::int64_t, std::string>> colors;
+    auto select = connection.prepare("SELECT rowid, id FROM Tag ORDER BY rowid");
+    std::size_t counter = 0;
+    const auto& palette = TagColors::palette();
+    while (select.step()) {
+      const auto known = select.isNull(1) ? std::nullopt : defaultTagColorHex(select.text(1));
+      colors.emplace_back(select.int64(0), known ? std::string(*known) : std::string(palette[counter++ % palette.size()]));
+    }
+    for (const auto& [rowid, color] : colors) {
+      run("UPDATE Tag SET colorHex = ?, focusGoalData = NULL WHERE rowid = ?", {color, rowid});
+    }
+  }
+  if (v <= 11) run("UPDATE Focus SET watchName = NULL");
+}
+
+std::optional<Device> Database::getCurrentDevice() { return liveObject<Device>(Settings::deviceId()); }
+
+std::optional<std::string> Database::setCurrentDeviceLastSyncDate(Date date) {
+  std::optional<Device> device;
+  try {
+    device = getCurrentDevice();
+  } catch (const sqlite::Error&) {
+    return std::nullopt;
+  }
+  if (!device) return std::nullopt;
+  log.info("✍️ Edit Device: " + *device->id + ", updated at " + date.description(),
+           {.function = "setCurrentDeviceLastSyncDate(_:)"});
+  Store::open().write([&](WriteTransaction& t) {
+    t.update<Device>({{"lastSyncDate", date}}, Query().filter("id = ?", {*device->id}));
+  });
+  return device->id;
+}
+
+std::vector<std::string> Database::getDevices() {
+  Store store = Store::open();
+  auto& select = store.statement("SELECT id FROM Device WHERE isDeleted = 0 AND id IS NOT NULL ORDER BY rowid");
+  std::vector<std::string> ids;
+  while (select.step()) ids.push_back(select.text(0));
+  select.reset();
+  return ids;
+}
+
+std::optional<Device> Database::getDevice(const std::string& id) { return liveObject<Device>(id); }
+
+std::optional<std::vector<std::string>> Database::getDevicesRelatedToCurrentDevice() {
+  const auto device = getCurrentDevice();
+  if (!device) return std::nullopt;
+  return device->deviceIds;
+}
+
+std::vector<std::string> Database::getTags(bool archived, bool discardDefault) {
+  Query query;
+  query.filter("isDeleted = 0 AND isArchived = ?", {archived});
+  if (discardDefault) query.filter("isDefault = 0");
+  // Sorted by sort, then (applied last, so it wins) by isDefault descending.
+  query.sorted("isDefault DESC, sort ASC");
+  Store store = Store::open();
+  auto& select = store.statement(Store::selectSQL(Tag::className, "id", query));
+  std::vector<std::string> ids;
+  while (select.step()) {
+    if (select.isNull(0)) continue;
+    std::string id = select.text(0);
+    // A copy of a default tag ("working-<suffix>") stands under the plain id.
+    std::string_view first = id;
+    first.remove_prefix(std::min(first.find_first_not_of('-'), first.size()));
+    first = first.substr(0, first.find('-'));
+    for (const auto type : DefaultTagTypes::allTags) {
+      if (info(type).id == first) {
+        id = std::string(first);
+        break;
+      }
+    }
+    if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(std::move(id));
+  }
+  select.reset();
+  return ids;
+}
+
+std::optional<Tag> Database::getTag(const std::string& id) { return liveObject<Tag>(id); }
+
+std::vector<std::string> Database::getPickups(DateInterval between, const std::vector<std::string>& deviceIds) {
+  return rangeQuery<Pickup>(between, deviceIds);
+}
+
+std::optional<Pickup> Database::getPickup(const std::string& id) { return liveObject<Pickup>(id); }
+
+std::optional<std::string> Database::getFirstPickup(DateInterval between,
+                                                    const std::vector<std::string>& deviceIds) {
+  Query query;
+  query.filter("isDeleted = 0 AND isIgnoredForSleepTime = 0").filterIn("deviceId", deviceIds);
+  query.filter("start BETWEEN ? AND ?", {between.start(), between.end()}).sorted("start ASC").limited(1);
+  return firstId(query);
+}
+
+std::optional<std::string> Database::getLastPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
+  Query query;
+  query.filter("isDeleted = 0 AND isIgnoredForSleepTime = 0").filterIn("deviceId", deviceIds);
+  // The last of the rows sorted by end ascending, ties in store order.
+  touching(query, between).sorted("\"end\" DESC, rowid DESC").limited(1);
+  return firstId(query);
+}
+
+std::optional<Pickup> Database::getPickup(Date start, Date end, const std::vector<std::string>& deviceIds) {
+  auto pickups =
+      Store::open().objects<Pickup>(live(deviceIds).filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
+  if (pickups.empty()) return std::nullopt;
+  return std::move(pickups.front());
+}
+
+std::optional<Pickup> Database::getLatestPickup(const std::vector<std::string>& deviceIds) {
+  return latest<Pickup>(deviceIds);
+}
+
+double Database::getScreenTime(const std::string& deviceId) {
+  Store store = Store::open();
+  auto& select = store.statement("SELECT start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ? ORDER BY rowid");
+  select.bind(1, std::string_view(deviceId));
+  double seconds = 0;
+  while (select.step()) {
+    Pickup pickup;
+    store::readValue(select, 0, pickup.start);
+    store::readValue(select, 1, pickup.end);
+    if (const auto interval = pickup.interval()) seconds += interval->duration();
+  }
+  select.reset();
+  return seconds;
+}
+
+std::string Database::addPickup(Date start, Date end) {
+  return addEvent<Pickup>(start, end, "addPickup(start:end:)");
+}
+
+std::string Database::editPickup(const std::string& id, Date end) {
+  editEvent<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(), "editPickup(id:end:)");
+  return id;
+}
+
+std::vector<std::string> Database::editPickups(DateInterval between, bool isIgnoredForSleepTime,
+                                               const std::vector<std::string>& deviceIds) {
+  Query query = live(deviceIds);
+  touching(query, between);
+  std::vector<std::string> ids;
+  Store::open().write([&](WriteTransaction& t) {
+    ids = t.update<Pickup>({{"isIgnoredForSleepTime", isIgnoredForSleepTime}}, query);
+  });
+  log.info("✍️ Edit Pickup Between: " + between.description() +
+               ", isIgnoredForSleepTime: " + (isIgnoredForSleepTime ? "true" : "false"),
+           {.function = "editPickups(between:isIgnoredForSleepTime:deviceIds:)"});
+  return ids;
+}
+
+void Database::deletePickup(const std::string& id) {
+  editEvent<Pickup>(id, {{"isDeleted", true}}, "✍️ Delete Pickup: " + id, "deletePickup(id:)");
+}
+
+std::vector<std::string> Database::getWalks(DateInterval between, const std::vector<std::string>& deviceIds) {
+  return rangeQuery<Walk>(between, deviceIds);
+}
+
+std::optional<Walk> Database::getWalk(const std::string& id) { return liveObject<Walk>(id); }
+
+std::optional<Walk> Database::getLatestWalk(const std::vector<std::string>& deviceIds) {
+  return latest<Walk>(deviceIds);
+}
+
+std::string Database::addWalk(Date start, Date end) { return addEvent<Walk>(start, end, "addWalk(start:end:)"); }
+
+std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& intervals) {
+  std::vector<Walk> walks;
+  walks.reserve(intervals.size());
+  for (const auto& interval : intervals) walks.emplace_back(interval.start(), interval.end());
+  Store::open().write([&walks](WriteTransaction& t) {
+    for (const auto& walk : walks) t.add(walk, UpdatePolicy::error);
+  });
+  std::vector<std::string> ids;
+  for (const auto& walk : walks) ids.push_back(*walk.id);
+  return ids;
+}
+
+std::string Database::editWalk(const std::string& id, Date start, Date end) {
+  editEvent<Walk>(id, {{"start", start}, {"end", end}},
+                  "✍️ Edit Walk: " + id + " " + start.description() + " " + end.description(),
+                  "editWalk(id:start:end:)");
+  return id;
+}
+
+std::vector<std::string> Database::getAlives(DateInterval between, const std::vector<std::string>& deviceIds) {
+  return rangeQuery<Alive>(between, deviceIds);
+}
+
+std::optional<Alive> Database::getAlive(const std::string& id) { return liveObject<Alive>(id); }
+
+std::optional<Alive> Database::getLatestAlive(const std::vector<std::string>& deviceIds) {
+  return latest<Alive>(deviceIds);
+}
+
+std::string Database::addAlive(Date start, Date end) { return addEvent<Alive>(start, end, "addAlive(start:end:)"); }
+
+std::string Database::editAlive(const std::string& id, Date start, Date end) {
+  editEvent<Alive>(id, {{"start", start}, {"end", end}},
+                   "✍️ Edit Alive: " + id + " " + start.description() + " " + end.description(),
+                   "editAlive(id:start:end:)");
+  return id;
+}
+
+void Database::clearAlivePickupWalk() {
+  const Date now = Date::now();
+  Store::open().write([now](WriteTransaction& t) {
+    // Deleted rows are marked again: the filters leave isDeleted aside.
+    const Query backwards = Query().filter("start >= \"end\""), future = Query().filter("\"end\" > ?", {now});
+    t.update<Alive>({{"isDeleted", true}}, backwards);
+    t.update<Pickup>({{"isDeleted", true}}, backwards);
+    t.update<Walk>({{"isDeleted", true}}, backwards);
+    t.update<Alive>({{"isDeleted", true}}, future);
+    t.update<Pickup>({{"isDeleted", true}}, future);
+    t.update<Walk>({{"isDeleted", true}}, future);
+  });
+}
+
+}  // namespace tarnwell

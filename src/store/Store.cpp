@@ -1,0 +1,391 @@
+#include "tarnwell/store/Store.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <set>
+
+#include "tarnwell/platform/DispatchQueue.h"
+#include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/FatalError.h"
+
+namespace tarnwell::store {
+
+// The observers of one store file.
+class ObserverRegistry {
+ public:
+  std::uint64_t add(std::string className, std::function<void(const ChangeSet&)> callback) {
+    std::lock_guard lock(mutex_);
+    const std::uint64_t id = nextId_++;
+    observers_.emplace(id, Observer{std::move(className), std::make_shared<Callback>(std::move(callback))});
+    return id;
+  }
+
+  void remove(std::uint64_t id) {
+    std::lock_guard lock(mutex_);
+    observers_.erase(id);
+  }
+
+  // Hands each change set to the observers of its class on the main queue,
+  // skipping `excluded`. An observer removed before its turn hears nothing.
+  void deliver(const std::vector<ChangeSet>& changes, const std::set<std::uint64_t>& excluded,
+               const std::shared_ptr<ObserverRegistry>& self) {
+    std::vector<std::pair<std::uint64_t, std::shared_ptr<Callback>>> targets;
+    std::vector<const ChangeSet*> sets;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& change : changes) {
+        for (const auto& [id, observer] : observers_) {
+          if (observer.className != change.className || excluded.contains(id)) continue;
+          targets.emplace_back(id, observer.callback);
+          sets.push_back(&change);
+        }
+      }
+    }
+    for (std::size_t i = 0; i < targets.size(); ++i) post(self, targets[i].first, targets[i].second, *sets[i]);
+  }
+
+  static void post(const std::shared_ptr<ObserverRegistry>& self, std::uint64_t id,
+                   std::shared_ptr<std::function<void(const ChangeSet&)>> callback, ChangeSet change) {
+    DispatchQueue::main().async([weak = std::weak_ptr(self), id, callback, change = std::move(change)] {
+      const auto registry = weak.lock();
+      if (!registry || !registry->contains(id)) return;
+      (*callback)(change);
+    });
+  }
+
+  std::shared_ptr<std::function<void(const ChangeSet&)>> callback(std::uint64_t id) {
+    std::lock_guard lock(mutex_);
+    const auto found = observers_.find(id);
+    return found == observers_.end() ? nullptr : found->second.callback;
+  }
+
+ private:
+  using Callback = std::function<void(const ChangeSet&)>;
+  struct Observer {
+    std::string className;
+    std::shared_ptr<Callback> callback;
+  };
+
+  bool contains(std::uint64_t id) {
+    std::lock_guard lock(mutex_);
+    return observers_.contains(id);
+  }
+
+  std::mutex mutex_;
+  std::uint64_t nextId_ = 1;
+  std::map<std::uint64_t, Observer> observers_;
+};
+
+namespace {
+
+// Whether the last row a statement of this thread wrote was an insertion.
+thread_local bool lastRowWasInserted = false;
+
+// The store files of one Environment.
+struct StoreState {
+  std::mutex mutex;
+  std::optional<StoreConfiguration> defaultConfiguration;
+  // Bumped when a file is moved or replaced; connections and preparation of
+  // an older epoch are not used again.
+  std::map<std::string, std::uint64_t> epochs;
+  std::set<std::pair<std::string, std::uint64_t>> prepared;
+  std::map<std::string, std::shared_ptr<ObserverRegistry>> observers;
+
+  std::uint64_t epoch(const std::string& file) {
+    std::lock_guard lock(mutex);
+    return epochs[file];
+  }
+};
+
+// Connections of this thread, for the Environment of `generation`.
+struct ThreadConnections {
+  std::uint64_t generation = 0;
+  std::map<std::pair<std::string, std::uint64_t>, std::unique_ptr<sqlite::Connection>> connections;
+};
+thread_local ThreadConnections threadConnections;
+
+std::unique_ptr<sqlite::Connection> connect(const std::filesystem::path& file) {
+  auto connection = std::make_unique<sqlite::Connection>(file);
+  connection->setBusyTimeout(10000);
+  connection->setRowHook([](bool inserted, std::string_view) { lastRowWasInserted = inserted; });
+  return connection;
+}
+
+sqlite::Connection& threadConnection(const std::string& file, std::uint64_t epoch) {
+  auto& cache = threadConnections;
+  if (cache.generation != Environment::generation()) {
+    cache.connections.clear();
+    cache.generation = Environment::generation();
+  }
+  std::erase_if(cache.connections, [&](const auto& entry) {
+    return entry.first.first == file && entry.first.second != epoch;
+  });
+  auto& slot = cache.connections[{file, epoch}];
+  if (!slot) slot = connect(file);
+  return *slot;
+}
+
+void forgetThreadConnection(const std::string& file, std::uint64_t epoch) {
+  threadConnections.connections.erase({file, epoch});
+}
+
+void compactIfAsked(sqlite::Connection& connection, const StoreConfiguration& configuration) {
+  if (!configuration.shouldCompactOnLaunch) return;
+  const auto pageSize = static_cast<std::uint64_t>(connection.pageSize());
+  const auto pages = static_cast<std::uint64_t>(connection.pageCount());
+  const auto freePages = static_cast<std::uint64_t>(connection.freelistCount());
+  if (!configuration.shouldCompactOnLaunch(pages * pageSize, (pages - freePages) * pageSize)) return;
+  connection.execute("VACUUM");
+  connection.execute("PRAGMA wal_checkpoint(TRUNCATE)");
+}
+
+bool hasTables(sqlite::Connection& connection) {
+  auto statement = connection.prepare("SELECT count(*) FROM sqlite_schema WHERE type = 'table'");
+  statement.step();
+  return statement.int64(0) > 0;
+}
+
+// Creates, widens and migrates the file to the configuration's schema.
+void prepare(sqlite::Connection& connection, const StoreConfiguration& configuration) {
+  // The first statement on a file that is not a database fails here.
+  connection.execute("PRAGMA journal_mode = WAL");
+  connection.execute("PRAGMA synchronous = NORMAL");
+  compactIfAsked(connection, configuration);
+
+  sqlite::Transaction transaction(connection, sqlite::Transaction::Behavior::exclusive);
+  const auto version = static_cast<std::uint64_t>(connection.userVersion());
+  const bool fresh = version == 0 && !hasTables(connection);
+  if (version > configuration.schemaVersion) {
+    throw sqlite::Error(SQLITE_MISMATCH, "the store's schema version " + std::to_string(version) +
+                                             " is newer than this version's " +
+                                             std::to_string(configuration.schemaVersion));
+  }
+  for (const auto& table : configuration.tables) {
+    if (!connection.tableExists(table.className)) {
+      connection.execute(table.createSQL);
+    } else {
+      const auto existing = connection.columns(table.className);
+      for (const auto& [name, definition] : table.columns) {
+        if (std::find(existing.begin(), existing.end(), name) == existing.end()) {
+          connection.execute("ALTER TABLE " + quoteIdentifier(table.className) + " ADD COLUMN " + definition);
+        }
+      }
+    }
+    for (const auto& index : table.indexesSQL) connection.execute(index);
+  }
+  if (!fresh && version < configuration.schemaVersion && configuration.migrationBlock) {
+    configuration.migrationBlock(connection, version);
+  }
+  if (version != configuration.schemaVersion) connection.setUserVersion(static_cast<int>(configuration.schemaVersion));
+  transaction.commit();
+}
+
+}  // namespace
+
+Query& Query::filter(std::string_view condition, std::initializer_list<QueryValue> values) {
+  if (!where.empty()) where += " AND ";
+  where += condition;
+  arguments.insert(arguments.end(), values);
+  return *this;
+}
+
+Query& Query::filterIn(std::string_view column, const std::vector<std::string>& values) {
+  std::string condition = quoteIdentifier(column) + " IN (";
+  for (std::size_t i = 0; i < values.size(); ++i) condition += i == 0 ? "?" : ", ?";
+  if (!where.empty()) where += " AND ";
+  where += condition + ")";
+  arguments.insert(arguments.end(), values.begin(), values.end());
+  return *this;
+}
+
+ObserverToken::ObserverToken(ObserverToken&& other) noexcept : registry_(std::move(other.registry_)), id_(other.id_) {
+  other.registry_.reset();
+}
+
+ObserverToken& ObserverToken::operator=(ObserverToken&& other) noexcept {
+  if (this != &other) {
+    invalidate();
+    registry_ = std::move(other.registry_);
+    id_ = other.id_;
+    other.registry_.reset();
+  }
+  return *this;
+}
+
+void ObserverToken::invalidate() {
+  if (auto registry = registry_.lock()) registry->remove(id_);
+  registry_.reset();
+}
+
+Store Store::open() { return open(defaultConfiguration()); }
+
+Store Store::open(const StoreConfiguration& configuration) {
+  auto& state = Environment::current().component<StoreState>();
+  const std::string file = configuration.fileURL.string();
+  const std::uint64_t epoch = state.epoch(file);
+  sqlite::Connection& connection = threadConnection(file, epoch);
+  std::shared_ptr<ObserverRegistry> observers;
+  {
+    std::lock_guard lock(state.mutex);
+    if (!state.prepared.contains({file, epoch})) {
+      try {
+        prepare(connection, configuration);
+      } catch (...) {
+        forgetThreadConnection(file, epoch);
+        throw;
+      }
+      state.prepared.insert({file, epoch});
+    }
+    auto& registry = state.observers[file];
+    if (!registry) registry = std::make_shared<ObserverRegistry>();
+    observers = registry;
+  }
+  return Store(connection, std::move(observers));
+}
+
+void Store::setDefaultConfiguration(StoreConfiguration configuration) {
+  auto& state = Environment::current().component<StoreState>();
+  std::lock_guard lock(state.mutex);
+  state.defaultConfiguration = std::move(configuration);
+}
+
+const StoreConfiguration& Store::defaultConfiguration() {
+  auto& state = Environment::current().component<StoreState>();
+  std::lock_guard lock(state.mutex);
+  if (!state.defaultConfiguration) fatalError("The store has no configuration: Database::start() sets it up");
+  return *state.defaultConfiguration;
+}
+
+void Store::invalidate(const std::filesystem::path& file) {
+  auto& state = Environment::current().component<StoreState>();
+  std::lock_guard lock(state.mutex);
+  const auto old = state.epochs[file.string()]++;
+  state.prepared.erase({file.string(), old});
+  forgetThreadConnection(file.string(), old);
+}
+
+void Store::bind(sqlite::Statement& statement, const std::vector<QueryValue>& arguments, int first) {
+  int index = first;
+  for (const auto& argument : arguments) {
+    std::visit(
+        [&](const auto& value) {
+          using T = std::decay_t<decltype(value)>;
+          if constexpr (std::is_same_v<T, std::nullptr_t>) {
+            statement.bindNull(index);
+          } else if constexpr (std::is_same_v<T, Date>) {
+            statement.bind(index, value.timeIntervalSinceReferenceDate());
+          } else if constexpr (std::is_same_v<T, std::string>) {
+            statement.bind(index, std::string_view(value));
+          } else {
+            statement.bind(index, value);
+          }
+        },
+        argument);
+    ++index;
+  }
+}
+
+std::string Store::selectSQL(std::string_view className, std::string_view columns, const Query& query) {
+  std::string sql = "SELECT ";
+  sql += columns;
+  sql += " FROM " + quoteIdentifier(className);
+  if (!query.where.empty()) sql += " WHERE " + query.where;
+  // Equal keys keep the order rows were added in, as the store's own order.
+  sql += " ORDER BY ";
+  if (!query.orderBy.empty()) sql += query.orderBy + ", ";
+  sql += "rowid";
+  if (query.limit) sql += " LIMIT " + std::to_string(*query.limit);
+  return sql;
+}
+
+ObserverToken Store::observe(std::string className, std::function<void(const ChangeSet&)> callback) {
+  ChangeSet initial{className, {}, {}, {}, true};
+  const std::uint64_t id = observers_->add(std::move(className), std::move(callback));
+  ObserverRegistry::post(observers_, id, observers_->callback(id), std::move(initial));
+  return ObserverToken(observers_, id);
+}
+
+WriteTransaction::WriteTransaction(Store& store) : store_(store) { store_.connection().execute("BEGIN IMMEDIATE"); }
+
+void WriteTransaction::commit(const std::vector<const ObserverToken*>& withoutNotifying) {
+  store_.connection().execute("COMMIT");
+  std::erase_if(changes_, [](const ChangeSet& change) { return change.empty(); });
+  if (changes_.empty()) return;
+  std::set<std::uint64_t> excluded;
+  for (const auto* token : withoutNotifying) {
+    if (token) excluded.insert(token->id());
+  }
+  store_.observers_->deliver(changes_, excluded, store_.observers_);
+}
+
+void WriteTransaction::rollback() noexcept {
+  // A failed rollback leaves SQLite to roll back when the connection closes.
+  sqlite3_exec(store_.connection().handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+ChangeSet& WriteTransaction::changes(std::string_view className) {
+  for (auto& change : changes_) {
+    if (change.className == className) return change;
+  }
+  changes_.push_back(ChangeSet{std::string(className), {}, {}, {}, false});
+  return changes_.back();
+}
+
+void WriteTransaction::recordAdd(std::string_view className, std::string key) {
+  auto& change = changes(className);
+  (lastRowWasInserted ? change.insertions : change.modifications).push_back(std::move(key));
+}
+
+std::vector<std::string> WriteTransaction::updateRows(
+    std::string_view className, std::string_view key,
+    const std::vector<std::pair<std::string_view, QueryValue>>& assignments, const Query& where) {
+  // The keys first, in store order; then one UPDATE over the same selection.
+  auto& select = connection().cached(Store::selectSQL(className, quoteIdentifier(key), where));
+  Store::bind(select, where.arguments);
+  std::vector<std::string> keys;
+  while (select.step()) {
+    if (!select.isNull(0)) keys.push_back(select.text(0));
+  }
+  select.reset();
+  if (keys.empty()) return keys;
+
+  std::string sql = "UPDATE " + quoteIdentifier(className) + " SET ";
+  std::vector<QueryValue> arguments;
+  for (std::size_t i = 0; i < assignments.size(); ++i) {
+    sql += (i == 0 ? "" : ", ") + quoteIdentifier(assignments[i].first) + " = ?";
+    arguments.push_back(assignments[i].second);
+  }
+  if (!where.where.empty()) sql += " WHERE " + where.where;
+  arguments.insert(arguments.end(), where.arguments.begin(), where.arguments.end());
+  auto& update = connection().cached(sql);
+  Store::bind(update, arguments);
+  update.execute();
+
+  auto& modified = changes(className).modifications;
+  modified.insert(modified.end(), keys.begin(), keys.end());
+  return keys;
+}
+
+std::vector<std::string> WriteTransaction::removeRows(std::string_view className, std::string_view key,
+                                                      const Query& where) {
+  auto& select = connection().cached(Store::selectSQL(className, quoteIdentifier(key), where));
+  Store::bind(select, where.arguments);
+  std::vector<std::string> keys;
+  while (select.step()) {
+    if (!select.isNull(0)) keys.push_back(select.text(0));
+  }
+  select.reset();
+  std::string sql = "DELETE FROM " + quoteIdentifier(className);
+  if (!where.where.empty()) sql += " WHERE " + where.where;
+  auto& remove = connection().cached(sql);
+  Store::bind(remove, where.arguments);
+  remove.execute();
+  auto& deleted = changes(className).deletions;
+  deleted.insert(deleted.end(), keys.begin(), keys.end());
+  return keys;
+}
+
+}  // namespace tarnwell::store
