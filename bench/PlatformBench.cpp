@@ -3,8 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include <filesystem>
-
+#include "BenchEnvironment.h"
 #include "tarnwell/modules/Logger.h"
 #include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Environment.h"
@@ -13,29 +12,7 @@ namespace {
 
 using namespace tarnwell;
 
-// A throwaway installation for one benchmark.
-class BenchEnvironment {
- public:
-  BenchEnvironment() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tarnwell-bench-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) std::abort();
-    root_ = pattern;
-    Environment::Configuration configuration;
-    configuration.appGroupContainer = root_ / Environment::kAppGroupIdentifier;
-    configuration.privateFolder = root_ / "org.vostra.tarnwell";
-    configuration.keychainFolder = root_ / "keychain";
-    configuration.clock = std::make_shared<ManualClock>(Date::fromTimeIntervalSince1970(1795341600.0));
-    configuration.region = Region("UTC", "en_US");
-    Environment::install(std::make_unique<Environment>(std::move(configuration)));
-  }
-  ~BenchEnvironment() {
-    Environment::install(nullptr);
-    std::filesystem::remove_all(root_);
-  }
-
- private:
-  std::filesystem::path root_;
-};
+using bench::BenchEnvironment;
 
 void BM_UserDefaultsRead(benchmark::State& state) {
   BenchEnvironment environment;

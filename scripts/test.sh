@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 jobs="$(nproc)"
 
 # Test labels whose cases start threads of their own.
-threaded='platform|modules'
+threaded='platform|modules|store'
 
 scripts/build.sh asan
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \

@@ -25,7 +25,8 @@ void startStore() {
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked) {
   if (!asked.empty()) return asked;
   std::vector<std::string> ids{Settings::deviceId()};
-  if (auto related = Database::getDevicesRelatedToCurrentDevice()) ids.insert(ids.end(), related->begin(), related->end());
+  if (auto related = Database::getDevicesRelatedToCurrentDevice())
+    ids.insert(ids.end(), related->begin(), related->end());
   return ids;
 }
 
@@ -206,8 +207,8 @@ void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   addPickupCommands(app, options, action);
   addSpanCommands<Walk>(app, options, action, "walk", &Database::addWalk, &Database::editWalk, &Database::getWalks,
                         &Database::getWalk);
-  addSpanCommands<Alive>(app, options, action, "alive", &Database::addAlive, &Database::editAlive,
-                         &Database::getAlives, &Database::getAlive);
+  addSpanCommands<Alive>(app, options, action, "alive", &Database::addAlive, &Database::editAlive, &Database::getAlives,
+                         &Database::getAlive);
 
   auto device = std::make_shared<std::optional<std::string>>();
   auto* screenTime = app.add_subcommand("screen-time", "Seconds of all pickups of a device, ever");
@@ -234,7 +235,8 @@ void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& actio
         if (!row) continue;
         all.push_back(recordJSON(*row));
         text += id + "  " + row->name.value_or("-") + "  " +
-                (row->lastSyncDate ? row->lastSyncDate->iso8601() : "never synced") + (id == current ? "  (this device)" : "");
+                (row->lastSyncDate ? row->lastSyncDate->iso8601() : "never synced") +
+                (id == current ? "  (this device)" : "");
         for (const auto& related : row->deviceIds) text += "\n    merges " + related;
         text += "\n";
       }

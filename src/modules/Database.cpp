@@ -31,7 +31,8 @@ struct DatabaseState {
     fileURL = folder / "default.realm";
     backupURL = folder / "backup.realm";
     legacyURL = *container / "Library" / "Caches" / "default.realm";
-    for (const char* extension : {"", ".lock", ".note", ".management"}) fileURLs.push_back(fileURL.string() + extension);
+    for (const char* extension : {"", ".lock", ".note", ".management"})
+      fileURLs.push_back(fileURL.string() + extension);
   }
 
   SafeSyncQueue queue;
@@ -63,7 +64,8 @@ void moveStoreFile(const std::filesystem::path& from, const std::filesystem::pat
 // Removes a file like the platform's file manager: a missing one is an error.
 void removeItem(const std::filesystem::path& file) {
   if (!std::filesystem::exists(file)) {
-    throw std::filesystem::filesystem_error("cannot remove", file, std::make_error_code(std::errc::no_such_file_or_directory));
+    throw std::filesystem::filesystem_error("cannot remove", file,
+                                            std::make_error_code(std::errc::no_such_file_or_directory));
   }
   std::filesystem::remove(file);
 }
@@ -142,14 +144,20 @@ std::string addEvent(Date start, Date end, std::string_view function) {
 template <class Record>
 bool editEvent(const std::string& id, const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
                const std::string& line, std::string_view function) {
-  std::optional<Record> existing;
+  // Whether the record is there and alive is all the edit needs to read.
+  bool live = false;
   try {
-    existing = Store::open().object<Record>(id);
+    Store store = Store::open();
+    auto& select =
+        store.statement("SELECT isDeleted FROM " + store::quoteIdentifier(Record::className) + " WHERE id = ?");
+    select.bind(1, std::string_view(id));
+    live = select.step() && select.int64(0) == 0;
+    select.reset();
   } catch (const sqlite::Error&) {
     // Dropped on purpose: an edit of something that cannot be read is skipped.
   }
-  if (!existing || existing->isDeleted) return false;
-  Store::open().write([&](WriteTransaction& t) { t.update<Record>(assignments, Query().filter("id = ?", {id})); });
+  if (!live) return false;
+  Store::open().write([&](WriteTransaction& t) { t.updateObject<Record>(id, assignments); });
   log.info(line, {.function = function});
   return true;
 }
@@ -195,7 +203,8 @@ void Database::configureRealm() {
   auto& s = state();
   // No protection attributes here: the file keeps the mode it was made with.
   if (!std::filesystem::exists(s.folder)) std::filesystem::create_directory(s.folder);
-  if (std::filesystem::exists(s.legacyURL) && !std::filesystem::exists(s.fileURL)) moveStoreFile(s.legacyURL, s.fileURL);
+  if (std::filesystem::exists(s.legacyURL) && !std::filesystem::exists(s.fileURL))
+    moveStoreFile(s.legacyURL, s.fileURL);
 
   store::StoreConfiguration configuration;
   configuration.fileURL = s.fileURL;
@@ -295,7 +304,8 @@ void Database::migrate(sqlite::Connection& connection, std::uint64_t v) {
     const auto& palette = TagColors::palette();
     while (select.step()) {
       const auto known = select.isNull(1) ? std::nullopt : defaultTagColorHex(select.text(1));
-      colors.emplace_back(select.int64(0), known ? std::string(*known) : std::string(palette[counter++ % palette.size()]));
+      colors.emplace_back(select.int64(0),
+                          known ? std::string(*known) : std::string(palette[counter++ % palette.size()]));
     }
     for (const auto& [rowid, color] : colors) {
       run("UPDATE Tag SET colorHex = ?, focusGoalData = NULL WHERE rowid = ?", {color, rowid});
@@ -316,9 +326,7 @@ std::optional<std::string> Database::setCurrentDeviceLastSyncDate(Date date) {
   if (!device) return std::nullopt;
   log.info("✍️ Edit Device: " + *device->id + ", updated at " + date.description(),
            {.function = "setCurrentDeviceLastSyncDate(_:)"});
-  Store::open().write([&](WriteTransaction& t) {
-    t.update<Device>({{"lastSyncDate", date}}, Query().filter("id = ?", {*device->id}));
-  });
+  Store::open().write([&](WriteTransaction& t) { t.updateObject<Device>(*device->id, {{"lastSyncDate", date}}); });
   return device->id;
 }
 
@@ -347,6 +355,7 @@ std::vector<std::string> Database::getTags(bool archived, bool discardDefault) {
   query.sorted("isDefault DESC, sort ASC");
   Store store = Store::open();
   auto& select = store.statement(Store::selectSQL(Tag::className, "id", query));
+  Store::bind(select, query.arguments);
   std::vector<std::string> ids;
   while (select.step()) {
     if (select.isNull(0)) continue;
@@ -375,8 +384,7 @@ std::vector<std::string> Database::getPickups(DateInterval between, const std::v
 
 std::optional<Pickup> Database::getPickup(const std::string& id) { return liveObject<Pickup>(id); }
 
-std::optional<std::string> Database::getFirstPickup(DateInterval between,
-                                                    const std::vector<std::string>& deviceIds) {
+std::optional<std::string> Database::getFirstPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
   Query query;
   query.filter("isDeleted = 0 AND isIgnoredForSleepTime = 0").filterIn("deviceId", deviceIds);
   query.filter("start BETWEEN ? AND ?", {between.start(), between.end()}).sorted("start ASC").limited(1);
@@ -404,7 +412,8 @@ std::optional<Pickup> Database::getLatestPickup(const std::vector<std::string>& 
 
 double Database::getScreenTime(const std::string& deviceId) {
   Store store = Store::open();
-  auto& select = store.statement("SELECT start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ? ORDER BY rowid");
+  auto& select =
+      store.statement("SELECT start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ? ORDER BY rowid");
   select.bind(1, std::string_view(deviceId));
   double seconds = 0;
   while (select.step()) {
@@ -417,9 +426,7 @@ double Database::getScreenTime(const std::string& deviceId) {
   return seconds;
 }
 
-std::string Database::addPickup(Date start, Date end) {
-  return addEvent<Pickup>(start, end, "addPickup(start:end:)");
-}
+std::string Database::addPickup(Date start, Date end) { return addEvent<Pickup>(start, end, "addPickup(start:end:)"); }
 
 std::string Database::editPickup(const std::string& id, Date end) {
   editEvent<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(), "editPickup(id:end:)");

@@ -51,9 +51,7 @@ void from_json(const nlohmann::ordered_json& json, App& app) {
   app = std::move(decoded);
 }
 
-std::string AppStructure::trackId() const {
-  return trackIdInNumber >= 1 ? std::to_string(trackIdInNumber) : bundleId;
-}
+std::string AppStructure::trackId() const { return trackIdInNumber >= 1 ? std::to_string(trackIdInNumber) : bundleId; }
 
 std::optional<std::string> AppStructure::primaryGenreName() const {
   if (!primaryGenreNameInEnglish) return std::nullopt;
@@ -85,10 +83,10 @@ std::vector<std::string> AppStructure::defaultAppIds() {
 }
 
 std::vector<std::string> AppStructure::recommendAppIds() {
-  std::vector<std::string> ids = {"361309726", "361304891", "361285480", "377298193", "408709785", "364709193",
-                                  "525463029", "915249334", "1212699939", "1110145103", "1110145091", "1108187841",
+  std::vector<std::string> ids = {"361309726",  "361304891",  "361285480",  "377298193",  "408709785",  "364709193",
+                                  "525463029",  "915249334",  "1212699939", "1110145103", "1110145091", "1108187841",
                                   "1110145109", "1069512134", "1069509450", "1232058109", "1208224953", "1514844618",
-                                  "1383426740", "908519492", "1146562112", "1108187390"};
+                                  "1383426740", "908519492",  "1146562112", "1108187390"};
   if (AppInfo::isAtChina()) ids.push_back("1108185179");
   return ids;
 }
@@ -151,8 +149,13 @@ AppStructure AppStructure::make(SystemAppWithoutID app) {
       entry = {"Whitelist.App.AppStore", "Utilities", "itms-apps://"};
       break;
   }
-  return AppStructure{0, std::string(rawValue(app)), localized(entry.nameKey), std::nullopt,
-                      std::vector<std::string>{"iPhone", "iPad"}, entry.genre, entry.scheme};
+  return AppStructure{0,
+                      std::string(rawValue(app)),
+                      localized(entry.nameKey),
+                      std::nullopt,
+                      std::vector<std::string>{"iPhone", "iPad"},
+                      entry.genre,
+                      entry.scheme};
 }
 
 void to_json(nlohmann::ordered_json& json, const AppStructure& app) {

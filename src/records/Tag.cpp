@@ -22,8 +22,8 @@ const std::array<std::string_view, 12>& TagColors::palette() {
   return colors;
 }
 
-Tag::Tag(std::string tagId, std::string tagTitle, std::optional<std::string> tagEmoji, std::string color,
-         bool mindful, std::int64_t place)
+Tag::Tag(std::string tagId, std::string tagTitle, std::optional<std::string> tagEmoji, std::string color, bool mindful,
+         std::int64_t place)
     : id(std::move(tagId)),
       created(Date::now()),
       title(std::move(tagTitle)),

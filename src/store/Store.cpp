@@ -120,9 +120,8 @@ sqlite::Connection& threadConnection(const std::string& file, std::uint64_t epoc
     cache.connections.clear();
     cache.generation = Environment::generation();
   }
-  std::erase_if(cache.connections, [&](const auto& entry) {
-    return entry.first.first == file && entry.first.second != epoch;
-  });
+  std::erase_if(cache.connections,
+                [&](const auto& entry) { return entry.first.first == file && entry.first.second != epoch; });
   auto& slot = cache.connections[{file, epoch}];
   if (!slot) slot = connect(file);
   return *slot;
@@ -367,6 +366,24 @@ std::vector<std::string> WriteTransaction::updateRows(
   auto& modified = changes(className).modifications;
   modified.insert(modified.end(), keys.begin(), keys.end());
   return keys;
+}
+
+bool WriteTransaction::updateRow(std::string_view className, std::string_view key, std::string_view primaryKey,
+                                 const std::vector<std::pair<std::string_view, QueryValue>>& assignments) {
+  std::string sql = "UPDATE " + quoteIdentifier(className) + " SET ";
+  std::vector<QueryValue> arguments;
+  for (std::size_t i = 0; i < assignments.size(); ++i) {
+    sql += (i == 0 ? "" : ", ") + quoteIdentifier(assignments[i].first) + " = ?";
+    arguments.push_back(assignments[i].second);
+  }
+  sql += " WHERE " + quoteIdentifier(key) + " = ?";
+  arguments.emplace_back(std::string(primaryKey));
+  auto& update = connection().cached(sql);
+  Store::bind(update, arguments);
+  update.execute();
+  if (connection().changes() == 0) return false;
+  changes(className).modifications.emplace_back(primaryKey);
+  return true;
 }
 
 std::vector<std::string> WriteTransaction::removeRows(std::string_view className, std::string_view key,

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/TestEnvironment.h"
+#include "tarnwell/platform/Sqlite.h"
 #include "tarnwell/platform/Uuid.h"
 
 namespace tarnwell {
@@ -118,6 +119,77 @@ TEST_F(CliTest, WithoutAContainerTheInstallationLivesUnderXDG) {
   const auto facts = json(run("--json info", false));
   EXPECT_EQ(facts["appGroupContainer"],
             (folder.path() / "xdg" / "tarnwell" / "container" / "group.org.vostra.tarnwell").string());
+}
+
+TEST_F(CliTest, AFreshStoreHasVersion13ThisDeviceAndTheInitialTags) {
+  ASSERT_EQ(run("device list").status, 0);
+  sqlite::Connection store(container() / "group.org.vostra.tarnwell" / "Realm" / "default.realm",
+                           sqlite::Connection::OpenMode::readOnly);
+  EXPECT_EQ(store.userVersion(), 13);
+  auto devices = store.prepare("SELECT id FROM Device");
+  ASSERT_TRUE(devices.step());
+  EXPECT_EQ(devices.text(0), json(run("--json info"))["deviceId"]);
+  EXPECT_FALSE(devices.step());
+  auto tags = store.prepare("SELECT id FROM Tag ORDER BY isDefault DESC, sort");
+  std::vector<std::string> ids;
+  while (tags.step()) ids.push_back(tags.text(0));
+  EXPECT_EQ(ids, (std::vector<std::string>{"default", "working", "studying"}));
+}
+
+TEST_F(CliTest, PickupsAreAddedMovedListedAndDeleted) {
+  const Outcome added = run("pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z");
+  ASSERT_EQ(added.status, 0) << added.err;
+  const std::string id = added.out.substr(0, added.out.size() - 1);
+  EXPECT_TRUE(isUpperCaseUUIDString(id)) << added.out;
+  EXPECT_EQ(run("pickup edit " + id + " 2026-11-22T08:10:00Z").status, 0);
+
+  const auto list = json(run("--tz Europe/Berlin --json pickup list --from 2026-11-22T09:00 --to 2026-11-22T09:05"));
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_EQ(list[0]["id"], id);
+  EXPECT_EQ(list[0]["start"], "2026-11-22T09:00:00+01:00");
+  EXPECT_EQ(list[0]["end"], "2026-11-22T09:10:00+01:00");
+  EXPECT_EQ(list[0]["isIgnoredForSleepTime"], false);
+  for (const char* key : {"deviceId", "isDeleted"}) EXPECT_TRUE(list[0].contains(key)) << key;
+  EXPECT_EQ(run("screen-time").out, "600.0\n");
+
+  EXPECT_EQ(json(run("--json pickup ignore-for-sleep 2026-11-22T07:00:00Z 2026-11-22T09:00:00Z")),
+            nlohmann::json::array({id}));
+  EXPECT_EQ(json(run("--json pickup list"))[0]["isIgnoredForSleepTime"], true);
+  EXPECT_EQ(run("pickup delete " + id).status, 0);
+  EXPECT_EQ(run("--json pickup list").out, "[]\n");
+}
+
+TEST_F(CliTest, BadSpansAreRefusedAndWriteNothing) {
+  for (const char* bad :
+       {"pickup add 2026-11-22T09:00:00Z 2026-11-22T08:00:00Z", "pickup add yesterday now",
+        "walk add 2026-11-22T09:00:00Z 2026-11-22T08:00:00Z", "alive edit X 2026-11-22T09:00:00Z 2026-11-22T08:00:00Z",
+        "pickup edit X soon", "pickup list --from 2026-11-23 --to 2026-11-22"}) {
+    const Outcome result = run(bad);
+    EXPECT_EQ(result.status, 1) << bad;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << bad << ": " << result.err;
+  }
+  EXPECT_EQ(run("--json pickup list").out, "[]\n");
+  EXPECT_EQ(run("--json walk list").out, "[]\n");
+}
+
+TEST_F(CliTest, EditsOfUnknownIdsAreQuietSuccesses) {
+  EXPECT_EQ(run("pickup edit NOPE 2026-11-22T08:00:00Z").out, "NOPE\n");
+  EXPECT_EQ(run("pickup delete NOPE").status, 0);
+  EXPECT_EQ(run("walk edit NOPE 2026-11-22T08:00:00Z 2026-11-22T08:01:00Z").status, 0);
+}
+
+TEST_F(CliTest, WalksAliveSpansAndRepair) {
+  ASSERT_EQ(run("walk add 2026-11-22T07:00:00Z 2026-11-22T07:30:00Z").status, 0);
+  ASSERT_EQ(run("alive add 2026-11-22T00:00:00Z 2026-11-22T23:00:00Z").status, 0);
+  EXPECT_EQ(json(run("--json walk list")).size(), 1u);
+  EXPECT_EQ(json(run("--json alive list --from 2026-11-22T22:00:00Z"))[0]["end"], "2026-11-22T23:00:00Z");
+  // The alive span ends after "now": a clock error that repair removes.
+  EXPECT_EQ(run("--now 2026-11-22T12:00:00Z store repair").status, 0);
+  EXPECT_EQ(run("--json alive list").out, "[]\n");
+  EXPECT_EQ(json(run("--json walk list")).size(), 1u);
+  const auto devices = json(run("--json device list"));
+  ASSERT_EQ(devices.size(), 1u);
+  EXPECT_EQ(devices[0]["deviceIds"], nlohmann::json::array());
 }
 
 }  // namespace

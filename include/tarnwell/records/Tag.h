@@ -55,8 +55,8 @@ struct Tag {
 
   Tag() = default;
   // `created` is now; `isDefault` false.
-  Tag(std::string id, std::string title, std::optional<std::string> emoji, std::string colorHex,
-      bool syncToMindfulness, std::int64_t sort);
+  Tag(std::string id, std::string title, std::optional<std::string> emoji, std::string colorHex, bool syncToMindfulness,
+      std::int64_t sort);
 
   // id,"created","title","emoji",isDefault: empty without an id, a creation
   // date or a title; a missing emoji is written as "-".
@@ -98,10 +98,10 @@ const DefaultTagInfo& info(DefaultTagType type);
 struct DefaultTagTypes {
   // Created on a new installation, in this order.
   static constexpr std::array<DefaultTagType, 3> initialTags = {DefaultTagType::theDefault, DefaultTagType::working,
-                                                               DefaultTagType::studying};
+                                                                DefaultTagType::studying};
   static constexpr std::array<DefaultTagType, 5> allTags = {DefaultTagType::theDefault, DefaultTagType::working,
-                                                           DefaultTagType::studying, DefaultTagType::reading,
-                                                           DefaultTagType::meditation};
+                                                            DefaultTagType::studying, DefaultTagType::reading,
+                                                            DefaultTagType::meditation};
   // Shipped formerly: no longer created, still recognised and repaired.
   static constexpr std::array<DefaultTagType, 2> removedTags = {DefaultTagType::reading, DefaultTagType::meditation};
 };

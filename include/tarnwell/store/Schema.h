@@ -218,8 +218,9 @@ std::vector<std::string> createIndexesSQL() {
   std::vector<std::string> statements;
   forEachProperty<Record>([&statements](const auto& p) {
     if (!p.isIndexed) return;
-    statements.push_back("CREATE INDEX IF NOT EXISTS " + quoteIdentifier(std::string(Record::className) + "_" + std::string(p.name)) +
-                         " ON " + quoteIdentifier(Record::className) + " (" + quoteIdentifier(p.name) + ")");
+    statements.push_back("CREATE INDEX IF NOT EXISTS " +
+                         quoteIdentifier(std::string(Record::className) + "_" + std::string(p.name)) + " ON " +
+                         quoteIdentifier(Record::className) + " (" + quoteIdentifier(p.name) + ")");
   });
   return statements;
 }

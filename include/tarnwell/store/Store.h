@@ -111,9 +111,8 @@ struct TableSchema {
 template <class Record>
 TableSchema tableSchema() {
   TableSchema schema{std::string(Record::className), createTableSQL<Record>(), {}, createIndexesSQL<Record>()};
-  forEachProperty<Record>([&schema](const auto& p) {
-    schema.columns.emplace_back(std::string(p.name), columnDefinition<Record>(p));
-  });
+  forEachProperty<Record>(
+      [&schema](const auto& p) { schema.columns.emplace_back(std::string(p.name), columnDefinition<Record>(p)); });
   return schema;
 }
 
@@ -205,6 +204,13 @@ class WriteTransaction {
   std::vector<std::string> update(const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
                                   const Query& where);
 
+  // Sets columns on the row of one primary key; false when there is none.
+  template <class Record>
+  bool updateObject(std::string_view primaryKey,
+                    const std::vector<std::pair<std::string_view, QueryValue>>& assignments) {
+    return updateRow(Record::className, primaryKeyName<Record>(), primaryKey, assignments);
+  }
+
   // Removes the rows `where` selects for good; returns their primary keys.
   template <class Record>
   std::vector<std::string> remove(const Query& where);
@@ -228,6 +234,8 @@ class WriteTransaction {
                                       const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
                                       const Query& where);
   std::vector<std::string> removeRows(std::string_view className, std::string_view key, const Query& where);
+  bool updateRow(std::string_view className, std::string_view key, std::string_view primaryKey,
+                 const std::vector<std::pair<std::string_view, QueryValue>>& assignments);
 
   Store& store_;
   std::vector<ChangeSet> changes_;
@@ -235,8 +243,8 @@ class WriteTransaction {
 
 template <class Record>
 std::optional<Record> Store::object(std::string_view primaryKey) {
-  auto& select = statement("SELECT " + columnList<Record>() + " FROM " + quoteIdentifier(Record::className) + " WHERE " +
-                           quoteIdentifier(primaryKeyName<Record>()) + " = ?1");
+  auto& select = statement("SELECT " + columnList<Record>() + " FROM " + quoteIdentifier(Record::className) +
+                           " WHERE " + quoteIdentifier(primaryKeyName<Record>()) + " = ?1");
   select.bind(1, primaryKey);
   std::optional<Record> record;
   if (select.step()) record = readRecord<Record>(select);
@@ -271,8 +279,8 @@ void WriteTransaction::add(const Record& record, UpdatePolicy policy) {
   static const std::string insert = [] {
     std::string placeholders;
     for (int i = 1; i <= propertyCount<Record>(); ++i) placeholders += (i > 1 ? ", ?" : "?") + std::to_string(i);
-    return "INSERT INTO " + quoteIdentifier(Record::className) + " (" + columnList<Record>() + ") VALUES (" + placeholders +
-           ")";
+    return "INSERT INTO " + quoteIdentifier(Record::className) + " (" + columnList<Record>() + ") VALUES (" +
+           placeholders + ")";
   }();
   static const std::string upsert = [] {
     std::string assignments;
