@@ -338,31 +338,48 @@ void WriteTransaction::recordAdd(std::string_view className, std::string key) {
   (lastRowWasInserted ? change.insertions : change.modifications).push_back(std::move(key));
 }
 
-std::vector<std::string> WriteTransaction::updateRows(
-    std::string_view className, std::string_view key,
-    const std::vector<std::pair<std::string_view, QueryValue>>& assignments, const Query& where) {
-  // The keys first, in store order; then one UPDATE over the same selection.
-  auto& select = connection().cached(Store::selectSQL(className, quoteIdentifier(key), where));
+namespace {
+
+// The primary keys `where` selects, in store order.
+std::vector<std::string> selectKeys(sqlite::Connection& connection, std::string_view className, std::string_view key,
+                                    const Query& where) {
+  auto& select = connection.cached(Store::selectSQL(className, quoteIdentifier(key), where));
   Store::bind(select, where.arguments);
   std::vector<std::string> keys;
   while (select.step()) {
     if (!select.isNull(0)) keys.push_back(select.text(0));
   }
   select.reset();
-  if (keys.empty()) return keys;
+  return keys;
+}
 
+// Runs "UPDATE class SET a = ?, ... WHERE condition" with the assignments'
+// values followed by the condition's.
+void runUpdate(sqlite::Connection& connection, std::string_view className,
+               const std::vector<std::pair<std::string_view, QueryValue>>& assignments, std::string_view condition,
+               const std::vector<QueryValue>& conditionArguments) {
   std::string sql = "UPDATE " + quoteIdentifier(className) + " SET ";
   std::vector<QueryValue> arguments;
   for (std::size_t i = 0; i < assignments.size(); ++i) {
     sql += (i == 0 ? "" : ", ") + quoteIdentifier(assignments[i].first) + " = ?";
     arguments.push_back(assignments[i].second);
   }
-  if (!where.where.empty()) sql += " WHERE " + where.where;
-  arguments.insert(arguments.end(), where.arguments.begin(), where.arguments.end());
-  auto& update = connection().cached(sql);
+  if (!condition.empty()) sql += " WHERE " + std::string(condition);
+  arguments.insert(arguments.end(), conditionArguments.begin(), conditionArguments.end());
+  auto& update = connection.cached(sql);
   Store::bind(update, arguments);
   update.execute();
+}
 
+}  // namespace
+
+std::vector<std::string> WriteTransaction::updateRows(
+    std::string_view className, std::string_view key,
+    const std::vector<std::pair<std::string_view, QueryValue>>& assignments, const Query& where) {
+  // The keys first, in store order; then one UPDATE over the same selection.
+  auto keys = selectKeys(connection(), className, key, where);
+  if (keys.empty()) return keys;
+  runUpdate(connection(), className, assignments, where.where, where.arguments);
   auto& modified = changes(className).modifications;
   modified.insert(modified.end(), keys.begin(), keys.end());
   return keys;
@@ -370,17 +387,7 @@ std::vector<std::string> WriteTransaction::updateRows(
 
 bool WriteTransaction::updateRow(std::string_view className, std::string_view key, std::string_view primaryKey,
                                  const std::vector<std::pair<std::string_view, QueryValue>>& assignments) {
-  std::string sql = "UPDATE " + quoteIdentifier(className) + " SET ";
-  std::vector<QueryValue> arguments;
-  for (std::size_t i = 0; i < assignments.size(); ++i) {
-    sql += (i == 0 ? "" : ", ") + quoteIdentifier(assignments[i].first) + " = ?";
-    arguments.push_back(assignments[i].second);
-  }
-  sql += " WHERE " + quoteIdentifier(key) + " = ?";
-  arguments.emplace_back(std::string(primaryKey));
-  auto& update = connection().cached(sql);
-  Store::bind(update, arguments);
-  update.execute();
+  runUpdate(connection(), className, assignments, quoteIdentifier(key) + " = ?", {std::string(primaryKey)});
   if (connection().changes() == 0) return false;
   changes(className).modifications.emplace_back(primaryKey);
   return true;
@@ -388,13 +395,7 @@ bool WriteTransaction::updateRow(std::string_view className, std::string_view ke
 
 std::vector<std::string> WriteTransaction::removeRows(std::string_view className, std::string_view key,
                                                       const Query& where) {
-  auto& select = connection().cached(Store::selectSQL(className, quoteIdentifier(key), where));
-  Store::bind(select, where.arguments);
-  std::vector<std::string> keys;
-  while (select.step()) {
-    if (!select.isNull(0)) keys.push_back(select.text(0));
-  }
-  select.reset();
+  auto keys = selectKeys(connection(), className, key, where);
   std::string sql = "DELETE FROM " + quoteIdentifier(className);
   if (!where.where.empty()) sql += " WHERE " + where.where;
   auto& remove = connection().cached(sql);
