@@ -3,10 +3,12 @@
 #   release  optimised, with debug info (the default)
 #   asan     AddressSanitizer + UndefinedBehaviorSanitizer
 #   tsan     ThreadSanitizer
+# Further arguments name the targets to build (default: all).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 name="${1:-release}"
+shift || true
 case "$name" in
   release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
   asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTARNWELL_SANITIZER=address -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
@@ -15,4 +17,6 @@ case "$name" in
 esac
 
 cmake -S . -B "build/$name" -G Ninja "${options[@]}" >/dev/null
-cmake --build "build/$name"
+targets=()
+for target in "$@"; do targets+=(--target "$target"); done
+cmake --build "build/$name" "${targets[@]}"

@@ -144,22 +144,18 @@ std::string addEvent(Date start, Date end, std::string_view function) {
 template <class Record>
 bool editEvent(const std::string& id, const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
                const std::string& line, std::string_view function) {
-  // Whether the record is there and alive is all the edit needs to read.
-  bool live = false;
+  std::optional<Store> store;
   try {
-    Store store = Store::open();
-    auto& select =
-        store.statement("SELECT isDeleted FROM " + store::quoteIdentifier(Record::className) + " WHERE id = ?");
-    select.bind(1, std::string_view(id));
-    live = select.step() && select.int64(0) == 0;
-    select.reset();
+    store = Store::open();
   } catch (const sqlite::Error&) {
-    // Dropped on purpose: an edit of something that cannot be read is skipped.
+    return false;  // dropped on purpose: an edit of something that cannot be read is skipped
   }
-  if (!live) return false;
-  Store::open().write([&](WriteTransaction& t) { t.updateObject<Record>(id, assignments); });
-  log.info(line, {.function = function});
-  return true;
+  // Reading the record and writing it, fused: the row changes only when it
+  // exists and is not soft-deleted, which is the edit's own condition.
+  bool edited = false;
+  store->write([&](WriteTransaction& t) { edited = t.updateObject<Record>(id, assignments, "isDeleted = 0"); });
+  if (edited) log.info(line, {.function = function});
+  return edited;
 }
 
 // The id of the first or last pickup of a query, as `Query` orders it.

@@ -89,10 +89,10 @@ AutoRotatingFileDestination::~AutoRotatingFileDestination() = default;
 
 void AutoRotatingFileDestination::write(const LogRecord& record) {
   if (!writer_->logger) return;
-  std::string line = formatLogRecord(record, Region::current().timeZoneId());
   ++writer_->pending;
-  queue_->async([writer = writer_, line = std::move(line)] {
-    writer->logger->log(spdlog::level::info, line);
+  // The caller pays for the copy only; the text is made on the log's queue.
+  queue_->async([writer = writer_, record, zone = Region::current().timeZoneId()] {
+    writer->logger->log(spdlog::level::info, formatLogRecord(record, zone));
     if (--writer->pending == 0) writer->logger->flush();
   });
 }

@@ -307,10 +307,13 @@ ObserverToken Store::observe(std::string className, std::function<void(const Cha
   return ObserverToken(observers_, id);
 }
 
-WriteTransaction::WriteTransaction(Store& store) : store_(store) { store_.connection().execute("BEGIN IMMEDIATE"); }
+WriteTransaction::WriteTransaction(Store& store) : store_(store) {
+  store_.connection().cached("BEGIN IMMEDIATE").execute();
+}
 
-void WriteTransaction::commit(const std::vector<const ObserverToken*>& withoutNotifying) {
-  store_.connection().execute("COMMIT");
+void WriteTransaction::commit() { store_.connection().cached("COMMIT").execute(); }
+
+void WriteTransaction::deliver(const std::vector<const ObserverToken*>& withoutNotifying) {
   std::erase_if(changes_, [](const ChangeSet& change) { return change.empty(); });
   if (changes_.empty()) return;
   std::set<std::uint64_t> excluded;
@@ -386,8 +389,11 @@ std::vector<std::string> WriteTransaction::updateRows(
 }
 
 bool WriteTransaction::updateRow(std::string_view className, std::string_view key, std::string_view primaryKey,
-                                 const std::vector<std::pair<std::string_view, QueryValue>>& assignments) {
-  runUpdate(connection(), className, assignments, quoteIdentifier(key) + " = ?", {std::string(primaryKey)});
+                                 const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
+                                 std::string_view onlyIf) {
+  std::string condition = quoteIdentifier(key) + " = ?";
+  if (!onlyIf.empty()) condition += " AND (" + std::string(onlyIf) + ")";
+  runUpdate(connection(), className, assignments, condition, {std::string(primaryKey)});
   if (connection().changes() == 0) return false;
   changes(className).modifications.emplace_back(primaryKey);
   return true;

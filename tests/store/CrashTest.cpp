@@ -69,7 +69,8 @@ TEST(CrashTest, EveryReturnedIdSurvivesAKill) {
   std::size_t missing = 0;
   for (const auto& id : ids) missing += !Database::getPickup(id);
   EXPECT_EQ(missing, 0u);
-  const auto all = Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {Settings::deviceId()});
+  const auto all =
+      Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {Settings::deviceId()});
   EXPECT_GE(all.size(), ids.size());
 }
 

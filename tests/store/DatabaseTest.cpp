@@ -55,7 +55,9 @@ TEST_F(DatabaseTest, StartingAgainChangesNothing) {
 
 TEST_F(DatabaseTest, InitialTagsComeBackOnlyWhenTheTableIsEmptyOrAsked) {
   // Tags present and the key spent: a deleted default stays deleted.
-  store::Store::open().write([](auto& t) { t.template update<Tag>({{"isDeleted", true}}, store::Query().filter("id = 'working'")); });
+  store::Store::open().write([](auto& t) {
+    t.template update<Tag>({{"isDeleted", true}}, store::Query().filter("id = 'working'"));
+  });
   Database::setupRealmData();
   EXPECT_FALSE(Database::getTag("working"));
   // No tag at all: they come back whatever the key says.
@@ -70,8 +72,8 @@ TEST_F(DatabaseTest, CopiesOfDefaultTagsAreListedUnderThePlainId) {
     t.add(Tag("reading-x", "Read", std::nullopt, "#72a7f1", true, 1));
     t.add(Tag("E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "Mine", std::nullopt, "#000000", true, 3));
   });
-  EXPECT_EQ(Database::getTags(false, false),
-            (std::vector<std::string>{"default", "working", "reading", "studying", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"}));
+  EXPECT_EQ(Database::getTags(false, false), (std::vector<std::string>{"default", "working", "reading", "studying",
+                                                                       "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"}));
   EXPECT_EQ(Database::getTags(false, true).front(), "working");
   EXPECT_TRUE(Database::getTags(true, false).empty());
 }
@@ -97,8 +99,8 @@ TEST_F(BrokenStoreTest, AGarbageFileIsSetAsideAndTheNextStartBuildsAnEmptyStore)
   Database::start();
   EXPECT_EQ(store::Store::open().connection().userVersion(), 13);
   EXPECT_EQ(Database::getTags(false, false).size(), 3u);
-  EXPECT_TRUE(Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {Settings::deviceId()})
-                  .empty());
+  EXPECT_TRUE(
+      Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {Settings::deviceId()}).empty());
 }
 
 TEST_F(BrokenStoreTest, TheSameProcessCanStartAgainAfterTheSetAside) {
@@ -139,9 +141,9 @@ TEST_F(DatabaseTest, RangeQueriesIncludeBothBoundsButNotASpanOverTheWhole) {
   const std::string endsAtStart = Database::addPickup(t0 - 60, t0);
   const std::string startsAtEnd = Database::addPickup(t0 + 100, t0 + 160);
   const std::string inside = Database::addPickup(t0 + 10, t0 + 20);
-  Database::addPickup(t0 - 10, t0 + 110);    // spans the whole interval: neither end inside
-  Database::addPickup(t0 + 50, t0 + 50);     // zero length
-  Database::addPickup(t0 + 200, t0 + 300);   // outside
+  Database::addPickup(t0 - 10, t0 + 110);   // spans the whole interval: neither end inside
+  Database::addPickup(t0 + 50, t0 + 50);    // zero length
+  Database::addPickup(t0 + 200, t0 + 300);  // outside
   EXPECT_EQ(Database::getPickups(between(0, 100), me()), (std::vector<std::string>{endsAtStart, inside, startsAtEnd}));
 }
 
@@ -260,7 +262,8 @@ TEST_F(DatabaseTest, WritesLogTheirLine) {
   EXPECT_NE(log.find("addPickup(start:end:) > ✍️ Add Pickup: " + id +
                      " 2026-11-22 10:00:00 +0000 2026-11-22 10:01:00 +0000"),
             std::string::npos);
-  EXPECT_NE(log.find("editPickup(id:end:) > ✍️ Edit Pickup: " + id + " 2026-11-22 10:01:30 +0000"), std::string::npos);
+  EXPECT_NE(log.find("editPickup(id:end:) > ✍️ Edit Pickup: " + id + " 2026-11-22 10:01:30 +0000"),
+            std::string::npos);
   EXPECT_NE(log.find("✍️ Edit Pickup Between: 2026-11-22 10:00:00 +0000 to 2026-11-22 10:01:40 +0000, "
                      "isIgnoredForSleepTime: true"),
             std::string::npos);

@@ -79,7 +79,8 @@ TEST_F(RecordsTest, FocusModeDecodingNeverFails) {
 }
 
 TEST_F(RecordsTest, FocusJSONKeysAndRequiredFields) {
-  Focus focus(std::string("F"), t0, t0 + 60, std::nullopt, 60, 30, FocusType::countdown(60), std::nullopt, std::nullopt);
+  Focus focus(std::string("F"), t0, t0 + 60, std::nullopt, 60, 30, FocusType::countdown(60), std::nullopt,
+              std::nullopt);
   const nlohmann::ordered_json json = focus;
   EXPECT_EQ(json.dump(),
             R"({"id":"F","deviceId":"6D1A2B3C-4D5E-4F60-8A7B-9C0D1E2F3A4B","start":800000000.0,"end":800000060.0,)"

@@ -108,8 +108,9 @@ TEST_F(StoreTest, UpdatesReturnKeysInStoreOrder) {
   std::vector<std::string> ids;
   for (int i = 0; i < 5; ++i) ids.push_back(Database::addPickup(t0 - 10.0 * i, t0 + 10.0 * i));
   std::vector<std::string> touched;
-  Store::open().write(
-      [&](WriteTransaction& t) { touched = t.update<Pickup>({{"isIgnoredForSleepTime", true}}, Query()); });
+  Store::open().write([&](WriteTransaction& t) {
+    touched = t.update<Pickup>({{"isIgnoredForSleepTime", true}}, Query());
+  });
   EXPECT_EQ(touched, ids);
 }
 
@@ -195,7 +196,9 @@ class MigrationTest : public ::testing::Test {
     return steps;
   }
 
-  void SetUp() override { UserDefaults::standard().set("SettingsModule.doNotSyncTagIdToHealthKitMindfulness", std::vector<std::string>{"U2"}); }
+  void SetUp() override {
+    UserDefaults::standard().set("SettingsModule.doNotSyncTagIdToHealthKitMindfulness", std::vector<std::string>{"U2"});
+  }
 
   testing::TestEnvironment env;
 };

@@ -204,11 +204,13 @@ class WriteTransaction {
   std::vector<std::string> update(const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
                                   const Query& where);
 
-  // Sets columns on the row of one primary key; false when there is none.
+  // Sets columns on the row of one primary key, if it also meets `onlyIf`
+  // (a SQL condition without parameters); false when no row was changed.
   template <class Record>
   bool updateObject(std::string_view primaryKey,
-                    const std::vector<std::pair<std::string_view, QueryValue>>& assignments) {
-    return updateRow(Record::className, primaryKeyName<Record>(), primaryKey, assignments);
+                    const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
+                    std::string_view onlyIf = {}) {
+    return updateRow(Record::className, primaryKeyName<Record>(), primaryKey, assignments, onlyIf);
   }
 
   // Removes the rows `where` selects for good; returns their primary keys.
@@ -223,9 +225,10 @@ class WriteTransaction {
   explicit WriteTransaction(Store& store);
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
-  // Commits, then tells the observers that are not excluded.
-  void commit(const std::vector<const ObserverToken*>& withoutNotifying);
+  void commit();
   void rollback() noexcept;
+  // After the commit: tells the observers that are not excluded.
+  void deliver(const std::vector<const ObserverToken*>& withoutNotifying);
 
   // Notes the key of the row the last statement inserted or updated.
   void recordAdd(std::string_view className, std::string key);
@@ -235,7 +238,7 @@ class WriteTransaction {
                                       const Query& where);
   std::vector<std::string> removeRows(std::string_view className, std::string_view key, const Query& where);
   bool updateRow(std::string_view className, std::string_view key, std::string_view primaryKey,
-                 const std::vector<std::pair<std::string_view, QueryValue>>& assignments);
+                 const std::vector<std::pair<std::string_view, QueryValue>>& assignments, std::string_view onlyIf);
 
   Store& store_;
   std::vector<ChangeSet> changes_;
@@ -267,11 +270,12 @@ void Store::write(F&& body, const std::vector<const ObserverToken*>& withoutNoti
   WriteTransaction transaction(*this);
   try {
     body(transaction);
+    transaction.commit();
   } catch (...) {
     transaction.rollback();
     throw;
   }
-  transaction.commit(withoutNotifying);
+  transaction.deliver(withoutNotifying);
 }
 
 template <class Record>
