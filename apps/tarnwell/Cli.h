@@ -14,6 +14,10 @@
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/store/Schema.h"
 
+namespace tarnwell {
+class EventsOfDay;
+}
+
 namespace tarnwell::cli {
 
 // Bad input from the user: printed as one line, exit status 1, nothing written.
@@ -56,9 +60,19 @@ Date parseInstant(std::string_view text);
 template <class Record>
 nlohmann::ordered_json recordJSON(const Record& record);
 
+// Starts the store as the app does at launch; a store that had to be set
+// aside is reported as bad input in one line.
+void startStore();
+
+// Today's or any day's metrics, night and hours.
+void printDay(const GlobalOptions& options, const EventsOfDay& day);
+
 void addInfoCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addSettingsCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addDayCommand(CLI::App& app, const GlobalOptions& options, Action& action);
+void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& action);
+void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 
 namespace json_detail {
 inline nlohmann::ordered_json value(const std::string& v) { return v; }

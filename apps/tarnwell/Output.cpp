@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "tarnwell/modules/Database.h"
 
 namespace tarnwell::cli {
 
@@ -20,6 +21,16 @@ std::string plainText(const nlohmann::ordered_json& value) {
 Date parseInstant(std::string_view text) {
   if (auto date = Date::parseISO8601(text)) return *date;
   throw InputError("\"" + std::string(text) + "\" is not an ISO 8601 date or time");
+}
+
+void startStore() {
+  try {
+    Database::start();
+  } catch (const std::exception& error) {
+    throw InputError(std::string("the store could not be opened and was set aside as ") +
+                     Database::backupURL().filename().string() + " (" + error.what() +
+                     "); the next run starts an empty store");
+  }
 }
 
 }  // namespace tarnwell::cli

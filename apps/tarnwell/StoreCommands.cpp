@@ -9,18 +9,6 @@
 namespace tarnwell::cli {
 namespace {
 
-// Starts the store as the app does at launch. A store that had to be set
-// aside is reported in one line; the next run finds an empty one.
-void startStore() {
-  try {
-    Database::start();
-  } catch (const std::exception& error) {
-    throw InputError(std::string("the store could not be opened and was set aside as ") +
-                     Database::backupURL().filename().string() + " (" + error.what() +
-                     "); the next run starts an empty store");
-  }
-}
-
 // This device and the devices it merges with, or the ones asked for.
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked) {
   if (!asked.empty()) return asked;

@@ -53,6 +53,9 @@ int main(int argc, char** argv) {
   addInfoCommand(app, options, action);
   addSettingsCommands(app, options, action);
   addStoreCommands(app, options, action);
+  addDayCommand(app, options, action);
+  addImportCommand(app, options, action);
+  addDemoCommand(app, options, action);
 
   try {
     app.parse(argc, argv);

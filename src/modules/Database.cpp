@@ -1,5 +1,7 @@
 #include "tarnwell/modules/Database.h"
 
+#include "modules/EventQueries.h"
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -8,6 +10,8 @@
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
 #include "tarnwell/platform/Log.h"
+#include "tarnwell/platform/NotificationCenter.h"
+#include "tarnwell/platform/Timer.h"
 #include "tarnwell/records/App.h"
 #include "tarnwell/records/Focus.h"
 #include "tarnwell/store/Store.h"
@@ -38,6 +42,13 @@ struct DatabaseState {
   SafeSyncQueue queue;
   std::filesystem::path folder, fileURL, backupURL, legacyURL;
   std::vector<std::filesystem::path> fileURLs;
+
+  // Guarded by `queue`.
+  std::optional<EventsOfDay> eventsOfToday;
+
+  std::mutex timersMutex;
+  std::shared_ptr<Timer> dayTimer;
+  std::shared_ptr<Timer> eventsOfTodayPost;
 };
 
 DatabaseState& state() { return Environment::current().component<DatabaseState>(); }
@@ -75,39 +86,15 @@ std::vector<store::TableSchema> tables() {
   return {store::tableSchema<Records>()...};
 }
 
-// Rows not soft-deleted of these devices: the first filter of every event read.
-Query live(const std::vector<std::string>& deviceIds) {
-  Query query;
-  query.filter("isDeleted = 0").filterIn("deviceId", deviceIds);
-  return query;
-}
+using event_queries::live;
+using event_queries::touching;
 
-// Rows with a start or an end inside the interval, both ends included.
-Query& touching(Query& query, DateInterval interval) {
-  return query.filter("(start BETWEEN ? AND ? OR \"end\" BETWEEN ? AND ?)",
-                      {interval.start(), interval.end(), interval.start(), interval.end()});
-}
-
-// The range query of pickups, walks and alive spans: records touching the
-// interval, by start, that have an id and an interval of positive length.
+// Ids of the records touching the interval, by start, of positive length.
 template <class Record>
 std::vector<std::string> rangeQuery(DateInterval between, const std::vector<std::string>& deviceIds) {
-  Store store = Store::open();
-  Query query = live(deviceIds);
-  touching(query, between).sorted("start ASC");
-  // Only what the test below reads: the same rows as whole records would give.
-  auto& select = store.statement(Store::selectSQL(Record::className, "id, start, \"end\"", query));
-  Store::bind(select, query.arguments);
   std::vector<std::string> ids;
-  while (select.step()) {
-    Record record;
-    store::readValue(select, 0, record.id);
-    store::readValue(select, 1, record.start);
-    store::readValue(select, 2, record.end);
-    const auto interval = record.interval();
-    if (interval && interval->duration() > 0.0 && record.id) ids.push_back(*record.id);
-  }
-  select.reset();
+  event_queries::forEachInSpan<Record>(between, deviceIds,
+                                       [&ids](const std::string& id, const DateInterval&) { ids.push_back(id); });
   return ids;
 }
 
@@ -127,6 +114,19 @@ std::optional<Record> latest(const std::vector<std::string>& deviceIds) {
   return std::move(records.front());
 }
 
+// Installs a new today; only through `queue`.
+void setEventsOfToday(EventsOfDay today) {
+  state().eventsOfToday = std::move(today);
+  Database::notifyEventsOfTodayChanged();
+}
+
+// Carries changes of the store into today without a rebuild. Read, apply,
+// install: no lock spans the three, so of two writers the later wins.
+void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes) {
+  EventsOfDay changed = Database::eventsOfToday().appliedChange(changes);
+  Database::queue().safeSync([&changed] { setEventsOfToday(std::move(changed)); });
+}
+
 // Adds a new record of this device and logs "✍️ Add <Class>: id start end".
 template <class Record>
 std::string addEvent(Date start, Date end, std::string_view function) {
@@ -136,6 +136,10 @@ std::string addEvent(Date start, Date end, std::string_view function) {
                end.description(),
            {.function = function});
   return *record.id;
+}
+
+EventsOfInterval::EventsChangeType pickupChange(const std::string& id) {
+  return EventsOfInterval::EventsChangeType::pickup(id);
 }
 
 // The edit frame: a record that cannot be read (the store does not open, the
@@ -188,6 +192,53 @@ void Database::start() {
   configureRealm();
   testRealm();
   setupRealmData();
+  setupRefreshEventsOfTodayTimer();
+}
+
+EventsOfDay Database::eventsOfToday() {
+  return queue().safeSync([] {
+    auto& today = state().eventsOfToday;
+    if (!today) today.emplace(Date::now(), std::nullopt);
+    return *today;
+  });
+}
+
+Promise<void> Database::refreshEventsOfToday() {
+  return Promise<void>::fulfilled()
+      .map(queue().queue(),
+           [] {
+             EventsOfDay today(Date::now(), std::nullopt);
+             queue().safeSync([&today] { setEventsOfToday(std::move(today)); });
+           })
+      .map([] { NotificationCenter::defaultCenter().post(NotificationName::dateOfTodayDidChange); });
+}
+
+void Database::setupRefreshEventsOfTodayTimer() {
+  const Date fire = Date::now().addingDay(1).startOfDay() + 1.0;
+  auto timer = Timer::scheduled(fire, [] {
+    refreshEventsOfToday();
+    setupRefreshEventsOfTodayTimer();
+  });
+  auto& s = state();
+  std::lock_guard lock(s.timersMutex);
+  // The new timer takes the place of the old, which is left to fire as it will.
+  s.dayTimer = std::move(timer);
+}
+
+void Database::notifyEventsOfTodayChanged() {
+  auto& s = state();
+  {
+    std::lock_guard lock(s.timersMutex);
+    if (s.eventsOfTodayPost) s.eventsOfTodayPost->invalidate();
+  }
+  DispatchQueue::main().async([&s] {
+    auto timer = Timer::scheduled(
+        0.1, [] { NotificationCenter::defaultCenter().post(NotificationName::eventsOfTodayDidChange); });
+    std::lock_guard lock(s.timersMutex);
+    // Two calls before the main queue ran either of these still give one post.
+    if (s.eventsOfTodayPost) s.eventsOfTodayPost->invalidate();
+    s.eventsOfTodayPost = std::move(timer);
+  });
 }
 
 bool Database::shouldCompactOnLaunch(std::uint64_t totalBytes, std::uint64_t usedBytes) {
@@ -422,10 +473,16 @@ double Database::getScreenTime(const std::string& deviceId) {
   return seconds;
 }
 
-std::string Database::addPickup(Date start, Date end) { return addEvent<Pickup>(start, end, "addPickup(start:end:)"); }
+std::string Database::addPickup(Date start, Date end) {
+  const std::string id = addEvent<Pickup>(start, end, "addPickup(start:end:)");
+  updateEventsOfToday({pickupChange(id)});
+  return id;
+}
 
 std::string Database::editPickup(const std::string& id, Date end) {
   editEvent<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(), "editPickup(id:end:)");
+  // Also when nothing was written: the day is replaced all the same.
+  updateEventsOfToday({pickupChange(id)});
   return id;
 }
 
@@ -440,11 +497,16 @@ std::vector<std::string> Database::editPickups(DateInterval between, bool isIgno
   log.info("✍️ Edit Pickup Between: " + between.description() +
                ", isIgnoredForSleepTime: " + (isIgnoredForSleepTime ? "true" : "false"),
            {.function = "editPickups(between:isIgnoredForSleepTime:deviceIds:)"});
+  std::vector<EventsOfInterval::EventsChangeType> changes;
+  for (const auto& id : ids) changes.push_back(pickupChange(id));
+  updateEventsOfToday(changes);
   return ids;
 }
 
 void Database::deletePickup(const std::string& id) {
-  editEvent<Pickup>(id, {{"isDeleted", true}}, "✍️ Delete Pickup: " + id, "deletePickup(id:)");
+  if (editEvent<Pickup>(id, {{"isDeleted", true}}, "✍️ Delete Pickup: " + id, "deletePickup(id:)")) {
+    updateEventsOfToday({pickupChange(id)});
+  }
 }
 
 std::vector<std::string> Database::getWalks(DateInterval between, const std::vector<std::string>& deviceIds) {
@@ -457,7 +519,11 @@ std::optional<Walk> Database::getLatestWalk(const std::vector<std::string>& devi
   return latest<Walk>(deviceIds);
 }
 
-std::string Database::addWalk(Date start, Date end) { return addEvent<Walk>(start, end, "addWalk(start:end:)"); }
+std::string Database::addWalk(Date start, Date end) {
+  const std::string id = addEvent<Walk>(start, end, "addWalk(start:end:)");
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id)});
+  return id;
+}
 
 std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& intervals) {
   std::vector<Walk> walks;
@@ -467,7 +533,12 @@ std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& int
     for (const auto& walk : walks) t.add(walk, UpdatePolicy::error);
   });
   std::vector<std::string> ids;
-  for (const auto& walk : walks) ids.push_back(*walk.id);
+  std::vector<EventsOfInterval::EventsChangeType> changes;
+  for (const auto& walk : walks) {
+    ids.push_back(*walk.id);
+    changes.push_back(EventsOfInterval::EventsChangeType::walk(*walk.id));
+  }
+  updateEventsOfToday(changes);
   return ids;
 }
 
@@ -475,6 +546,7 @@ std::string Database::editWalk(const std::string& id, Date start, Date end) {
   editEvent<Walk>(id, {{"start", start}, {"end", end}},
                   "✍️ Edit Walk: " + id + " " + start.description() + " " + end.description(),
                   "editWalk(id:start:end:)");
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id)});
   return id;
 }
 
@@ -488,8 +560,13 @@ std::optional<Alive> Database::getLatestAlive(const std::vector<std::string>& de
   return latest<Alive>(deviceIds);
 }
 
-std::string Database::addAlive(Date start, Date end) { return addEvent<Alive>(start, end, "addAlive(start:end:)"); }
+std::string Database::addAlive(Date start, Date end) {
+  const std::string id = addEvent<Alive>(start, end, "addAlive(start:end:)");
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::alive(id)});
+  return id;
+}
 
+// Unlike a walk's, an alive span's edit leaves today's older alive list as it is.
 std::string Database::editAlive(const std::string& id, Date start, Date end) {
   editEvent<Alive>(id, {{"start", start}, {"end", end}},
                    "✍️ Edit Alive: " + id + " " + start.description() + " " + end.description(),

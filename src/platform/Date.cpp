@@ -1,5 +1,6 @@
 #include "tarnwell/platform/Date.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -160,6 +161,56 @@ std::optional<DateInterval> DateInterval::intersection(const DateInterval& other
 }
 
 std::string DateInterval::description() const { return start_.description() + " to " + end_.description(); }
+
+std::vector<DateInterval> DateInterval::calculate(std::vector<DateInterval> subtracted,
+                                                  std::vector<DateInterval> subtraction) {
+  std::sort(subtracted.begin(), subtracted.end());
+  std::sort(subtraction.begin(), subtraction.end());
+  std::vector<DateInterval> result;
+  std::vector<DateInterval> pieces;
+  for (const DateInterval& x : subtracted) {
+    pieces.clear();
+    for (const DateInterval& y : subtraction) {
+      if (const auto piece = x.intersection(y)) pieces.push_back(*piece);
+    }
+    if (pieces.empty()) {
+      result.push_back(x);
+      continue;
+    }
+    std::sort(pieces.begin(), pieces.end());
+    DateInterval current = x;
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+      const DateInterval& piece = pieces[i];
+      if (!(piece.start() < current.start())) result.emplace_back(current.start(), piece.start());
+      if (!(current.end() < piece.end())) {
+        const DateInterval rest(piece.end(), current.end());
+        if (i + 1 == pieces.size()) {
+          result.push_back(rest);
+        } else {
+          current = rest;
+        }
+      }
+    }
+  }
+  std::erase_if(result, [](const DateInterval& interval) { return !(interval.duration() > 0.0); });
+  std::sort(result.begin(), result.end());
+  return result;
+}
+
+std::vector<DateInterval> DateInterval::removeOverlaps(std::vector<DateInterval> intervals) {
+  std::sort(intervals.begin(), intervals.end());
+  std::vector<DateInterval> result;
+  for (const DateInterval& interval : intervals) {
+    if (result.empty() || !(interval.start() < result.back().end())) {
+      result.push_back(interval);
+    } else {
+      // The merged end is this interval's end, not the later of the two.
+      const Date start = result.back().start();
+      result.back() = DateInterval(start, interval.end());
+    }
+  }
+  return result;
+}
 
 std::string formatDouble(double value) {
   if (std::isnan(value)) return "nan";

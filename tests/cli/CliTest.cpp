@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "support/TestEnvironment.h"
@@ -190,6 +191,112 @@ TEST_F(CliTest, WalksAliveSpansAndRepair) {
   const auto devices = json(run("--json device list"));
   ASSERT_EQ(devices.size(), 1u);
   EXPECT_EQ(devices[0]["deviceIds"], nlohmann::json::array());
+}
+
+// The daily row of the peer's expected features, by column name.
+std::map<std::string, std::string> rapidsDailyRow() {
+  std::ifstream in(std::string(TARNWELL_FIXTURES) + "/rapids-test01/expected_phone_screen.csv");
+  std::string header, line;
+  std::getline(in, header);
+  const auto split = [](const std::string& text) {
+    std::vector<std::string> fields(1);
+    bool quoted = false;
+    for (const char c : text) {
+      if (c == '"') {
+        quoted = !quoted;
+      } else if (c == ',' && !quoted) {
+        fields.emplace_back();
+      } else {
+        fields.back() += c;
+      }
+    }
+    return fields;
+  };
+  const auto names = split(header);
+  while (std::getline(in, line)) {
+    const auto fields = split(line);
+    if (fields[1] != "daily") continue;
+    std::map<std::string, std::string> row;
+    for (std::size_t i = 0; i < names.size(); ++i) row[names[i]] = fields[i];
+    return row;
+  }
+  return {};
+}
+
+TEST_F(CliTest, APeersScreenEventsGiveItsDailyFeatures) {
+  const Outcome imported = run("--tz America/New_York import --format aware '" + std::string(TARNWELL_FIXTURES) +
+                               "/rapids-test01/screen_raw.csv'");
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  EXPECT_EQ(imported.out, "Imported 7 pickups, 0 walks and 0 alive spans from 28 rows.\n");
+  const auto day = json(run("--tz America/New_York --json day 2020-06-01"));
+  const auto peer = rapidsDailyRow();
+  ASSERT_FALSE(peer.empty());
+  const auto minutes = [&peer](const char* column) { return std::stod(peer.at(column)) * 60.0; };
+  // The peer counts episodes in one-minute chunks that end 1 ms early, so its
+  // sums run about a millisecond a minute short; ours round each pickup.
+  EXPECT_EQ(day["pickupTimes"], std::stoi(peer.at("phone_screen_rapids_countepisodeunlock")));
+  EXPECT_NEAR(day["screenTime"].get<double>(), minutes("phone_screen_rapids_sumdurationunlock"), 7 * 0.5 + 0.2);
+  EXPECT_NEAR(day["longestPickup"].get<double>(), minutes("phone_screen_rapids_maxdurationunlock"), 0.1);
+  EXPECT_NEAR(day["checkingEvery"].get<double>(), minutes("phone_screen_rapids_avgdurationunlock"), 0.5 + 0.1);
+  EXPECT_EQ(day["pickups"][0]["start"].get<std::string>().substr(11, 8), "02:50:30");
+  EXPECT_DOUBLE_EQ(std::stod(peer.at("phone_screen_rapids_firstuseafter00unlock")), 170.5);
+}
+
+TEST_F(CliTest, ImportKeepsGoodRowsAndReportsBadOnes) {
+  const auto file = folder.path() / "events.csv";
+  std::ofstream(file) << "kind,start,end\n"
+                         "pickup,2026-11-22T08:00:00Z,2026-11-22T08:05:00Z\n"
+                         "pickup,2026-11-22T09:00:00Z,2026-11-22T08:05:00Z\n"
+                         "walk,2026-11-22T10:00:00Z,2026-11-22T10:20:00Z\n"
+                         "nap,2026-11-22T11:00:00Z,2026-11-22T12:00:00Z\n"
+                         "alive,yesterday,2026-11-22T12:00:00Z\n"
+                         "alive,2026-11-22T00:00:00Z,2026-11-22T12:00:00Z\n";
+  const Outcome result = run("import '" + file.string() + "' --device TABLET --json");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.err.find("line 3: the end is before the start"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("line 5: unknown kind \"nap\""), std::string::npos);
+  EXPECT_NE(result.err.find("line 6: a time is not ISO 8601"), std::string::npos);
+  const auto summary = json(result);
+  EXPECT_EQ(summary["pickups"], 1);
+  EXPECT_EQ(summary["walks"], 1);
+  EXPECT_EQ(summary["alives"], 1);
+  EXPECT_EQ(summary["skipped"], 3);
+  EXPECT_EQ(json(run("--json pickup list --device TABLET")).size(), 1u);
+  EXPECT_EQ(run("--json pickup list").out, "[]\n");
+  EXPECT_EQ(run("import '" + (folder.path() / "missing.csv").string() + "'").status, 1);
+}
+
+TEST_F(CliTest, TheDayInJSONCarriesEveryMetric) {
+  run("pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z");
+  const auto day = json(run("--tz UTC --now 2026-11-23T12:00:00Z --json day 2026-11-22"));
+  for (const char* key : {"startOfDay", "screenTime", "pickupTimes", "longestPickup", "checkingEvery", "walkingLife",
+                          "indoorLife", "bestBreak", "continuouslyUsage", "firstPickupDate", "lastPickupDate",
+                          "sleepTime", "sleeps", "asleepAt", "breaks", "pickups", "walks", "noDatas", "hours"}) {
+    EXPECT_TRUE(day.contains(key)) << key;
+  }
+  EXPECT_EQ(day["startOfDay"], "2026-11-22T00:00:00Z");
+  EXPECT_EQ(day["screenTime"], 300.0);
+  EXPECT_EQ(day["bestBreak"], nullptr);
+  EXPECT_EQ(day["hours"].size(), 24u);
+  EXPECT_EQ(day["hours"][8]["interval"]["start"], "2026-11-22T08:00:00Z");
+  EXPECT_EQ(day["hours"][8]["pickupTimes"], 1);
+  EXPECT_EQ(day["hours"][9]["screenTime"], nullptr);
+  EXPECT_NE(run("--tz UTC day 2026-11-22").out.find("Screen time         0:05:00"), std::string::npos);
+  EXPECT_EQ(run("day 2026-13-01").status, 1);
+}
+
+TEST_F(CliTest, TheDemoIsDeterministicAndWantsAFreshInstallation) {
+  const std::string demo = "--tz Europe/Berlin --now 2026-11-22T21:00:00 --json demo --days 5 --seed 7";
+  const Outcome first = run(demo);
+  ASSERT_EQ(first.status, 0) << first.err;
+  const auto today = json(first);
+  EXPECT_GE(today["pickupTimes"].get<int>(), 80);
+  EXPECT_TRUE(today["sleepTime"].is_number());
+  EXPECT_EQ(run(demo).status, 1);  // not a fresh installation any more
+  std::filesystem::remove_all(container());
+  EXPECT_EQ(run(demo).out, first.out);
+  const auto devices = json(run("--json device list"));
+  EXPECT_EQ(devices.size(), 2u);
 }
 
 }  // namespace

@@ -12,6 +12,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "tarnwell/platform/Date.h"
 
 namespace tarnwell {
 
@@ -64,6 +67,13 @@ struct SleepDataSource {
   int sortWeight() const { return info(knownApp()).sortWeight; }
 
   friend bool operator==(const SleepDataSource&, const SleepDataSource&) = default;
+};
+
+// A source with the asleep intervals it wrote.
+struct SleepDataWithDataSource {
+  SleepDataSource dataSource;
+  std::vector<DateInterval> sleeps;
+  friend bool operator==(const SleepDataWithDataSource&, const SleepDataWithDataSource&) = default;
 };
 
 // {"name": ..., "bundleIdentifier": ...}; both keys are required on decoding.

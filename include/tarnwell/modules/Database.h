@@ -22,8 +22,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "tarnwell/analytics/EventsOfDay.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/DispatchQueue.h"
+#include "tarnwell/platform/Promise.h"
 #include "tarnwell/records/Device.h"
 #include "tarnwell/records/EventRecords.h"
 #include "tarnwell/records/Tag.h"
@@ -83,7 +85,8 @@ class Database {
 
   // --- Start-up ---
 
-  // configureRealm, testRealm, setupRealmData, in that order; the first error ends it.
+  // configureRealm, testRealm, setupRealmData, setupRefreshEventsOfTodayTimer,
+  // in that order; the first error ends it.
   static void start();
   // Makes the store's folder, moves a legacy file into place, and makes the
   // store configuration (version, migration, compaction) the default.
@@ -107,6 +110,23 @@ class Database {
 
   // Serial, background, "org.vostra.tarnwell.database".
   static SafeSyncQueue& queue();
+
+  // --- Today ---
+
+  // The day of now, for the default devices: built on first use, then kept
+  // up to date by every event write, and rebuilt a second after each day's
+  // start. Read and replaced whole through `queue`, so a reader never sees
+  // half a value; of two concurrent updates the later wins and the next one
+  // repairs the loss.
+  static EventsOfDay eventsOfToday();
+  // Rebuilds today on `queue`, then posts dateOfTodayDidChange on the main queue.
+  static Promise<void> refreshEventsOfToday();
+  // Arms the one-shot timer that refreshes today one second after the next
+  // day's start, and arms itself again when it fires.
+  static void setupRefreshEventsOfTodayTimer();
+  // Posts eventsOfTodayDidChange on the main queue 0.1 seconds after the last
+  // call: a burst of writes gives one post.
+  static void notifyEventsOfTodayChanged();
 
   // --- Devices ---
 

@@ -11,8 +11,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tarnwell {
+
+class Region;
+class DateInterval;
 
 class Date {
  public:
@@ -61,6 +65,71 @@ class Date {
   // a date alone is that day's midnight. Nothing on failure.
   static std::optional<Date> parseISO8601(std::string_view text, std::string_view timeZoneId = {});
 
+  // --- The calendar, in Date::defaultRegion() ---
+  //
+  // These are defined by TarnwellKit, since the week and bedtime rules read
+  // Settings. "Day" is always the calendar day of the region. The end of a
+  // day, week, month or year is one second before the start of the next one
+  // (23:59:59), so a whole day's interval lasts 86399 seconds.
+
+  // The process-wide region: the installed Environment's.
+  static Region defaultRegion();
+  static void setDefaultRegion(const Region& region);
+
+  Date startOfDay() const;
+  Date endOfDay() const;
+  // 1: the start of the next day; -1: the start of the previous day; any
+  // other count, 0 included: calendar days added, keeping the time of day.
+  Date addingDay(int days) const;
+  // The week starts on the locale's first weekday, except that a Monday
+  // locale starts on Sunday when Settings::weekStartsFromMonday() is false and
+  // a Sunday locale on Monday when it is true; a Saturday locale is left be.
+  Date startOfWeek() const;
+  Date endOfWeek() const;
+  Date startOfMonth() const;
+  Date endOfMonth() const;
+  Date startOfYear() const;
+  Date endOfYear() const;
+
+  // This day at that wall time; a time a daylight-saving change skips moves
+  // to the next that exists, a repeated one takes its first occurrence.
+  Date getTime(int hour, int minute, int second) const;
+  Date eightAM() const { return getTime(8, 0, 0); }
+  Date tenAM() const { return getTime(10, 0, 0); }
+  Date eightPM() const { return getTime(20, 0, 0); }
+  Date fourAM() const { return getTime(4, 0, 0); }
+  // Twelve o'clock noon, whatever the name says.
+  Date twelveAM() const { return getTime(12, 0, 0); }
+  // The bedtime of the night this instant belongs to: after 04:00 this day's
+  // start plus Settings::defaultTimeForBed(), at 04:00 or before the day before's.
+  Date timeForBed() const;
+
+  int hour() const;
+  int minute() const;
+  int second() const;
+
+  bool isTodayInCurrentRegion() const;
+  bool isYesterdayInCurrentRegion() const;
+  bool isSameDay(Date other) const;
+  bool isSameMonth(Date other) const;
+  // This instant lies on a strictly later day than `other`.
+  bool isAfterDay(Date other) const;
+  // `other` lies within this instant's week, both ends included.
+  bool isSameWeek(Date other) const;
+
+  int daysOfWeek() const { return 7; }
+  int daysOfMonth() const;
+  int daysOfYear() const;
+
+  // The 24 hours of this day from its start, each exactly 3600 seconds long,
+  // also on a day of 23 or 25 hours. Without the future, only the intervals
+  // that start strictly before now.
+  std::vector<DateInterval> dateIntervalsByHourOfThisDay(bool includingFuture) const;
+  // The days of this week, month or year, each from its start to its end.
+  std::vector<DateInterval> dateIntervalsByDayOfThisWeek(bool includingFuture) const;
+  std::vector<DateInterval> dateIntervalsByDayOfThisMonth(bool includingFuture) const;
+  std::vector<DateInterval> dateIntervalsByDayOfThisYear(bool includingFuture) const;
+
  private:
   explicit constexpr Date(double seconds) : seconds_(seconds) {}
   double seconds_ = 0;
@@ -95,6 +164,24 @@ class DateInterval {
 
   // "<start> to <end>" in the form of Date::description().
   std::string description() const;
+
+  // From the start of `date`'s day to the end of the day `days` - 1 later.
+  static DateInterval getDateInterval(Date date, int days);
+  // Where the last pickup of the evening before `date` is looked for: from
+  // 20:00 of the day before to `asleepAt` when that is later, else to 04:00.
+  static DateInterval getDateIntervalForFindingLastPickup(Date date, std::optional<Date> asleepAt);
+  // Where the first pickup of `date` is looked for: from `asleepAt` when it
+  // is before 20:00, else from 04:00, to 20:00.
+  static DateInterval getDateIntervalForFindingFirstPickup(Date date, std::optional<Date> asleepAt);
+
+  // The time of `subtracted` without the time of `subtraction`, sorted, with
+  // no empty pieces. `subtraction` must not overlap itself.
+  static std::vector<DateInterval> calculate(std::vector<DateInterval> subtracted,
+                                             std::vector<DateInterval> subtraction);
+  // Sorted, with each overlapping pair merged into one that runs from the
+  // first's start to the second's end, even when the second lies inside the
+  // first (the merged interval then ends earlier). Touching intervals stay apart.
+  static std::vector<DateInterval> removeOverlaps(std::vector<DateInterval> intervals);
 
  private:
   Date start_;

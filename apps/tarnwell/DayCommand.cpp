@@ -1,0 +1,165 @@
+// `tarnwell day [DATE]`: every metric of one day, its night and its hours.
+
+#include <cmath>
+#include <cstdio>
+
+#include "Cli.h"
+#include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/modules/Database.h"
+
+namespace tarnwell::cli {
+namespace {
+
+nlohmann::ordered_json intervalJSON(const DateInterval& interval) {
+  return {{"start", interval.start().iso8601()}, {"end", interval.end().iso8601()}};
+}
+
+template <class T>
+nlohmann::ordered_json optionalJSON(const std::optional<T>& value) {
+  if (!value) return nullptr;
+  if constexpr (std::is_same_v<T, Date>) {
+    return value->iso8601();
+  } else if constexpr (std::is_same_v<T, DateInterval>) {
+    return intervalJSON(*value);
+  } else {
+    return *value;
+  }
+}
+
+nlohmann::ordered_json intervalsJSON(const std::vector<DateInterval>& intervals) {
+  nlohmann::ordered_json list = nlohmann::ordered_json::array();
+  for (const auto& interval : intervals) list.push_back(intervalJSON(interval));
+  return list;
+}
+
+// "1:05:09" for a span of time, "-" for nothing.
+std::string clock(std::optional<double> seconds) {
+  if (!seconds) return "-";
+  const auto whole = static_cast<long long>(std::llround(*seconds));
+  char text[32];
+  std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60, whole % 60);
+  return text;
+}
+
+// The local wall time of an instant, "07:32:10", with the date when it is not `day`'s.
+std::string wallTime(std::optional<Date> date, Date day) {
+  if (!date) return "-";
+  const std::string iso = date->iso8601();
+  const std::string time = iso.substr(11, 8);
+  return date->isSameDay(day) ? time : iso.substr(0, 10) + " " + time;
+}
+
+std::string span(const DateInterval& interval, Date day) {
+  return wallTime(interval.start(), day) + " - " + wallTime(interval.end(), day) + " (" +
+         clock(interval.duration()) + ")";
+}
+
+std::string spans(const std::vector<DateInterval>& intervals, Date day) {
+  if (intervals.empty()) return "none";
+  std::string text;
+  for (const auto& interval : intervals) text += "\n    " + span(interval, day);
+  return text;
+}
+
+nlohmann::ordered_json dayJSON(const EventsOfDay& day) {
+  nlohmann::ordered_json hours = nlohmann::ordered_json::array();
+  for (const auto& hour : day.getEventsOfHours()) {
+    hours.push_back({{"interval", intervalJSON(hour.interval)},
+                     {"screenTime", optionalJSON(hour.screenTime())},
+                     {"pickupTimes", optionalJSON(hour.pickupTimes())},
+                     {"checkingEvery", optionalJSON(hour.checkingEvery())},
+                     {"walkingLife", optionalJSON(hour.walkingLife())}});
+  }
+  return {
+      {"startOfDay", day.startOfDay().iso8601()},
+      {"screenTime", optionalJSON(day.screenTime())},
+      {"pickupTimes", optionalJSON(day.pickupTimes())},
+      {"longestPickup", optionalJSON(day.longestPickup())},
+      {"checkingEvery", optionalJSON(day.checkingEvery())},
+      {"walkingLife", optionalJSON(day.walkingLife())},
+      {"indoorLife", optionalJSON(day.indoorLife())},
+      {"bestBreak", optionalJSON(day.bestBreak())},
+      {"continuouslyUsage", optionalJSON(day.continuouslyUsage())},
+      {"firstPickupDate", optionalJSON(day.firstPickupDate())},
+      {"lastPickupDate", optionalJSON(day.lastPickupDate())},
+      {"sleepTime", optionalJSON(day.sleepTime())},
+      {"sleeps", intervalsJSON(day.sleeps())},
+      {"asleepAt", day.asleepAt().iso8601()},
+      {"breaks", intervalsJSON(day.breaks())},
+      {"pickups", intervalsJSON(day.pickups())},
+      {"walks", intervalsJSON(day.walks())},
+      {"noDatas", intervalsJSON(day.noDatas())},
+      {"hours", hours},
+  };
+}
+
+// A bar of up to 30 cells for a share of an hour.
+std::string bar(std::optional<double> seconds) {
+  const int cells = seconds ? static_cast<int>(std::lround(*seconds / 120.0)) : 0;
+  std::string text;
+  for (int i = 0; i < cells; ++i) text += "\u2588";
+  return text;
+}
+
+std::string dayText(const EventsOfDay& day) {
+  const Date date = day.startOfDay();
+  const DateInterval& interval = day.eventsOfInterval().interval();
+  std::string text = "Day " + date.iso8601().substr(0, 10) + ", " + interval.start().iso8601() + " to " +
+                     interval.end().iso8601() + "\n";
+  const auto row = [&text](const char* label, const std::string& value) {
+    std::string line = label;
+    line.resize(20, ' ');
+    text += line + value + "\n";
+  };
+  row("Screen time", clock(day.screenTime()));
+  row("Pickups", day.pickupTimes() ? std::to_string(*day.pickupTimes()) : "-");
+  row("Longest pickup", clock(day.longestPickup()));
+  row("Checking every", clock(day.checkingEvery()));
+  row("Walking", clock(day.walkingLife()));
+  row("Indoor", clock(day.indoorLife()));
+  row("Longest use", day.continuouslyUsage() ? span(*day.continuouslyUsage(), date) : "-");
+  row("Best break", day.bestBreak() ? span(*day.bestBreak(), date) : "-");
+  row("Last pickup", wallTime(day.lastPickupDate(), date));
+  row("First pickup", wallTime(day.firstPickupDate(), date));
+  row("Asleep at", wallTime(day.asleepAt(), date));
+  row("Sleep", clock(day.sleepTime()) + " by " + day.sleepSourceDisplayName() + spans(day.sleeps(), date));
+  row("Breaks", std::to_string(day.breaks().size()));
+  row("No data", spans(day.noDatas(), date));
+  text += "Hours\n";
+  for (const auto& hour : day.getEventsOfHours()) {
+    std::string line = "  " + hour.interval.start().iso8601().substr(11, 5) + "  " + clock(hour.screenTime());
+    line.resize(18, ' ');
+    const std::string count = hour.pickupTimes() ? std::to_string(*hour.pickupTimes()) : "";
+    text += line + count + std::string(5 - std::min<std::size_t>(count.size(), 4), ' ') + bar(hour.screenTime()) + "\n";
+  }
+  text.pop_back();
+  return text;
+}
+
+struct DayArguments {
+  std::optional<std::string> date;
+  std::vector<std::string> devices;
+};
+
+}  // namespace
+
+void printDay(const GlobalOptions& options, const EventsOfDay& day) { Output(options).print(dayJSON(day), dayText(day)); }
+
+void addDayCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto arguments = std::make_shared<DayArguments>();
+  auto* day = app.add_subcommand("day", "Every metric of a day, its night and its hours");
+  day->add_option("DATE", arguments->date, "ISO 8601 date or time (default: today)");
+  day->add_option("--devices", arguments->devices, "Device ids (default: this device and related ones)");
+  day->callback([&options, &action, arguments] {
+    action = [&options, arguments] {
+      const Date date = arguments->date ? parseInstant(*arguments->date) : Date::now();
+      startStore();
+      const EventsOfDay events(date, arguments->devices.empty()
+                                         ? std::nullopt
+                                         : std::optional<std::vector<std::string>>(arguments->devices));
+      printDay(options, events);
+    };
+  });
+}
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,177 @@
+// `tarnwell demo`: a fresh installation filled with a made-up but lifelike
+// history, then today and last night as the library reads them.
+//
+// The history is deterministic: the same seed, days and clock (--now) give
+// the same events. Days have 80 to 150 pickups of skewed lengths between
+// waking and bedtime, some nights a short pickup in the small hours, two to
+// four walks, monitoring that runs all day but for one afternoon's gap, and a
+// tablet, related to this device, that is picked up in the evenings.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+
+#include "Cli.h"
+#include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/modules/Database.h"
+#include "tarnwell/modules/Settings.h"
+#include "tarnwell/records/Device.h"
+#include "tarnwell/store/Store.h"
+
+namespace tarnwell::cli {
+namespace {
+
+// SplitMix64: the same numbers from the same seed on every platform.
+class Random {
+ public:
+  explicit Random(std::uint64_t seed) : state_(seed) {}
+  std::uint64_t next() {
+    std::uint64_t z = (state_ += 0x9e3779b97f4a7c15ULL);
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+    return z ^ (z >> 31);
+  }
+  // In [0, 1).
+  double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }
+  double between(double low, double high) { return low + (high - low) * uniform(); }
+  int integer(int low, int high) { return low + static_cast<int>(next() % static_cast<std::uint64_t>(high - low + 1)); }
+  bool chance(double probability) { return uniform() < probability; }
+  // Roughly normal: the sum of four uniforms, centred and scaled.
+  double around(double mean, double spread) {
+    return mean + spread * (uniform() + uniform() + uniform() + uniform() - 2.0) * 1.7;
+  }
+  std::string uuid() {
+    const std::uint64_t a = next(), b = next();
+    char text[37];
+    std::snprintf(text, sizeof text, "%08X-%04X-4%03X-%04X-%012llX", static_cast<unsigned>(a >> 32),
+                  static_cast<unsigned>((a >> 16) & 0xffff), static_cast<unsigned>(a & 0xfff),
+                  static_cast<unsigned>(0x8000 | ((b >> 48) & 0x3fff)),
+                  static_cast<unsigned long long>(b & 0xffffffffffffULL));
+    return text;
+  }
+
+ private:
+  std::uint64_t state_;
+};
+
+// Most pickups are glances, some are reading, a few are long sessions.
+double pickupLength(Random& random) {
+  const double kind = random.uniform();
+  if (kind < 0.70) return random.between(5, 90);
+  if (kind < 0.92) return random.between(90, 480);
+  return std::exp(random.between(std::log(480.0), std::log(2700.0)));
+}
+
+struct History {
+  std::vector<Pickup> pickups;
+  std::vector<Walk> walks;
+  std::vector<Alive> alives;
+};
+
+template <class Record>
+void addSpan(std::vector<Record>& records, Date start, Date end, Date now, const std::string& device) {
+  if (!(start < now)) return;
+  Record record(start, std::min(end, now));
+  record.deviceId = device;
+  records.push_back(std::move(record));
+}
+
+// One day of this device and the tablet, up to `now`.
+void makeDay(Random& random, Date day, Date now, bool gapInMonitoring, const std::string& phone,
+             const std::string& tablet, History& history) {
+  const Date midnight = day.startOfDay();
+  const Date wake = midnight + std::clamp(random.around(7 * 3600.0, 2400), 5 * 3600.0, 9.5 * 3600);
+  const Date bed = midnight + std::clamp(random.around(23.25 * 3600, 2700), 21.5 * 3600, 24.5 * 3600);
+
+  // A short look at the phone in the small hours, some nights.
+  if (random.chance(0.35)) {
+    const Date start = midnight + random.between(1.5 * 3600, 4.5 * 3600);
+    addSpan(history.pickups, start, start + random.between(30, 240), now, phone);
+  }
+
+  std::vector<double> starts;
+  const int count = random.integer(80, 150);
+  for (int i = 0; i < count; ++i) starts.push_back(random.between(0, bed - wake));
+  std::sort(starts.begin(), starts.end());
+  for (std::size_t i = 0; i < starts.size(); ++i) {
+    const Date start = wake + starts[i];
+    Date end = start + pickupLength(random);
+    // One phone, one pickup at a time: a pickup ends before the next begins.
+    if (i + 1 < starts.size()) end = std::min(end, wake + starts[i + 1] - 5.0);
+    if (start < end) addSpan(history.pickups, start, end, now, phone);
+  }
+
+  for (int i = random.integer(2, 4); i > 0; --i) {
+    const Date start = midnight + random.between(8 * 3600.0, 20 * 3600.0);
+    addSpan(history.walks, start, start + random.between(600, 2400), now, phone);
+  }
+
+  // The tablet comes out in the evening.
+  for (int i = random.integer(0, 12); i > 0; --i) {
+    const Date start = midnight + random.between(18 * 3600.0, 22.5 * 3600);
+    addSpan(history.pickups, start, start + random.between(120, 1800), now, tablet);
+  }
+
+  // Monitoring in stretches of a few hours; one afternoon it was off.
+  Date start = midnight;
+  const Date end = day.addingDay(1).startOfDay();
+  while (start < end) {
+    Date stretchEnd = std::min(end, start + random.between(3 * 3600.0, 5 * 3600.0));
+    if (gapInMonitoring && start < midnight + 14 * 3600.0 && midnight + 14 * 3600.0 <= stretchEnd) {
+      addSpan(history.alives, start, midnight + 14 * 3600.0, now, phone);
+      start = midnight + 16.25 * 3600;
+      continue;
+    }
+    addSpan(history.alives, start, stretchEnd, now, phone);
+    start = stretchEnd;
+  }
+}
+
+struct DemoArguments {
+  int days = 14;
+  std::uint64_t seed = 20261122;
+};
+
+}  // namespace
+
+void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto arguments = std::make_shared<DemoArguments>();
+  auto* demo = app.add_subcommand("demo", "Fill a fresh installation with a made-up history, then show today");
+  demo->add_option("--days", arguments->days, "Days of history, today included (default 14)")
+      ->check(CLI::Range(1, 3660));
+  demo->add_option("--seed", arguments->seed, "Seed of the made-up history (default 20261122)");
+  demo->callback([&options, &action, arguments] {
+    action = [&options, arguments] {
+      startStore();
+      const std::string phone = Settings::deviceId();
+      if (!Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {phone}).empty()) {
+        throw InputError("this installation already has events; give demo a fresh --container");
+      }
+      Random random(arguments->seed);
+      const std::string tablet = random.uuid();
+      const Date now = Date::now();
+      History history;
+      for (int back = arguments->days - 1; back >= 0; --back) {
+        makeDay(random, now.addingDay(-back), now, back == std::min(3, arguments->days - 1), phone, tablet, history);
+      }
+
+      auto thisDevice = Database::getCurrentDevice().value_or(Device(phone, "Phone"));
+      thisDevice.appendDeviceId(tablet);
+      store::Store::open().write([&](store::WriteTransaction& t) {
+        t.add(thisDevice);
+        t.add(Device(tablet, "Demo tablet"));
+        for (const auto& pickup : history.pickups) t.add(pickup, store::UpdatePolicy::error);
+        for (const auto& walk : history.walks) t.add(walk, store::UpdatePolicy::error);
+        for (const auto& alive : history.alives) t.add(alive, store::UpdatePolicy::error);
+      });
+      if (!options.json) {
+        std::printf("Made %zu pickups, %zu walks and %zu alive spans over %d days on this device and a tablet.\n\n",
+                    history.pickups.size(), history.walks.size(), history.alives.size(), arguments->days);
+      }
+      printDay(options, EventsOfDay(now, std::nullopt));
+    };
+  });
+}
+
+}  // namespace tarnwell::cli

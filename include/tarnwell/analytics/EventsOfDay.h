@@ -1,0 +1,109 @@
+// EventsOfDay: the metrics of one day, for one list of devices.
+//
+// A day of this system lasts 24 hours from the calendar day's start plus the
+// setting startOfDayScreenTime, so a pickup at 03:00 belongs to the day
+// before when days start at 04:00. The value is built once from the store:
+// its events, the night that ended on the day (inferred from the gaps in
+// phone use, or the chosen sleep application's samples), and then answers
+// every metric by computation. A metric that is nothing means no data, which
+// is not 0: averages and streaks leave such a day out.
+//
+// A plain value: it may cross threads, and it goes stale unless changes are
+// applied to it (appliedChange), which reread only the records they name.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarnwell/analytics/EventsOfHour.h"
+#include "tarnwell/analytics/EventsOfInterval.h"
+#include "tarnwell/charts/FocusData.h"
+#include "tarnwell/health/SleepDataSource.h"
+#include "tarnwell/platform/Date.h"
+
+namespace tarnwell {
+
+class EventsOfDay {
+ public:
+  // This device, then the devices its Device row merges with; this device
+  // alone when the store cannot be read.
+  static std::vector<std::string> defaultDeviceIds();
+
+  // The day of `date`'s calendar day; nothing means the default devices.
+  EventsOfDay(Date date, const std::optional<std::vector<std::string>>& deviceIds);
+
+  // A new value with the change applied. The night stands when both of its
+  // ends are known; otherwise it is resolved again from the changed events.
+  EventsOfDay appliedChange(const EventsOfInterval::EventsChangeType& change) const;
+  EventsOfDay appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes) const;
+
+  // The calendar day's first instant, without the start-of-day shift.
+  Date startOfDay() const { return startOfDay_; }
+  const EventsOfInterval& eventsOfInterval() const { return eventsOfInterval_; }
+  // Within the day's span, both ends included.
+  bool contains(Date date) const { return eventsOfInterval_.interval().contains(date); }
+
+  // The pickups every pickup metric counts: without focus time (while it is
+  // excluded) and without a sleep application's sleep.
+  std::vector<DateInterval> pickups() const;
+  std::vector<DateInterval> walks() const { return eventsOfInterval_.walks(); }
+  std::vector<DateInterval> noDatas() const { return eventsOfInterval_.noDatas(); }
+  // Without use, excluded focus time or missing data, and outside the night.
+  std::vector<DateInterval> breaks() const;
+  // The night's sleep: the chosen application's intervals, or the inferred
+  // night with the day's pickups cut out.
+  std::vector<DateInterval> sleeps() const;
+  // The focus sessions taken out of screen time; none while focus time is not excluded.
+  std::vector<FocusData> focuseDatas() const;
+
+  // Seconds, each pickup rounded to a whole second before adding.
+  std::optional<double> screenTime() const;
+  std::optional<int> pickupTimes() const;
+  // The longest pickup, unrounded; of equal ones the first.
+  std::optional<double> longestPickup() const;
+  // The mean length of a pickup, rounded to a whole second.
+  std::optional<double> checkingEvery() const;
+  // Seconds of pickups during walks, each piece rounded.
+  std::optional<double> walkingLife() const;
+  // screenTime less walkingLife.
+  std::optional<double> indoorLife() const;
+  std::optional<double> sleepTime() const;
+
+  // When use began after the night, and when it ended before it.
+  std::optional<Date> firstPickupDate() const;
+  std::optional<Date> lastPickupDate() const;
+  // The middle of the night, or 04:00 when the night is not known.
+  Date asleepAt() const;
+  std::optional<DateInterval> bestBreak() const;
+  // The pickup behind longestPickup.
+  std::optional<DateInterval> continuouslyUsage() const;
+
+  // The 24 hours of the day from its shifted start, with the day's pickups
+  // and walks clipped to each.
+  std::vector<EventsOfHour> getEventsOfHours() const;
+
+  // The sleep application whose data this day uses, if any.
+  std::optional<SleepDataSource> sleepSource() const;
+  std::string sleepSourceDisplayName() const;
+
+ private:
+  EventsOfDay(Date startOfDay, EventsOfInterval events, std::optional<SleepDataWithDataSource> sleeps);
+
+  // Decides the night's two ends from the events.
+  void resolveNight();
+  // The ends as the health-store path alone gives them.
+  std::optional<Date> healthFirstPickupDate() const;
+  std::optional<Date> healthLastPickupDate() const;
+  // Pickups sorted longest first, stably.
+  std::vector<DateInterval> pickupsByLength() const;
+
+  Date startOfDay_;
+  EventsOfInterval eventsOfInterval_;
+  std::optional<SleepDataWithDataSource> sleepsWithSource_;
+  std::optional<Date> firstPickupDate_;
+  std::optional<Date> lastPickupDate_;
+};
+
+}  // namespace tarnwell

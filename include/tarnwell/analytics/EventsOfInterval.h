@@ -1,0 +1,105 @@
+// EventsOfInterval: what the store holds for one span and one list of devices.
+//
+// A snapshot in plain values of the alive spans, pickups, walks and focus
+// sessions that meet the span, each clipped to it. It is where stored records
+// become intervals that metrics add up. A change that names one record makes
+// the snapshot read that record again, so a live snapshot follows the store
+// without a rebuild. Devices are not merged: two devices' overlapping pickups
+// stand side by side and both count.
+//
+// Construction never fails: a kind that cannot be read is empty.
+
+#pragma once
+
+#include <cmath>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tarnwell/platform/Date.h"
+
+namespace tarnwell {
+
+class EventsOfInterval {
+ public:
+  // One record's interval, clipped to the span.
+  struct EventData {
+    std::string id;
+    DateInterval interval;
+    friend bool operator==(const EventData&, const EventData&) = default;
+  };
+
+  // What changed: a record of a kind, by id, or the new end of the pickup
+  // under way (the latest one), which needs no read of the store.
+  class EventsChangeType {
+   public:
+    enum class Kind { alive, pickup, modifiedLatestPickup, walk, focus };
+
+    static EventsChangeType alive(std::string id) { return {Kind::alive, std::move(id), {}}; }
+    static EventsChangeType pickup(std::string id) { return {Kind::pickup, std::move(id), {}}; }
+    static EventsChangeType modifiedLatestPickup(Date end) { return {Kind::modifiedLatestPickup, {}, end}; }
+    static EventsChangeType walk(std::string id) { return {Kind::walk, std::move(id), {}}; }
+    static EventsChangeType focus(std::string id) { return {Kind::focus, std::move(id), {}}; }
+
+    Kind kind() const { return kind_; }
+    const std::string& id() const { return id_; }
+    Date end() const { return end_; }
+
+   private:
+    EventsChangeType(Kind kind, std::string id, Date end) : kind_(kind), id_(std::move(id)), end_(end) {}
+    Kind kind_;
+    std::string id_;
+    Date end_;
+  };
+
+  // Reads the span's events of `deviceIds`; nothing means this device and the
+  // devices it merges with.
+  EventsOfInterval(DateInterval interval, const std::optional<std::vector<std::string>>& deviceIds);
+
+  const DateInterval& interval() const { return interval_; }
+  const std::vector<std::string>& deviceIds() const { return deviceIds_; }
+
+  // By start as read; a change appends its record at the end, so after one
+  // the lists are no longer in time order.
+  std::vector<EventData> aliveEvents;
+  std::vector<EventData> pickupEvents;
+  std::vector<EventData> walkEvents;
+  // In the store's order.
+  std::vector<EventData> focusEvents;
+
+  std::vector<DateInterval> walks() const;
+  std::vector<DateInterval> alives() const;
+  // The focus sessions, while focus time is excluded (Settings::excludeFocusTime(),
+  // as it stood when the snapshot was made: a later change of the setting
+  // reaches only new snapshots); else none.
+  std::vector<DateInterval> excludedFocuses() const;
+  // The pickups, with focus time cut out (sorted, a pickup a session splits
+  // counting twice) while focus time is excluded; otherwise as listed.
+  std::vector<DateInterval> pickups() const;
+  // Stretches of two minutes or more between the first and last alive spans
+  // in which monitoring was not alive.
+  std::vector<DateInterval> noDatas() const;
+  // Between the first and the last pickup: no use, no excluded focus, no
+  // stretch without data.
+  std::vector<DateInterval> breaks() const;
+
+  // Seconds of the pickups, each rounded to a whole second first; nothing without pickups.
+  std::optional<double> screenTime() const;
+  std::optional<int> pickupTimes() const;
+
+  bool excludesFocusTime() const { return excludeFocusTime_; }
+
+  // Applies the changes in order, reading each named record again.
+  void apply(const std::vector<EventsChangeType>& changes);
+
+ private:
+  DateInterval interval_;
+  std::vector<std::string> deviceIds_;
+  bool excludeFocusTime_;
+};
+
+// Halves away from zero, as every rounded duration of the system.
+inline double roundedSeconds(double seconds) { return std::round(seconds); }
+
+}  // namespace tarnwell

@@ -1,0 +1,307 @@
+#include "tarnwell/analytics/EventsOfDay.h"
+
+#include <algorithm>
+
+#include "tarnwell/modules/Database.h"
+#include "tarnwell/modules/HealthManager.h"
+#include "tarnwell/modules/Settings.h"
+#include "tarnwell/records/Focus.h"
+#include "tarnwell/store/Store.h"
+
+namespace tarnwell {
+namespace {
+
+// The constants of the night.
+constexpr double kSettledNight = 21600.0;  // a gap this long is the night at once
+constexpr double kMinimumNight = 10800.0;  // a break must be longer to stand in for a night
+constexpr double kStillAwake = 60.0;       // a last pickup this recent is no bedtime yet
+
+// The span of a day: 24 hours from its calendar start, both ends shifted by
+// the user's start of day.
+DateInterval daySpan(Date date) {
+  const double shift = Settings::startOfDayScreenTime();
+  return DateInterval(date.startOfDay() + shift, date.addingDay(1).startOfDay() + shift);
+}
+
+// The pickup that `find` names, read again by id; nothing on any failure.
+template <class Find>
+std::optional<Pickup> pickupNamedBy(Find find) {
+  try {
+    const auto id = find();
+    if (!id) return std::nullopt;
+    return Database::getPickup(*id);
+  } catch (const sqlite::Error&) {
+    return std::nullopt;
+  }
+}
+
+// Of equal lengths the earlier in the list stays first.
+std::vector<DateInterval> longestFirst(std::vector<DateInterval> intervals) {
+  std::stable_sort(intervals.begin(), intervals.end(),
+                   [](const DateInterval& a, const DateInterval& b) { return a.duration() > b.duration(); });
+  return intervals;
+}
+
+// Drops the entries that overlap the night by more than an instant.
+std::vector<DateInterval> outsideNight(std::vector<DateInterval> breaks, Date last, Date first) {
+  const DateInterval night(last, first);
+  std::erase_if(breaks, [&night](const DateInterval& gap) {
+    const auto overlap = gap.intersection(night);
+    return overlap && overlap->duration() > 0.0;
+  });
+  return breaks;
+}
+
+std::optional<double> sumOfRounded(const std::vector<DateInterval>& intervals) {
+  if (intervals.empty()) return std::nullopt;
+  double seconds = 0;
+  for (const auto& interval : intervals) seconds += roundedSeconds(interval.duration());
+  return seconds;
+}
+
+}  // namespace
+
+std::vector<std::string> EventsOfDay::defaultDeviceIds() {
+  std::vector<std::string> ids{Settings::deviceId()};
+  try {
+    if (const auto device = Database::getCurrentDevice()) {
+      ids.insert(ids.end(), device->deviceIds.begin(), device->deviceIds.end());
+    }
+  } catch (const sqlite::Error&) {
+    // This device alone.
+  }
+  return ids;
+}
+
+EventsOfDay::EventsOfDay(Date date, const std::optional<std::vector<std::string>>& deviceIds)
+    : EventsOfDay(date.startOfDay(), EventsOfInterval(daySpan(date), deviceIds), std::nullopt) {
+  const SleepDataSource source = Settings::defaultSleepDataSource();
+  if (!source.isBuiltIn()) {
+    sleepsWithSource_ = HealthManager::shared().getSleepData(source, eventsOfInterval_.interval().start());
+  }
+  resolveNight();
+}
+
+EventsOfDay::EventsOfDay(Date startOfDay, EventsOfInterval events, std::optional<SleepDataWithDataSource> sleeps)
+    : startOfDay_(startOfDay), eventsOfInterval_(std::move(events)), sleepsWithSource_(std::move(sleeps)) {}
+
+EventsOfDay EventsOfDay::appliedChange(const EventsOfInterval::EventsChangeType& change) const {
+  return appliedChange(std::vector<EventsOfInterval::EventsChangeType>{change});
+}
+
+EventsOfDay EventsOfDay::appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes) const {
+  EventsOfDay changed = *this;
+  changed.eventsOfInterval_.apply(changes);
+  // A settled night is not reopened by a live update.
+  if (!changed.firstPickupDate_ || !changed.lastPickupDate_) changed.resolveNight();
+  return changed;
+}
+
+void EventsOfDay::resolveNight() {
+  const Date day = startOfDay_;
+  const Date fourAM = day.getTime(4, 0, 0);
+  const auto& devices = eventsOfInterval_.deviceIds();
+
+  std::optional<Date> last, first;
+  if (const auto pickup = pickupNamedBy([&] {
+        return Database::getLastPickup(DateInterval::getDateIntervalForFindingLastPickup(day, fourAM), devices);
+      })) {
+    last = pickup->end;
+  }
+  if (const auto pickup = pickupNamedBy([&] {
+        return Database::getFirstPickup(DateInterval::getDateIntervalForFindingFirstPickup(day, fourAM), devices);
+      })) {
+    first = pickup->start;
+  }
+  // A pickup that only just ended says nothing of the night.
+  if (last && Date::now() - *last < kStillAwake) last.reset();
+  // One pickup across the boundary is no night.
+  if (last && first && *last > *first) first.reset();
+
+  double threshold = kMinimumNight;
+  bool settled = false;
+  if (last && first && *last < *first) {
+    const double gap = *first - *last;
+    settled = gap >= kSettledNight;
+    threshold = gap;
+  }
+  if (!settled) {
+    std::optional<DateInterval> longest;
+    for (const auto& gap : eventsOfInterval_.breaks()) {
+      if (!longest || gap.duration() > longest->duration()) longest = gap;
+    }
+    if (longest && longest->duration() > threshold && longest->start() < day.getTime(8, 0, 0)) {
+      lastPickupDate_ = longest->start();
+      firstPickupDate_ = longest->end();
+      return;
+    }
+  }
+  lastPickupDate_ = last;
+  firstPickupDate_ = first;
+}
+
+std::vector<DateInterval> EventsOfDay::pickups() const {
+  if (sleepsWithSource_) return DateInterval::calculate(eventsOfInterval_.pickups(), sleepsWithSource_->sleeps);
+  return eventsOfInterval_.pickups();
+}
+
+std::vector<DateInterval> EventsOfDay::breaks() const {
+  if (!sleepsWithSource_) {
+    auto gaps = eventsOfInterval_.breaks();
+    if (lastPickupDate_ && firstPickupDate_ && *lastPickupDate_ < *firstPickupDate_) {
+      return outsideNight(std::move(gaps), *lastPickupDate_, *firstPickupDate_);
+    }
+    return gaps;
+  }
+  const auto used = pickups();
+  std::vector<DateInterval> gaps;
+  if (!used.empty() && used.front().start() < used.back().end()) {
+    gaps.emplace_back(used.front().start(), used.back().end());
+  }
+  gaps = DateInterval::calculate(std::move(gaps), used);
+  gaps = DateInterval::calculate(std::move(gaps), eventsOfInterval_.excludedFocuses());
+  gaps = DateInterval::calculate(std::move(gaps), noDatas());
+  const auto last = healthLastPickupDate(), first = healthFirstPickupDate();
+  if (last && first && *last < *first) return outsideNight(std::move(gaps), *last, *first);
+  return gaps;
+}
+
+std::vector<DateInterval> EventsOfDay::sleeps() const {
+  if (sleepsWithSource_) return sleepsWithSource_->sleeps;
+  if (!lastPickupDate_ || !firstPickupDate_ || !(*lastPickupDate_ < *firstPickupDate_)) return {};
+  return DateInterval::calculate({DateInterval(*lastPickupDate_, *firstPickupDate_)}, eventsOfInterval_.pickups());
+}
+
+std::vector<FocusData> EventsOfDay::focuseDatas() const {
+  std::vector<FocusData> focuses;
+  if (!eventsOfInterval_.excludesFocusTime()) return focuses;
+  for (const auto& event : eventsOfInterval_.focusEvents) {
+    std::optional<Focus> focus;
+    try {
+      focus = store::Store::open().object<Focus>(event.id);
+    } catch (const sqlite::Error&) {
+      continue;
+    }
+    if (!focus || focus->isDeleted) continue;
+    focuses.push_back({focus->id, focus->tagId, focus->interval(), focus->progress, focus->failed()});
+  }
+  return focuses;
+}
+
+std::optional<double> EventsOfDay::screenTime() const { return sumOfRounded(pickups()); }
+
+std::optional<int> EventsOfDay::pickupTimes() const {
+  const auto used = pickups();
+  if (used.empty()) return std::nullopt;
+  return static_cast<int>(used.size());
+}
+
+std::vector<DateInterval> EventsOfDay::pickupsByLength() const { return longestFirst(pickups()); }
+
+std::optional<double> EventsOfDay::longestPickup() const {
+  const auto sorted = pickupsByLength();
+  if (sorted.empty()) return std::nullopt;
+  return sorted.front().duration();
+}
+
+std::optional<DateInterval> EventsOfDay::continuouslyUsage() const {
+  const auto sorted = pickupsByLength();
+  if (sorted.empty()) return std::nullopt;
+  return sorted.front();
+}
+
+std::optional<double> EventsOfDay::checkingEvery() const {
+  const auto used = pickups();
+  const auto seconds = sumOfRounded(used);
+  if (!seconds) return std::nullopt;
+  return roundedSeconds(*seconds / static_cast<double>(used.size()));
+}
+
+std::optional<double> EventsOfDay::walkingLife() const {
+  const auto used = pickups();
+  if (used.empty()) return std::nullopt;
+  double seconds = 0;
+  for (const auto& walk : walks()) {
+    for (const auto& pickup : used) {
+      if (const auto together = pickup.intersection(walk)) seconds += roundedSeconds(together->duration());
+    }
+  }
+  return seconds;
+}
+
+std::optional<double> EventsOfDay::indoorLife() const {
+  const auto screen = screenTime(), walking = walkingLife();
+  if (!screen || !walking) return std::nullopt;
+  return *screen - *walking;
+}
+
+std::optional<double> EventsOfDay::sleepTime() const {
+  const auto night = sleeps();
+  if (night.empty()) return std::nullopt;
+  double seconds = 0;
+  for (const auto& sleep : night) seconds += sleep.duration();
+  return seconds;
+}
+
+std::optional<Date> EventsOfDay::healthFirstPickupDate() const {
+  if (!sleepsWithSource_ || sleepsWithSource_->sleeps.empty()) return std::nullopt;
+  Date wake = sleepsWithSource_->sleeps.front().end();
+  for (const auto& sleep : sleepsWithSource_->sleeps) wake = std::max(wake, sleep.end());
+  const auto pickup = pickupNamedBy([&] {
+    return Database::getFirstPickup(DateInterval::getDateIntervalForFindingFirstPickup(startOfDay_, wake),
+                                    eventsOfInterval_.deviceIds());
+  });
+  if (!pickup || !pickup->start) return wake;
+  // Never before the end of the sleep.
+  return std::max(*pickup->start, wake);
+}
+
+std::optional<Date> EventsOfDay::healthLastPickupDate() const {
+  if (!sleepsWithSource_ || sleepsWithSource_->sleeps.empty()) return std::nullopt;
+  Date asleep = sleepsWithSource_->sleeps.front().start();
+  for (const auto& sleep : sleepsWithSource_->sleeps) asleep = std::min(asleep, sleep.start());
+  const auto pickup = pickupNamedBy([&] {
+    return Database::getLastPickup(DateInterval::getDateIntervalForFindingLastPickup(startOfDay_, asleep),
+                                   eventsOfInterval_.deviceIds());
+  });
+  if (!pickup || !pickup->start) return asleep;
+  // With a sleep application the date marks where the last pickup began.
+  return std::min(*pickup->start, asleep);
+}
+
+std::optional<Date> EventsOfDay::firstPickupDate() const {
+  if (const auto date = healthFirstPickupDate()) return date;
+  return firstPickupDate_;
+}
+
+std::optional<Date> EventsOfDay::lastPickupDate() const {
+  if (const auto date = healthLastPickupDate()) return date;
+  return lastPickupDate_;
+}
+
+Date EventsOfDay::asleepAt() const {
+  const auto last = lastPickupDate(), first = firstPickupDate();
+  if (last && first && *last < *first) return *last + (*first - *last) / 2;
+  return startOfDay_.getTime(4, 0, 0);
+}
+
+std::optional<DateInterval> EventsOfDay::bestBreak() const {
+  const auto sorted = longestFirst(breaks());
+  if (sorted.empty()) return std::nullopt;
+  return sorted.front();
+}
+
+std::vector<EventsOfHour> EventsOfDay::getEventsOfHours() const {
+  return EventsOfHour::hours(eventsOfInterval_.interval().start(), pickups(), walks());
+}
+
+std::optional<SleepDataSource> EventsOfDay::sleepSource() const {
+  if (!sleepsWithSource_) return std::nullopt;
+  return sleepsWithSource_->dataSource;
+}
+
+std::string EventsOfDay::sleepSourceDisplayName() const {
+  return sleepsWithSource_ ? sleepsWithSource_->dataSource.displayName() : "Tarnwell";
+}
+
+}  // namespace tarnwell

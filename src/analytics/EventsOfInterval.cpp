@@ -1,0 +1,169 @@
+#include "tarnwell/analytics/EventsOfInterval.h"
+
+#include <algorithm>
+
+#include "modules/EventQueries.h"
+#include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/modules/Settings.h"
+#include "tarnwell/store/Store.h"
+
+namespace tarnwell {
+namespace {
+
+std::vector<DateInterval> intervalsOf(const std::vector<EventsOfInterval::EventData>& events) {
+  std::vector<DateInterval> intervals;
+  intervals.reserve(events.size());
+  for (const auto& event : events) intervals.push_back(event.interval);
+  return intervals;
+}
+
+void removeId(std::vector<EventsOfInterval::EventData>& events, const std::string& id) {
+  std::erase_if(events, [&id](const auto& event) { return event.id == id; });
+}
+
+// Reads one kind of the span; a store that cannot be read leaves it empty.
+template <class Read>
+std::vector<EventsOfInterval::EventData> readKind(const DateInterval& span, Read read) {
+  std::vector<EventsOfInterval::EventData> events;
+  try {
+    read([&](const std::string& id, const DateInterval& interval) {
+      if (auto clipped = interval.intersection(span)) events.push_back({id, *clipped});
+    });
+  } catch (const sqlite::Error&) {
+    events.clear();
+  }
+  return events;
+}
+
+// The record's interval again, by key: nothing when it is gone or deleted
+// (`found` false), or when it has no interval.
+template <class Record>
+std::optional<DateInterval> reread(const std::string& id, bool& found) {
+  found = false;
+  try {
+    const auto record = store::Store::open().object<Record>(id);
+    if (!record || record->isDeleted) return std::nullopt;
+    found = true;
+    return std::optional<DateInterval>(record->interval());
+  } catch (const sqlite::Error&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+EventsOfInterval::EventsOfInterval(DateInterval interval, const std::optional<std::vector<std::string>>& deviceIds)
+    : interval_(interval),
+      deviceIds_(deviceIds ? *deviceIds : EventsOfDay::defaultDeviceIds()),
+      excludeFocusTime_(Settings::excludeFocusTime()) {
+  using namespace event_queries;
+  aliveEvents = readKind(interval_, [&](auto each) { forEachInSpan<Alive>(interval_, deviceIds_, each); });
+  pickupEvents = readKind(interval_, [&](auto each) { forEachInSpan<Pickup>(interval_, deviceIds_, each); });
+  walkEvents = readKind(interval_, [&](auto each) { forEachInSpan<Walk>(interval_, deviceIds_, each); });
+  focusEvents = readKind(interval_, [&](auto each) { forEachFocusInSpan(interval_, deviceIds_, each); });
+}
+
+std::vector<DateInterval> EventsOfInterval::walks() const { return intervalsOf(walkEvents); }
+std::vector<DateInterval> EventsOfInterval::alives() const { return intervalsOf(aliveEvents); }
+
+std::vector<DateInterval> EventsOfInterval::excludedFocuses() const {
+  if (!excludeFocusTime_) return {};
+  return intervalsOf(focusEvents);
+}
+
+std::vector<DateInterval> EventsOfInterval::pickups() const {
+  if (!excludeFocusTime_) return intervalsOf(pickupEvents);
+  return DateInterval::calculate(intervalsOf(pickupEvents), intervalsOf(focusEvents));
+}
+
+std::vector<DateInterval> EventsOfInterval::noDatas() const {
+  const auto alive = alives();
+  if (alive.empty()) return {};
+  const Date start = alive.front().start(), end = alive.back().end();
+  if (!(start < end)) return {};
+  auto gaps = DateInterval::calculate({DateInterval(start, end)}, alive);
+  std::erase_if(gaps, [](const DateInterval& gap) { return gap.duration() < 120.0; });
+  return gaps;
+}
+
+std::vector<DateInterval> EventsOfInterval::breaks() const {
+  const auto used = pickups();
+  std::vector<DateInterval> base;
+  if (!used.empty() && used.front().start() < used.back().end()) {
+    base.emplace_back(used.front().start(), used.back().end());
+  }
+  base = DateInterval::calculate(std::move(base), used);
+  base = DateInterval::calculate(std::move(base), excludedFocuses());
+  return DateInterval::calculate(std::move(base), noDatas());
+}
+
+std::optional<double> EventsOfInterval::screenTime() const {
+  const auto used = pickups();
+  if (used.empty()) return std::nullopt;
+  double seconds = 0;
+  for (const auto& pickup : used) seconds += roundedSeconds(pickup.duration());
+  return seconds;
+}
+
+std::optional<int> EventsOfInterval::pickupTimes() const {
+  const auto used = pickups();
+  if (used.empty()) return std::nullopt;
+  return static_cast<int>(used.size());
+}
+
+void EventsOfInterval::apply(const std::vector<EventsChangeType>& changes) {
+  using Kind = EventsChangeType::Kind;
+  for (const auto& change : changes) {
+    if (change.kind() == Kind::modifiedLatestPickup) {
+      if (pickupEvents.empty()) continue;
+      // The latest end; of equal ends the first stands.
+      auto latest = pickupEvents.begin();
+      for (auto it = pickupEvents.begin(); it != pickupEvents.end(); ++it) {
+        if (it->interval.end() > latest->interval.end()) latest = it;
+      }
+      if (!(latest->interval.start() < change.end())) continue;
+      const auto clipped = DateInterval(latest->interval.start(), change.end()).intersection(interval_);
+      if (!clipped) continue;
+      const std::string id = latest->id;
+      removeId(pickupEvents, id);
+      pickupEvents.push_back({id, *clipped});
+      continue;
+    }
+
+    std::vector<EventData>* list = nullptr;
+    std::optional<DateInterval> interval;
+    bool found = false;
+    switch (change.kind()) {
+      case Kind::alive:
+        list = &aliveEvents;
+        interval = reread<Alive>(change.id(), found);
+        break;
+      case Kind::pickup:
+        list = &pickupEvents;
+        interval = reread<Pickup>(change.id(), found);
+        break;
+      case Kind::walk:
+        list = &walkEvents;
+        interval = reread<Walk>(change.id(), found);
+        break;
+      case Kind::focus:
+        list = &focusEvents;
+        interval = reread<Focus>(change.id(), found);
+        break;
+      case Kind::modifiedLatestPickup:
+        break;
+    }
+    if (!list) continue;
+    if (!found) {
+      removeId(*list, change.id());
+      continue;
+    }
+    // A record that no longer meets the span leaves an older entry in place.
+    const auto clipped = interval ? interval->intersection(interval_) : std::nullopt;
+    if (!clipped) continue;
+    removeId(*list, change.id());
+    list->push_back({change.id(), *clipped});
+  }
+}
+
+}  // namespace tarnwell
