@@ -64,7 +64,8 @@ class HeavyStore {
           t.add(Focus(std::nullopt, start, start + 1500, "working", 1500, 1500, std::nullopt, std::nullopt,
                       std::nullopt));
         }
-        for (int i = 0; i < 6; ++i) t.add(Alive(first + day * 86400.0 + i * 14400.0, first + day * 86400.0 + (i + 1) * 14400.0));
+        for (int i = 0; i < 6; ++i)
+          t.add(Alive(first + day * 86400.0 + i * 14400.0, first + day * 86400.0 + (i + 1) * 14400.0));
       }
     });
     Environment::install(nullptr);

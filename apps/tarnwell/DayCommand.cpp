@@ -50,8 +50,8 @@ std::string wallTime(std::optional<Date> date, Date day) {
 }
 
 std::string span(const DateInterval& interval, Date day) {
-  return wallTime(interval.start(), day) + " - " + wallTime(interval.end(), day) + " (" +
-         clock(interval.duration()) + ")";
+  return wallTime(interval.start(), day) + " - " + wallTime(interval.end(), day) + " (" + clock(interval.duration()) +
+         ")";
 }
 
 std::string spans(const std::vector<DateInterval>& intervals, Date day) {
@@ -143,7 +143,9 @@ struct DayArguments {
 
 }  // namespace
 
-void printDay(const GlobalOptions& options, const EventsOfDay& day) { Output(options).print(dayJSON(day), dayText(day)); }
+void printDay(const GlobalOptions& options, const EventsOfDay& day) {
+  Output(options).print(dayJSON(day), dayText(day));
+}
 
 void addDayCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
   auto arguments = std::make_shared<DayArguments>();

@@ -166,7 +166,8 @@ void readAware(std::istream& in, Progress& progress, Imported& imported) {
     const auto& statusText = column(statusColumn);
     const auto [timestampEnd, timestampError] =
         std::from_chars(timestamp.data(), timestamp.data() + timestamp.size(), milliseconds);
-    const auto [statusEnd, statusError] = std::from_chars(statusText.data(), statusText.data() + statusText.size(), status);
+    const auto [statusEnd, statusError] =
+        std::from_chars(statusText.data(), statusText.data() + statusText.size(), status);
     if (timestampError != std::errc() || timestampEnd != timestamp.data() + timestamp.size() ||
         statusError != std::errc() || statusEnd != statusText.data() + statusText.size() || status < 0 || status > 3) {
       skip(imported, number, "timestamp or screen_status is not a number of the format");
@@ -236,15 +237,18 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
         for (const auto& alive : imported.alives) t.add(alive, store::UpdatePolicy::error);
       });
       const nlohmann::ordered_json summary = {
-          {"rows", imported.rows},           {"pickups", imported.pickups.size()},
-          {"walks", imported.walks.size()},  {"alives", imported.alives.size()},
-          {"skipped", imported.skipped},     {"unclosed", imported.unclosed},
+          {"rows", imported.rows},
+          {"pickups", imported.pickups.size()},
+          {"walks", imported.walks.size()},
+          {"alives", imported.alives.size()},
+          {"skipped", imported.skipped},
+          {"unclosed", imported.unclosed},
           {"deviceId", arguments->device.value_or(Settings::deviceId())},
       };
       std::string text = "Imported " + std::to_string(imported.pickups.size()) + " pickups, " +
                          std::to_string(imported.walks.size()) + " walks and " +
-                         std::to_string(imported.alives.size()) + " alive spans from " +
-                         std::to_string(imported.rows) + " rows";
+                         std::to_string(imported.alives.size()) + " alive spans from " + std::to_string(imported.rows) +
+                         " rows";
       if (imported.skipped) text += "; " + std::to_string(imported.skipped) + " bad rows skipped";
       if (imported.unclosed) text += "; " + std::to_string(imported.unclosed) + " unlocks never closed";
       Output(options).print(summary, text + ".");

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tarnwell/analytics/Metrics.h"
 #include "tarnwell/modules/Database.h"
 #include "tarnwell/modules/HealthManager.h"
 #include "tarnwell/modules/Settings.h"
@@ -50,13 +51,6 @@ std::vector<DateInterval> outsideNight(std::vector<DateInterval> breaks, Date la
     return overlap && overlap->duration() > 0.0;
   });
   return breaks;
-}
-
-std::optional<double> sumOfRounded(const std::vector<DateInterval>& intervals) {
-  if (intervals.empty()) return std::nullopt;
-  double seconds = 0;
-  for (const auto& interval : intervals) seconds += roundedSeconds(interval.duration());
-  return seconds;
 }
 
 }  // namespace
@@ -188,13 +182,8 @@ std::vector<FocusData> EventsOfDay::focuseDatas() const {
   return focuses;
 }
 
-std::optional<double> EventsOfDay::screenTime() const { return sumOfRounded(pickups()); }
-
-std::optional<int> EventsOfDay::pickupTimes() const {
-  const auto used = pickups();
-  if (used.empty()) return std::nullopt;
-  return static_cast<int>(used.size());
-}
+std::optional<double> EventsOfDay::screenTime() const { return metrics::screenTime(pickups()); }
+std::optional<int> EventsOfDay::pickupTimes() const { return metrics::pickupTimes(pickups()); }
 
 std::vector<DateInterval> EventsOfDay::pickupsByLength() const { return longestFirst(pickups()); }
 
@@ -210,24 +199,8 @@ std::optional<DateInterval> EventsOfDay::continuouslyUsage() const {
   return sorted.front();
 }
 
-std::optional<double> EventsOfDay::checkingEvery() const {
-  const auto used = pickups();
-  const auto seconds = sumOfRounded(used);
-  if (!seconds) return std::nullopt;
-  return roundedSeconds(*seconds / static_cast<double>(used.size()));
-}
-
-std::optional<double> EventsOfDay::walkingLife() const {
-  const auto used = pickups();
-  if (used.empty()) return std::nullopt;
-  double seconds = 0;
-  for (const auto& walk : walks()) {
-    for (const auto& pickup : used) {
-      if (const auto together = pickup.intersection(walk)) seconds += roundedSeconds(together->duration());
-    }
-  }
-  return seconds;
-}
+std::optional<double> EventsOfDay::checkingEvery() const { return metrics::checkingEvery(pickups()); }
+std::optional<double> EventsOfDay::walkingLife() const { return metrics::walkingLife(pickups(), walks()); }
 
 std::optional<double> EventsOfDay::indoorLife() const {
   const auto screen = screenTime(), walking = walkingLife();

@@ -1,6 +1,6 @@
 #include "tarnwell/analytics/EventsOfHour.h"
 
-#include "tarnwell/analytics/EventsOfInterval.h"
+#include "tarnwell/analytics/Metrics.h"
 
 namespace tarnwell {
 namespace {
@@ -15,34 +15,10 @@ std::vector<DateInterval> piecesWithin(const DateInterval& hour, const std::vect
 
 }  // namespace
 
-std::optional<double> EventsOfHour::screenTime() const {
-  if (pickups.empty()) return std::nullopt;
-  double seconds = 0;
-  for (const auto& pickup : pickups) seconds += roundedSeconds(pickup.duration());
-  return seconds;
-}
-
-std::optional<int> EventsOfHour::pickupTimes() const {
-  if (pickups.empty()) return std::nullopt;
-  return static_cast<int>(pickups.size());
-}
-
-std::optional<double> EventsOfHour::checkingEvery() const {
-  const auto seconds = screenTime();
-  if (!seconds) return std::nullopt;
-  return roundedSeconds(*seconds / static_cast<double>(pickups.size()));
-}
-
-std::optional<double> EventsOfHour::walkingLife() const {
-  if (pickups.empty()) return std::nullopt;
-  double seconds = 0;
-  for (const auto& walk : walks) {
-    for (const auto& pickup : pickups) {
-      if (const auto together = pickup.intersection(walk)) seconds += roundedSeconds(together->duration());
-    }
-  }
-  return seconds;
-}
+std::optional<double> EventsOfHour::screenTime() const { return metrics::screenTime(pickups); }
+std::optional<int> EventsOfHour::pickupTimes() const { return metrics::pickupTimes(pickups); }
+std::optional<double> EventsOfHour::checkingEvery() const { return metrics::checkingEvery(pickups); }
+std::optional<double> EventsOfHour::walkingLife() const { return metrics::walkingLife(pickups, walks); }
 
 std::vector<EventsOfHour> EventsOfHour::hours(Date start, const std::vector<DateInterval>& pickups,
                                               const std::vector<DateInterval>& walks) {

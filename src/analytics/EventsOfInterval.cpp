@@ -4,6 +4,7 @@
 
 #include "modules/EventQueries.h"
 #include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/analytics/Metrics.h"
 #include "tarnwell/modules/Settings.h"
 #include "tarnwell/store/Store.h"
 
@@ -97,19 +98,9 @@ std::vector<DateInterval> EventsOfInterval::breaks() const {
   return DateInterval::calculate(std::move(base), noDatas());
 }
 
-std::optional<double> EventsOfInterval::screenTime() const {
-  const auto used = pickups();
-  if (used.empty()) return std::nullopt;
-  double seconds = 0;
-  for (const auto& pickup : used) seconds += roundedSeconds(pickup.duration());
-  return seconds;
-}
+std::optional<double> EventsOfInterval::screenTime() const { return metrics::screenTime(pickups()); }
 
-std::optional<int> EventsOfInterval::pickupTimes() const {
-  const auto used = pickups();
-  if (used.empty()) return std::nullopt;
-  return static_cast<int>(used.size());
-}
+std::optional<int> EventsOfInterval::pickupTimes() const { return metrics::pickupTimes(pickups()); }
 
 void EventsOfInterval::apply(const std::vector<EventsChangeType>& changes) {
   using Kind = EventsChangeType::Kind;

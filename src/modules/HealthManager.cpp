@@ -25,7 +25,8 @@ std::optional<SleepDataWithDataSource> HealthManager::getSleepData(const SleepDa
     std::lock_guard lock(mutex_);
     all = sleepDatas_;
   }
-  const auto entry = std::find_if(all->begin(), all->end(), [&](const auto& data) { return data.dataSource == source; });
+  const auto entry =
+      std::find_if(all->begin(), all->end(), [&](const auto& data) { return data.dataSource == source; });
   if (entry == all->end()) return std::nullopt;
   const DateInterval window(date.addingDay(-1).getTime(20, 0, 0), date.getTime(10, 0, 0));
   std::vector<DateInterval> sleeps;

@@ -118,8 +118,9 @@ INSTANTIATE_TEST_SUITE_P(Locales, WeekTest,
                          ::testing::Values(WeekCase{"de_DE", true, "2026-11-16T00:00:00Z"},
                                            WeekCase{"de_DE", false, "2026-11-22T00:00:00Z"},  // Sunday starts its week
                                            WeekCase{"en_US", false, "2026-11-22T00:00:00Z"},
-                                           WeekCase{"en_US", true, "2026-11-16T00:00:00Z"},   // the week begun six days before
-                                           WeekCase{"ar_EG", true, "2026-11-21T00:00:00Z"},   // Saturday weeks stay
+                                           WeekCase{"en_US", true,
+                                                    "2026-11-16T00:00:00Z"},  // the week begun six days before
+                                           WeekCase{"ar_EG", true, "2026-11-21T00:00:00Z"},  // Saturday weeks stay
                                            WeekCase{"ar_EG", false, "2026-11-21T00:00:00Z"}));
 
 TEST_F(CalendarTest, PickupSearchSpans) {
@@ -173,7 +174,8 @@ TEST(IntervalAlgebraTest, CalculateSubtracts) {
   EXPECT_EQ(DateInterval::calculate({span(0, 30)}, {span(10, 20)}), (std::vector{span(0, 10), span(20, 30)}));
   EXPECT_EQ(DateInterval::calculate({span(0, 30)}, {span(20, 40), span(-5, 5)}), std::vector{span(5, 20)});
   EXPECT_EQ(DateInterval::calculate({span(20, 30), span(0, 10)}, {}), (std::vector{span(0, 10), span(20, 30)}));
-  EXPECT_EQ(DateInterval::calculate({span(0, 10)}, {span(10, 20)}), std::vector{span(0, 10)});  // a touch removes nothing
+  EXPECT_EQ(DateInterval::calculate({span(0, 10)}, {span(10, 20)}),
+            std::vector{span(0, 10)});  // a touch removes nothing
   EXPECT_EQ(DateInterval::calculate({span(0, 100)}, {span(10, 20), span(30, 40), span(50, 60)}),
             (std::vector{span(0, 10), span(20, 30), span(40, 50), span(60, 100)}));
 }

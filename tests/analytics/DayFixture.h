@@ -38,7 +38,9 @@ class DayFixture : public ::testing::Test {
   }
   Date day() const { return at("12:00"); }
 
-  std::string pickup(const std::string& start, const std::string& end) { return Database::addPickup(at(start), at(end)); }
+  std::string pickup(const std::string& start, const std::string& end) {
+    return Database::addPickup(at(start), at(end));
+  }
   std::string pickupOf(const std::string& device, const std::string& start, const std::string& end) {
     Pickup record(at(start), at(end));
     record.deviceId = device;

@@ -121,10 +121,9 @@ TEST_F(EventsOfDayTest, BreaksLieBetweenPickupsWithoutFocusOrMissingData) {
   alive("08:00", "11:20");
   alive("11:40", "13:00");
   const EventsOfDay day = today();
-  EXPECT_EQ(day.breaks(), (std::vector<DateInterval>{DateInterval(at("09:10"), at("10:00")),
-                                                     DateInterval(at("10:05"), at("10:30")),
-                                                     DateInterval(at("11:00"), at("11:20")),
-                                                     DateInterval(at("11:40"), at("12:00"))}));
+  EXPECT_EQ(day.breaks(), (std::vector<DateInterval>{
+                              DateInterval(at("09:10"), at("10:00")), DateInterval(at("10:05"), at("10:30")),
+                              DateInterval(at("11:00"), at("11:20")), DateInterval(at("11:40"), at("12:00"))}));
   EXPECT_EQ(day.bestBreak(), DateInterval(at("09:10"), at("10:00")));
 }
 
@@ -181,9 +180,7 @@ TEST_F(EventsOfDayTest, ChangesRereadOnlyTheRecordsTheyName) {
   EXPECT_EQ(day.pickupTimes(), 2);
   // A change that takes a record out of the day leaves its older entry.
   Database::editPickup(moved, at("+10:10"));
-  store::Store::open().write([&](auto& t) {
-    t.template updateObject<Pickup>(moved, {{"start", at("+10:00")}});
-  });
+  store::Store::open().write([&](auto& t) { t.template updateObject<Pickup>(moved, {{"start", at("+10:00")}}); });
   EXPECT_EQ(day.appliedChange(Change::pickup(moved)).pickupTimes(), 2);
   // A deleted record goes.
   Database::deletePickup(kept);
@@ -215,8 +212,8 @@ TEST_F(EventsOfDayTest, ASleepApplicationReplacesTheInference) {
   EXPECT_EQ(day.sleepSourceDisplayName(), "AutoSleep");
   EXPECT_EQ(day.sleepTime(), 7.5 * 3600);
   EXPECT_EQ(day.screenTime(), 1200.0);
-  EXPECT_EQ(day.firstPickupDate(), at("07:00"));      // never before waking
-  EXPECT_EQ(day.lastPickupDate(), at("-22:00"));      // where the evening's last pickup began
+  EXPECT_EQ(day.firstPickupDate(), at("07:00"));  // never before waking
+  EXPECT_EQ(day.lastPickupDate(), at("-22:00"));  // where the evening's last pickup began
   EXPECT_EQ(day.asleepAt(), at("-22:00") + (at("07:00") - at("-22:00")) / 2);
   // Another source, or none of its data that night: the inference.
   HealthManager::shared().setSleepDatas({});
@@ -237,8 +234,9 @@ TEST(HealthManagerTest, TheNightWindowOfASource) {
   const auto night = HealthManager::shared().getSleepData(pillow, day);
   ASSERT_TRUE(night);
   // Touching the window counts and is not clipped; zero lengths go; overlaps merge.
-  EXPECT_EQ(night->sleeps, (std::vector<DateInterval>{DateInterval(at("2026-11-21T18:00:00Z"), at("2026-11-21T20:00:00Z")),
-                                                      DateInterval(at("2026-11-22T02:00:00Z"), at("2026-11-22T06:00:00Z"))}));
+  EXPECT_EQ(night->sleeps,
+            (std::vector<DateInterval>{DateInterval(at("2026-11-21T18:00:00Z"), at("2026-11-21T20:00:00Z")),
+                                       DateInterval(at("2026-11-22T02:00:00Z"), at("2026-11-22T06:00:00Z"))}));
   EXPECT_FALSE(HealthManager::shared().getSleepData({"Pillow 2", "com.neybox.Pillow"}, day));
   EXPECT_FALSE(HealthManager::shared().getSleepData(pillow, day.addingDay(3)));
 }

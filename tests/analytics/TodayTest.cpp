@@ -12,8 +12,8 @@ class TodayTest : public testing::DayFixture {
  protected:
   TodayTest() {
     env.clock().set(at("12:00"));
-    for (auto name : {Database::NotificationName::eventsOfTodayDidChange,
-                      Database::NotificationName::dateOfTodayDidChange}) {
+    for (auto name :
+         {Database::NotificationName::eventsOfTodayDidChange, Database::NotificationName::dateOfTodayDidChange}) {
       tokens.push_back(NotificationCenter::defaultCenter().addObserver(
           std::string(name), nullptr, [this](const Notification& n) { ++posts[n.name]; }));
     }

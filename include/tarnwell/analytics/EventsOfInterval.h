@@ -11,7 +11,6 @@
 
 #pragma once
 
-#include <cmath>
 #include <optional>
 #include <string>
 #include <variant>
@@ -98,8 +97,5 @@ class EventsOfInterval {
   std::vector<std::string> deviceIds_;
   bool excludeFocusTime_;
 };
-
-// Halves away from zero, as every rounded duration of the system.
-inline double roundedSeconds(double seconds) { return std::round(seconds); }
 
 }  // namespace tarnwell
