@@ -11,7 +11,7 @@ name="${1:-release}"
 shift || true
 case "$name" in
   release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
-  asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTARNWELL_SANITIZER=address -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
+  asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTARNWELL_SANITIZER=address) ;;
   tsan) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWELL_SANITIZER=thread -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
   *) echo "build.sh: unknown configuration \"$name\" (release, asan or tsan)" >&2; exit 2 ;;
 esac
