@@ -1,0 +1,1 @@
+#include "tarnwell/extensions/Strings.h"

@@ -1,0 +1,1 @@
+#include "tarnwell/platform/Color.h"
