@@ -12,7 +12,10 @@
 
 #include "tarnwell/platform/Base64.h"
 #include "tarnwell/platform/Date.h"
+#include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/Promise.h"
 #include "tarnwell/store/Schema.h"
+#include "tarnwell/widgets/FocusType.h"
 
 namespace tarnwell {
 class EventsOfDay;
@@ -54,6 +57,23 @@ std::string plainText(const nlohmann::ordered_json& value);
 
 // An ISO 8601 instant in the current region's zone; InputError otherwise.
 Date parseInstant(std::string_view text);
+// Two instants, the start not after the end.
+std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end);
+
+// Option values; InputError naming the option `name` otherwise.
+[[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts);
+double parseNumber(const std::string& name, const std::string& text);
+bool parseBool(const std::string& name, const std::string& text);
+// "pomodoro:SECONDS", "countdown:SECONDS", "addTime" or the JSON form.
+widgets::FocusType parseFocusType(const std::string& name, const std::string& text);
+
+// The ids asked for, or this device and the devices it merges with.
+std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked);
+
+// Lets Database.queue and the main queue run until `promise` settles; its
+// value, or its error thrown.
+template <class T>
+T await(const Promise<T>& promise);
 
 // A record as JSON with its property names as keys: dates in ISO 8601 with
 // the zone's offset, nothing as null.
@@ -73,6 +93,12 @@ void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 void addDayCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action);
+void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action);
+
+// Drains Database.queue, then runs what is due on the main queue.
+void drainQueues();
 
 namespace json_detail {
 inline nlohmann::ordered_json value(const std::string& v) { return v; }
@@ -90,6 +116,14 @@ nlohmann::ordered_json value(const std::optional<T>& v) {
   return v ? value(*v) : nlohmann::ordered_json(nullptr);
 }
 }  // namespace json_detail
+
+template <class T>
+T await(const Promise<T>& promise) {
+  // Each round lets every stage of a chain on those two queues run.
+  while (promise.isPending()) drainQueues();
+  if (promise.isRejected()) std::rethrow_exception(promise.error());
+  if constexpr (!std::is_void_v<T>) return *promise.value();
+}
 
 template <class Record>
 nlohmann::ordered_json recordJSON(const Record& record) {

@@ -23,6 +23,11 @@ Date parseInstant(std::string_view text) {
   throw InputError("\"" + std::string(text) + "\" is not an ISO 8601 date or time");
 }
 
+void drainQueues() {
+  Database::queue().safeSync([] {});
+  Environment::current().mainQueue().runPending();
+}
+
 void startStore() {
   try {
     Database::start();

@@ -20,19 +20,6 @@ struct Entry {
   std::function<void(const std::string&)> set;  // empty for read-only settings
 };
 
-[[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts) {
-  throw InputError(name + ": \"" + text + "\" is not " + accepts);
-}
-
-double parseNumber(const std::string& name, const std::string& text) {
-  double value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) {
-    refuse(name, text, "a number");
-  }
-  return value;
-}
-
 int parseInteger(const std::string& name, const std::string& text) {
   int value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -40,49 +27,9 @@ int parseInteger(const std::string& name, const std::string& text) {
   return value;
 }
 
-bool parseBool(const std::string& name, const std::string& text) {
-  if (text == "true") return true;
-  if (text == "false") return false;
-  refuse(name, text, "true or false");
-}
-
 Date parseDate(const std::string& name, const std::string& text) {
   if (auto date = Date::parseISO8601(text)) return *date;
   refuse(name, text, "an ISO 8601 date or time");
-}
-
-// "countdown:1500", "pomodoro:1500", "addTime" or the JSON form.
-FocusType parseFocusType(const std::string& name, const std::string& text) {
-  constexpr const char* kAccepts = "a focus type (pomodoro:SECONDS, countdown:SECONDS, addTime or JSON)";
-  if (!text.empty() && text.front() == '{') {
-    try {
-      return nlohmann::json::parse(text).get<FocusType>();
-    } catch (const nlohmann::json::exception&) {
-      refuse(name, text, kAccepts);
-    }
-  }
-  const auto colon = text.find(':');
-  const std::string kind = text.substr(0, colon);
-  const auto abstract = widgets::abstractFocusTypeFromRawValue(kind);
-  if (!abstract) refuse(name, text, kAccepts);
-  double seconds = 0;
-  if (colon != std::string::npos) {
-    seconds = parseNumber(name, text.substr(colon + 1));
-  } else if (*abstract != widgets::AbstractFocusType::addTime) {
-    refuse(name, text, kAccepts);
-  }
-  switch (*abstract) {
-    case widgets::AbstractFocusType::pomodoro: {
-      // A new length keeps the usual breaks.
-      const auto usual = std::get<FocusType::Pomodoro>(FocusType::defaultType().parameters());
-      return FocusType::pomodoro(seconds, usual.shortBreak, usual.longBreak, usual.longBreakInterval);
-    }
-    case widgets::AbstractFocusType::countdown:
-      return FocusType::countdown(seconds);
-    case widgets::AbstractFocusType::addTime:
-      return FocusType::addTime(seconds);
-  }
-  refuse(name, text, kAccepts);
 }
 
 // The JSON form, or the identifier of a known sleep application.

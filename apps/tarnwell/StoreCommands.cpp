@@ -9,22 +9,6 @@
 namespace tarnwell::cli {
 namespace {
 
-// This device and the devices it merges with, or the ones asked for.
-std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked) {
-  if (!asked.empty()) return asked;
-  std::vector<std::string> ids{Settings::deviceId()};
-  if (auto related = Database::getDevicesRelatedToCurrentDevice())
-    ids.insert(ids.end(), related->begin(), related->end());
-  return ids;
-}
-
-// A start after its end is refused before anything is written.
-std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end) {
-  const Date from = parseInstant(start), to = parseInstant(end);
-  if (to < from) throw InputError("the start " + start + " is after the end " + end);
-  return {from, to};
-}
-
 template <class Record>
 nlohmann::ordered_json json(const std::optional<Record>& record) {
   return record ? recordJSON(*record) : nlohmann::ordered_json(nullptr);
@@ -207,29 +191,6 @@ void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       const std::string id = device->value_or(Settings::deviceId());
       const double seconds = Database::getScreenTime(id);
       Output(options).print({{"deviceId", id}, {"screenTime", seconds}}, formatDouble(seconds));
-    };
-  });
-
-  auto* devices = app.add_subcommand("device", "The devices that have written to this store");
-  devices->require_subcommand(1);
-  devices->add_subcommand("list", "Every device row, this device marked")->callback([&options, &action] {
-    action = [&options] {
-      startStore();
-      nlohmann::ordered_json all = nlohmann::ordered_json::array();
-      std::string text;
-      const std::string current = Settings::deviceId();
-      for (const auto& id : Database::getDevices()) {
-        const auto row = Database::getDevice(id);
-        if (!row) continue;
-        all.push_back(recordJSON(*row));
-        text += id + "  " + row->name.value_or("-") + "  " +
-                (row->lastSyncDate ? row->lastSyncDate->iso8601() : "never synced") +
-                (id == current ? "  (this device)" : "");
-        for (const auto& related : row->deviceIds) text += "\n    merges " + related;
-        text += "\n";
-      }
-      if (!text.empty()) text.pop_back();
-      Output(options).print(all, text);
     };
   });
 

@@ -56,6 +56,9 @@ int main(int argc, char** argv) {
   addDayCommand(app, options, action);
   addImportCommand(app, options, action);
   addDemoCommand(app, options, action);
+  addFocusCommands(app, options, action);
+  addManageCommands(app, options, action);
+  addFormatCommand(app, options, action);
 
   try {
     app.parse(argc, argv);

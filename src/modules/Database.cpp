@@ -1,5 +1,6 @@
 #include "tarnwell/modules/Database.h"
 
+#include "modules/DatabaseSupport.h"
 #include "modules/EventQueries.h"
 
 #include <algorithm>
@@ -24,34 +25,9 @@ using store::Store;
 using store::UpdatePolicy;
 using store::WriteTransaction;
 
+using namespace database_support;
+
 namespace {
-
-// The parts of Database that live as long as the Environment.
-struct DatabaseState {
-  explicit DatabaseState(Environment& environment) : queue("org.vostra.tarnwell.database") {
-    const auto container = environment.containerURL(Environment::kAppGroupIdentifier);
-    if (!container) fatalError("The app group container group.org.vostra.tarnwell cannot be found");
-    folder = *container / "Realm";
-    fileURL = folder / "default.realm";
-    backupURL = folder / "backup.realm";
-    legacyURL = *container / "Library" / "Caches" / "default.realm";
-    for (const char* extension : {"", ".lock", ".note", ".management"})
-      fileURLs.push_back(fileURL.string() + extension);
-  }
-
-  SafeSyncQueue queue;
-  std::filesystem::path folder, fileURL, backupURL, legacyURL;
-  std::vector<std::filesystem::path> fileURLs;
-
-  // Guarded by `queue`.
-  std::optional<EventsOfDay> eventsOfToday;
-
-  std::mutex timersMutex;
-  std::shared_ptr<Timer> dayTimer;
-  std::shared_ptr<Timer> eventsOfTodayPost;
-};
-
-DatabaseState& state() { return Environment::current().component<DatabaseState>(); }
 
 // SQLite's own side files travel with the main file, so that a journal never
 // meets a file it does not belong to.
@@ -98,33 +74,12 @@ std::vector<std::string> rangeQuery(DateInterval between, const std::vector<std:
   return ids;
 }
 
-// By primary key, unless soft-deleted.
-template <class Record>
-std::optional<Record> liveObject(const std::string& id) {
-  auto record = Store::open().object<Record>(id);
-  if (record && record->isDeleted) return std::nullopt;
-  return record;
-}
-
 // The record that ends last.
 template <class Record>
 std::optional<Record> latest(const std::vector<std::string>& deviceIds) {
   auto records = Store::open().objects<Record>(live(deviceIds).sorted("\"end\" DESC").limited(1));
   if (records.empty()) return std::nullopt;
   return std::move(records.front());
-}
-
-// Installs a new today; only through `queue`.
-void setEventsOfToday(EventsOfDay today) {
-  state().eventsOfToday = std::move(today);
-  Database::notifyEventsOfTodayChanged();
-}
-
-// Carries changes of the store into today without a rebuild. Read, apply,
-// install: no lock spans the three, so of two writers the later wins.
-void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes) {
-  EventsOfDay changed = Database::eventsOfToday().appliedChange(changes);
-  Database::queue().safeSync([&changed] { setEventsOfToday(std::move(changed)); });
 }
 
 // Adds a new record of this device and logs "✍️ Add <Class>: id start end".
@@ -142,26 +97,6 @@ EventsOfInterval::EventsChangeType pickupChange(const std::string& id) {
   return EventsOfInterval::EventsChangeType::pickup(id);
 }
 
-// The edit frame: a record that cannot be read (the store does not open, the
-// id is unknown or soft-deleted) is skipped quietly; otherwise `assignments`
-// are written and `line` logged. Returns whether it wrote.
-template <class Record>
-bool editEvent(const std::string& id, const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
-               const std::string& line, std::string_view function) {
-  std::optional<Store> store;
-  try {
-    store = Store::open();
-  } catch (const sqlite::Error&) {
-    return false;  // dropped on purpose: an edit of something that cannot be read is skipped
-  }
-  // Reading the record and writing it, fused: the row changes only when it
-  // exists and is not soft-deleted, which is the edit's own condition.
-  bool edited = false;
-  store->write([&](WriteTransaction& t) { edited = t.updateObject<Record>(id, assignments, "isDeleted = 0"); });
-  if (edited) log.info(line, {.function = function});
-  return edited;
-}
-
 // The id of the first or last pickup of a query, as `Query` orders it.
 std::optional<std::string> firstId(const Query& query) {
   Store store = Store::open();
@@ -174,6 +109,64 @@ std::optional<std::string> firstId(const Query& query) {
 }
 
 }  // namespace
+
+namespace database_support {
+
+DatabaseState::DatabaseState(Environment& environment) : queue("org.vostra.tarnwell.database") {
+  const auto container = environment.containerURL(Environment::kAppGroupIdentifier);
+  if (!container) fatalError("The app group container group.org.vostra.tarnwell cannot be found");
+  folder = *container / "Realm";
+  fileURL = folder / "default.realm";
+  backupURL = folder / "backup.realm";
+  legacyURL = *container / "Library" / "Caches" / "default.realm";
+  for (const char* extension : {"", ".lock", ".note", ".management"}) fileURLs.push_back(fileURL.string() + extension);
+}
+
+DatabaseState& state() { return Environment::current().component<DatabaseState>(); }
+
+std::vector<std::string> selectIds(std::string_view className, std::string_view column, const Query& query) {
+  Store store = Store::open();
+  auto& select = store.statement(Store::selectSQL(className, column, query));
+  Store::bind(select, query.arguments);
+  std::vector<std::string> ids;
+  try {
+    while (select.step()) {
+      if (!select.isNull(0)) ids.push_back(select.text(0));
+    }
+  } catch (...) {
+    select.reset();
+    throw;
+  }
+  select.reset();
+  return ids;
+}
+
+void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes) {
+  EventsOfDay changed = Database::eventsOfToday().appliedChange(changes);
+  Database::queue().safeSync([&changed] { setEventsOfToday(std::move(changed)); });
+}
+
+void setEventsOfToday(EventsOfDay today) {
+  state().eventsOfToday = std::move(today);
+  Database::notifyEventsOfTodayChanged();
+}
+
+void debounce(std::shared_ptr<Timer> DatabaseState::*slot, std::function<void()> fire) {
+  auto& s = state();
+  {
+    std::lock_guard lock(s.timersMutex);
+    if (s.*slot) (s.*slot)->invalidate();
+  }
+  DispatchQueue::main().async([&s, slot, fire = std::move(fire)] {
+    auto timer = Timer::scheduled(0.1, fire);
+    std::lock_guard lock(s.timersMutex);
+    // Two calls before the main queue ran either of these still give one post.
+    if (s.*slot) (s.*slot)->invalidate();
+    s.*slot = std::move(timer);
+  });
+}
+
+}  // namespace database_support
 
 SafeSyncQueue::SafeSyncQueue(std::string label) : label_(label), queue_(std::move(label)) {
   queue_.setSpecific(queueKey_, label_);
@@ -192,7 +185,17 @@ void Database::start() {
   configureRealm();
   testRealm();
   setupRealmData();
+  queue().safeSync([] { clearRealmDatabase(); });
   setupRefreshEventsOfTodayTimer();
+  observeFocusAndTagDataChanges();
+}
+
+void Database::observeFocusAndTagDataChanges() {
+  Store store = Store::open();
+  auto& observers = state().observers;
+  observers.clear();
+  observers.push_back(store.observe<Focus>([](const store::ChangeSet&) { notifyFocusesChanged(); }));
+  observers.push_back(store.observe<Tag>([](const store::ChangeSet&) { notifyFocusesChanged(); }));
 }
 
 EventsOfDay Database::eventsOfToday() {
@@ -226,19 +229,13 @@ void Database::setupRefreshEventsOfTodayTimer() {
 }
 
 void Database::notifyEventsOfTodayChanged() {
-  auto& s = state();
-  {
-    std::lock_guard lock(s.timersMutex);
-    if (s.eventsOfTodayPost) s.eventsOfTodayPost->invalidate();
-  }
-  DispatchQueue::main().async([&s] {
-    auto timer = Timer::scheduled(
-        0.1, [] { NotificationCenter::defaultCenter().post(NotificationName::eventsOfTodayDidChange); });
-    std::lock_guard lock(s.timersMutex);
-    // Two calls before the main queue ran either of these still give one post.
-    if (s.eventsOfTodayPost) s.eventsOfTodayPost->invalidate();
-    s.eventsOfTodayPost = std::move(timer);
-  });
+  debounce(&DatabaseState::eventsOfTodayPost,
+           [] { NotificationCenter::defaultCenter().post(NotificationName::eventsOfTodayDidChange); });
+}
+
+void Database::notifyFocusesChanged() {
+  debounce(&DatabaseState::focusesPost,
+           [] { NotificationCenter::defaultCenter().post(NotificationName::focusesDidChange); });
 }
 
 bool Database::shouldCompactOnLaunch(std::uint64_t totalBytes, std::uint64_t usedBytes) {
@@ -297,18 +294,14 @@ void Database::setupRealmData() {
   if (!getTags(false, false).empty() && !Settings::shouldCreateDefaultTags()) return;
   Settings::setShouldCreateDefaultTags(false);
   for (const auto type : DefaultTagTypes::initialTags) {
-    const DefaultTagInfo& tagInfo = info(type);
     std::optional<Tag> existing;
     try {
-      existing = Store::open().object<Tag>(tagInfo.id);
+      existing = Store::open().object<Tag>(info(type).id);
     } catch (const sqlite::Error&) {
       // Counts as not found: the tag is built again.
     }
     if (existing && !existing->isDeleted) continue;
-    Tag tag(std::string(tagInfo.id), localized(tagInfo.titleKey),
-            tagInfo.emoji ? std::optional<std::string>(*tagInfo.emoji) : std::nullopt, std::string(tagInfo.colorHex),
-            true, tagInfo.sort);
-    tag.isDefault = type == DefaultTagType::theDefault;
+    const Tag tag = makeDefaultTag(type);
     Store::open().write([&tag](WriteTransaction& t) { t.add(tag, UpdatePolicy::all); });
   }
 }
@@ -394,37 +387,6 @@ std::optional<std::vector<std::string>> Database::getDevicesRelatedToCurrentDevi
   return device->deviceIds;
 }
 
-std::vector<std::string> Database::getTags(bool archived, bool discardDefault) {
-  Query query;
-  query.filter("isDeleted = 0 AND isArchived = ?", {archived});
-  if (discardDefault) query.filter("isDefault = 0");
-  // Sorted by sort, then (applied last, so it wins) by isDefault descending.
-  query.sorted("isDefault DESC, sort ASC");
-  Store store = Store::open();
-  auto& select = store.statement(Store::selectSQL(Tag::className, "id", query));
-  Store::bind(select, query.arguments);
-  std::vector<std::string> ids;
-  while (select.step()) {
-    if (select.isNull(0)) continue;
-    std::string id = select.text(0);
-    // A copy of a default tag ("working-<suffix>") stands under the plain id.
-    std::string_view first = id;
-    first.remove_prefix(std::min(first.find_first_not_of('-'), first.size()));
-    first = first.substr(0, first.find('-'));
-    for (const auto type : DefaultTagTypes::allTags) {
-      if (info(type).id == first) {
-        id = std::string(first);
-        break;
-      }
-    }
-    if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(std::move(id));
-  }
-  select.reset();
-  return ids;
-}
-
-std::optional<Tag> Database::getTag(const std::string& id) { return liveObject<Tag>(id); }
-
 std::vector<std::string> Database::getPickups(DateInterval between, const std::vector<std::string>& deviceIds) {
   return rangeQuery<Pickup>(between, deviceIds);
 }
@@ -480,7 +442,8 @@ std::string Database::addPickup(Date start, Date end) {
 }
 
 std::string Database::editPickup(const std::string& id, Date end) {
-  editEvent<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(), "editPickup(id:end:)");
+  editLiveObject<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(),
+                         "editPickup(id:end:)");
   // Also when nothing was written: the day is replaced all the same.
   updateEventsOfToday({pickupChange(id)});
   return id;
@@ -504,7 +467,7 @@ std::vector<std::string> Database::editPickups(DateInterval between, bool isIgno
 }
 
 void Database::deletePickup(const std::string& id) {
-  if (editEvent<Pickup>(id, {{"isDeleted", true}}, "✍️ Delete Pickup: " + id, "deletePickup(id:)")) {
+  if (editLiveObject<Pickup>(id, {{"isDeleted", true}}, "✍️ Delete Pickup: " + id, "deletePickup(id:)")) {
     updateEventsOfToday({pickupChange(id)});
   }
 }
@@ -543,9 +506,9 @@ std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& int
 }
 
 std::string Database::editWalk(const std::string& id, Date start, Date end) {
-  editEvent<Walk>(id, {{"start", start}, {"end", end}},
-                  "✍️ Edit Walk: " + id + " " + start.description() + " " + end.description(),
-                  "editWalk(id:start:end:)");
+  editLiveObject<Walk>(id, {{"start", start}, {"end", end}},
+                       "✍️ Edit Walk: " + id + " " + start.description() + " " + end.description(),
+                       "editWalk(id:start:end:)");
   updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id)});
   return id;
 }
@@ -568,9 +531,9 @@ std::string Database::addAlive(Date start, Date end) {
 
 // Unlike a walk's, an alive span's edit leaves today's older alive list as it is.
 std::string Database::editAlive(const std::string& id, Date start, Date end) {
-  editEvent<Alive>(id, {{"start", start}, {"end", end}},
-                   "✍️ Edit Alive: " + id + " " + start.description() + " " + end.description(),
-                   "editAlive(id:start:end:)");
+  editLiveObject<Alive>(id, {{"start", start}, {"end", end}},
+                        "✍️ Edit Alive: " + id + " " + start.description() + " " + end.description(),
+                        "editAlive(id:start:end:)");
   return id;
 }
 

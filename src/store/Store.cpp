@@ -278,6 +278,9 @@ void Store::bind(sqlite::Statement& statement, const std::vector<QueryValue>& ar
             statement.bind(index, value.timeIntervalSinceReferenceDate());
           } else if constexpr (std::is_same_v<T, std::string>) {
             statement.bind(index, std::string_view(value));
+          } else if constexpr (std::is_same_v<T, Data> || std::is_same_v<T, std::vector<std::int64_t>> ||
+                               std::is_same_v<T, std::vector<std::string>>) {
+            bindValue(statement, index, value);
           } else {
             statement.bind(index, value);
           }

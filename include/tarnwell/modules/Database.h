@@ -23,11 +23,14 @@
 #include <vector>
 
 #include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/platform/Color.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/DispatchQueue.h"
 #include "tarnwell/platform/Promise.h"
+#include "tarnwell/records/App.h"
 #include "tarnwell/records/Device.h"
 #include "tarnwell/records/EventRecords.h"
+#include "tarnwell/records/Focus.h"
 #include "tarnwell/records/Tag.h"
 
 namespace tarnwell {
@@ -58,6 +61,44 @@ class SafeSyncQueue {
   DispatchSpecificKey<std::string> queueKey_;
 };
 
+// A tag's run of days, counted back from a day: reached its goal (`streak`),
+// broke its limit (`fail`), or simply had sessions (`focus`).
+struct FocusCombo {
+  enum class Kind { streak, fail, focus };
+  Kind kind;
+  int days;
+
+  static FocusCombo streak(int days) { return {Kind::streak, days}; }
+  static FocusCombo fail(int days) { return {Kind::fail, days}; }
+  static FocusCombo focus(int days) { return {Kind::focus, days}; }
+  friend bool operator==(const FocusCombo&, const FocusCombo&) = default;
+};
+
+// The fields editFocus changes; those left empty stay as they are.
+struct FocusEdit {
+  std::optional<std::string> tagId;
+  std::optional<Date> start;
+  // Also moves the end to start + progress: a pause the old end held is lost.
+  std::optional<double> progress;
+  std::optional<double> goal;
+  std::optional<widgets::AbstractFocusType> type;
+  std::optional<FocusMode> mode;
+};
+
+// The fields editTag changes; those left empty stay as they are. The goal and
+// the reminder can be cleared: give them as an empty value.
+struct TagEdit {
+  std::optional<std::string> title;
+  // Ignored for the default tag, which has no emoji.
+  std::optional<std::string> emoji;
+  std::optional<Color> color;
+  std::optional<widgets::FocusType> focusType;
+  std::optional<std::optional<FocusGoal>> focusGoal;
+  std::optional<std::optional<FocusNotification>> notification;
+  std::optional<bool> syncToMindfulness;
+  std::optional<std::vector<std::int64_t>> stateOfMindAssociationsRawValue;
+};
+
 class Database {
  public:
   Database() = delete;
@@ -85,8 +126,9 @@ class Database {
 
   // --- Start-up ---
 
-  // configureRealm, testRealm, setupRealmData, setupRefreshEventsOfTodayTimer,
-  // in that order; the first error ends it.
+  // configureRealm, testRealm, setupRealmData, the tag repairs (on `queue`),
+  // setupRefreshEventsOfTodayTimer and observeFocusAndTagDataChanges, in
+  // that order; the first error ends it.
   static void start();
   // Makes the store's folder, moves a legacy file into place, and makes the
   // store configuration (version, migration, compaction) the default.
@@ -96,6 +138,11 @@ class Database {
   static void testRealm();
   // Makes this device's row and, on a new installation, the initial tags.
   static void setupRealmData();
+  // The tag repairs: clearTags, then resetInvalidateTagSort.
+  static void clearRealmDatabase();
+  // Watches focuses and tags: any change of either, and the first delivery,
+  // brings one debounced focusesDidChange.
+  static void observeFocusAndTagDataChanges();
 
   // Compact a file of more than 50 MiB that is less than 40% used.
   static bool shouldCompactOnLaunch(std::uint64_t totalBytes, std::uint64_t usedBytes);
@@ -127,6 +174,8 @@ class Database {
   // Posts eventsOfTodayDidChange on the main queue 0.1 seconds after the last
   // call: a burst of writes gives one post.
   static void notifyEventsOfTodayChanged();
+  // Posts focusesDidChange on the main queue 0.1 seconds after the last call.
+  static void notifyFocusesChanged();
 
   // --- Devices ---
 
@@ -139,15 +188,97 @@ class Database {
   static std::optional<Device> getDevice(const std::string& id);
   // The ids this device merges into its views; nothing without a row.
   static std::optional<std::vector<std::string>> getDevicesRelatedToCurrentDevice();
+  // Adds `deviceId` to this device's merged devices (once) or removes it.
+  // This device's id, or nothing without a row. The relation is one-way.
+  static std::optional<std::string> setCurrentDeviceRelation(const std::string& deviceId, bool isRelated);
 
-  // --- Tags (the part the store's start needs) ---
+  // --- Tags ---
 
   // Ids of the tags not soft-deleted, archived or not: the default tag first,
   // then by `sort`. A copy of a default tag with a suffix ("working-2") is
-  // listed once, under the plain id.
+  // listed under the plain id, once; when that hides a twin, clearTags runs.
   static std::vector<std::string> getTags(bool archived, bool discardDefault);
   // By primary key; nothing when absent or soft-deleted.
   static std::optional<Tag> getTag(const std::string& id);
+  // The tag "default", made when missing; returned even when soft-deleted.
+  static Tag getDefaultTag();
+  // A new tag with a UUID id, placed after every other; its id.
+  static std::string addTag(const std::string& title, const std::optional<std::string>& emoji, const Color& color,
+                            const widgets::FocusType& focusType, const std::optional<FocusGoal>& focusGoal,
+                            const std::optional<FocusNotification>& notification, bool syncToMindfulness,
+                            const std::optional<std::vector<std::int64_t>>& stateOfMindAssociationsRawValue);
+  static std::string editTag(const std::string& id, const TagEdit& edit);
+  // Puts the tag in the place of `after`: just before it when moving up the
+  // list, just behind it when moving down. Only the rows between the two
+  // places are renumbered, from the smallest `sort` among them.
+  static void moveTag(const std::string& id, const std::string& after);
+  // Soft-deletes the tag. Its sessions move to `migrateTo`, or are deleted.
+  static void deleteTag(const std::string& id, const std::optional<std::string>& migrateTo);
+  static void archiveTag(const std::string& id, bool archive);
+  // In one transaction; unknown ids are skipped.
+  static void archiveTags(const std::vector<std::string>& ids, bool archive);
+  // Folds copies of the default tags ("working-<suffix>") and their sessions
+  // into the tag of the plain id, which is made when missing.
+  static void clearTags();
+  // Places the tags that have no place yet (kUnplacedSort) after all others,
+  // in order of creation; the default tag goes first.
+  static void resetInvalidateTagSort();
+
+  // --- Focus sessions ---
+
+  // Ids, in store order unless said otherwise; a session belongs to an
+  // interval by its start, both ends included.
+  static std::vector<std::string> getFocuses();
+  static std::vector<std::string> getFocuses(const DateInterval& startsBetween);
+  static std::vector<std::string> getFocuses(const std::string& tagId);
+  // By start.
+  static std::vector<std::string> getFocuses(const std::string& tagId, const DateInterval& startsBetween);
+  // The sessions of these devices with a start or an end inside `between`.
+  static std::vector<std::string> getFocuses(const DateInterval& between, const std::vector<std::string>& deviceIds);
+  static std::optional<Focus> getFocus(const std::string& id);
+  // The first session, in store order, that starts at `start` or ends at `end`.
+  static std::optional<Focus> getFocus(Date start, Date end);
+  // The latest session that began on `date`'s day.
+  static std::optional<Focus> getRecentFocus(Date date);
+
+  // A session of this device; a given id that exists is replaced. Its id.
+  static std::string addFocus(const std::optional<std::string>& id, Date start, Date end,
+                              const std::optional<std::string>& tagId, double goal, double progress,
+                              const std::optional<widgets::FocusType>& type, const std::optional<FocusMode>& mode,
+                              const std::optional<std::string>& watchDeviceName);
+  static void editFocus(const std::string& id, const FocusEdit& edit);
+  static void deleteFocus(const std::string& id);
+  // Soft-deletes copies that sync let pile up: of sessions starting less
+  // than a second apart, the one that ends last stays.
+  static void clearFocuses();
+
+  // The tag's run of days back from `relativeDate`'s day; today is not over,
+  // so a day below the goal today does not end it. Nothing without sessions.
+  static std::optional<FocusCombo> getFocusCombo(const std::string& tagId, Date relativeDate);
+  // Seconds focused with the tag on `date`'s day over its goal's duration;
+  // nothing for a tag that is unknown or has no goal.
+  static std::optional<double> getGoalProgress(const std::string& tagId, Date date);
+
+  // --- Allowed apps ---
+
+  // trackIds, by creation.
+  static std::vector<std::string> getApps();
+  static std::optional<App> getApp(const std::string& trackId);
+  // Adds the app, or revives it; its trackId.
+  static std::optional<std::string> addApp(const AppStructure& data);
+  static void deleteApp(const std::string& trackId);
+
+  // --- Reset and export (on `queue`) ---
+
+  // Soft-deletes the alive spans, pickups and walks of this device or of
+  // all, makes this device's row again, then rebuilds today.
+  static Promise<void> resetScreentimeData(bool onlyCurrentDevice);
+  // Soft-deletes the focus sessions of this device or of all; for all, also
+  // every tag, so that the initial tags are made anew.
+  static Promise<void> resetFocusData(bool onlyCurrentDevice);
+  // Writes "<date>-Alive.csv", -Device, -Focus, -Pickup, -Tag and -Walk into
+  // `folder` (the process's temporary folder when empty); their paths.
+  static Promise<std::vector<std::filesystem::path>> exportCSVFile(std::filesystem::path folder = {});
 
   // --- Pickups ---
 

@@ -62,8 +62,8 @@ class FocusGoal {
 
  private:
   FocusGoal(Kind kind, double duration) : kind_(kind), duration_(duration) {}
-  Kind kind_;
-  double duration_;
+  Kind kind_ = Kind::moreThanOrEqualTo;
+  double duration_ = 0;
 };
 
 // {"moreThanOrEqualTo": 5400.0}. Decoding looks for "lessThanOrEqualTo"

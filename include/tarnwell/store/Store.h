@@ -37,8 +37,10 @@
 
 namespace tarnwell::store {
 
-// A value bound to a query parameter.
-using QueryValue = std::variant<std::nullptr_t, std::int64_t, double, std::string, Date, bool>;
+// A value bound to a query parameter, in the column form of a property of
+// that type (bytes as a blob, lists as the store keeps them).
+using QueryValue = std::variant<std::nullptr_t, std::int64_t, double, std::string, Date, bool, Data,
+                                std::vector<std::int64_t>, std::vector<std::string>>;
 
 // The selection of a query: a SQL condition over the record's columns (empty
 // for every row) with `?` parameters, and an order ("start ASC"). Rows of

@@ -1,0 +1,371 @@
+// `tarnwell tag ...` and `tarnwell focus ...`: focus tags with their goals,
+// order and summaries, and the focus sessions themselves.
+
+#include <cmath>
+#include <regex>
+
+#include "Cli.h"
+#include "tarnwell/extensions/Strings.h"
+#include "tarnwell/modules/Database.h"
+
+namespace tarnwell::cli {
+namespace {
+
+using widgets::FocusType;
+
+// Arguments of every tag and focus command, kept alive with the command line.
+struct Arguments {
+  std::string id, title, start, end, after;
+  std::vector<std::string> ids;
+  std::optional<std::string> emoji, color, goal, type, mode, tag, from, to, date, migrateTo, newId, progress,
+      mindful, focusStart;
+  bool archived = false, noDefault = false, mindfulFlag = false;
+};
+
+Color parseColor(const std::string& text) {
+  static const std::regex hex("#?([0-9a-fA-F]{3}|[0-9a-fA-F]{6}|[0-9a-fA-F]{8})");
+  if (!std::regex_match(text, hex)) refuse("--color", text, "a colour (#rgb, #rrggbb or #rrggbbaa)");
+  return Color::fromHex(text);
+}
+
+// ">=SECONDS" (a goal to reach) or "<=SECONDS" (a limit to stay under).
+FocusGoal parseGoal(const std::string& text) {
+  constexpr const char* kAccepts = "a goal (>=SECONDS or <=SECONDS)";
+  if (text.size() < 3 || (text.compare(0, 2, ">=") != 0 && text.compare(0, 2, "<=") != 0)) {
+    refuse("--goal", text, kAccepts);
+  }
+  const double seconds = parseNumber("--goal", text.substr(2));
+  if (seconds < 0) refuse("--goal", text, kAccepts);
+  return text[0] == '>' ? FocusGoal::moreThanOrEqualTo(seconds) : FocusGoal::lessThanOrEqualTo(seconds);
+}
+
+FocusMode parseMode(const std::string& text) {
+  if (auto mode = focusModeFromRawValue(text)) return *mode;
+  refuse("--mode", text, "easy or strict");
+}
+
+double parseSeconds(const std::string& name, const std::string& text) {
+  const double seconds = parseNumber(name, text);
+  if (seconds < 0) refuse(name, text, "a number of seconds, not negative");
+  return seconds;
+}
+
+nlohmann::ordered_json tagJSON(const Tag& tag) {
+  const auto goal = tag.focusGoal();
+  const auto notification = tag.notification();
+  return {{"id", json_detail::value(tag.id)},
+          {"title", json_detail::value(tag.title)},
+          {"displayTitle", tag.displayTitle()},
+          {"emoji", json_detail::value(tag.emoji)},
+          {"color", tag.colorHex},
+          {"sort", tag.sort},
+          {"isDefault", tag.isDefault},
+          {"isArchived", tag.isArchived},
+          {"syncToMindfulness", tag.syncToMindfulness},
+          {"type", nlohmann::json(tag.type())},
+          {"focusGoal", goal ? nlohmann::json(*goal) : nlohmann::json(nullptr)},
+          {"notification", notification ? nlohmann::json(*notification) : nlohmann::json(nullptr)},
+          {"created", json_detail::value(tag.created)}};
+}
+
+std::string typeText(const FocusType& type) {
+  std::string text = widgets::title(type.abstractType());
+  if (type.duration() > 0) text += " " + getTimeIntervalString(type.duration(), false);
+  return text;
+}
+
+std::string tagLine(const Tag& tag) {
+  std::string text = tag.id.value_or("-") + "  ";
+  if (tag.emoji) text += *tag.emoji + " ";
+  text += tag.displayTitle() + "  " + tag.colorHex + "  " + typeText(tag.type());
+  if (const auto goal = tag.focusGoal()) text += "  goal " + goal->localizedDescription();
+  if (tag.syncToMindfulness) text += "  mindful";
+  if (tag.isArchived) text += "  archived";
+  return text;
+}
+
+std::string focusLine(const Focus& focus) {
+  std::string text = focus.id.value_or("-") + "  " + (focus.start ? focus.start->iso8601() : "-") + "  " +
+                     (focus.end ? focus.end->iso8601() : "-") + "  " + focus.tagId.value_or("(no tag)") + "  " +
+                     getTimeIntervalString(focus.progress, false, true) + " of " +
+                     getTimeIntervalString(focus.goal, false, true);
+  if (focus.failed()) text += "  failed";
+  return text;
+}
+
+std::string requireTag(const std::string& id) {
+  if (!Database::getTag(id)) throw InputError("no tag has the id " + id);
+  return id;
+}
+
+void printTag(const GlobalOptions& options, const std::string& id) {
+  const auto tag = Database::getTag(id);
+  Output(options).print(tag ? tagJSON(*tag) : nlohmann::ordered_json(nullptr), tag ? tagLine(*tag) : id);
+}
+
+void printIds(const GlobalOptions& options, const std::vector<std::string>& ids, const std::string& empty) {
+  std::string text;
+  for (const auto& id : ids) text += id + "\n";
+  if (!text.empty()) text.pop_back();
+  Output(options).print(ids, text.empty() ? empty : text);
+}
+
+// The options add and edit share; `edit` offers "none" to clear the goal.
+void addTagOptions(CLI::App* command, Arguments& a, bool edit) {
+  command->add_option("--emoji", a.emoji, "One emoji");
+  command->add_option("--color", a.color, "Colour, #rrggbb");
+  command->add_option("--goal", a.goal,
+                      edit ? "Daily goal >=SECONDS, limit <=SECONDS, or none" : "Daily goal >=SECONDS or limit <=SECONDS");
+  command->add_option("--type", a.type, "Timer: pomodoro:SECONDS, countdown:SECONDS or addTime");
+}
+
+void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<Arguments>();
+  auto* tag = app.add_subcommand("tag", "Focus tags: goals, order, archive, streaks");
+  tag->require_subcommand(1);
+
+  auto* list = tag->add_subcommand("list", "Tags in the user's order, the default tag first");
+  list->add_flag("--archived", a->archived, "The archived tags instead");
+  list->add_flag("--no-default", a->noDefault, "Leave out the default tag");
+  list->callback([&options, &action, a] {
+    action = [&options, a] {
+      startStore();
+      nlohmann::ordered_json all = nlohmann::ordered_json::array();
+      std::string text;
+      for (const auto& id : Database::getTags(a->archived, a->noDefault)) {
+        const auto row = Database::getTag(id);
+        if (!row) continue;
+        all.push_back(tagJSON(*row));
+        text += tagLine(*row) + "\n";
+      }
+      if (!text.empty()) text.pop_back();
+      Output(options).print(all, text.empty() ? "(none)" : text);
+    };
+  });
+
+  auto* add = tag->add_subcommand("add", "Make a tag; prints it");
+  add->add_option("TITLE", a->title)->required();
+  addTagOptions(add, *a, false);
+  add->add_flag("--mindful", a->mindfulFlag, "Write its sessions to the health store as mindful time");
+  add->callback([&options, &action, a] {
+    action = [&options, a] {
+      if (a->title.empty()) throw InputError("a tag needs a title");
+      const Color color = parseColor(a->color.value_or(std::string(TagColors::defaultColor)));
+      const auto goal = a->goal ? std::optional(parseGoal(*a->goal)) : std::nullopt;
+      const FocusType type = a->type ? parseFocusType("--type", *a->type) : FocusType::defaultType();
+      startStore();
+      const std::string id =
+          Database::addTag(a->title, a->emoji, color, type, goal, std::nullopt, a->mindfulFlag, std::nullopt);
+      printTag(options, id);
+    };
+  });
+
+  auto* edit = tag->add_subcommand("edit", "Change a tag's fields; the others stay");
+  edit->add_option("ID", a->id)->required();
+  edit->add_option("--title", a->title, "New title");
+  addTagOptions(edit, *a, true);
+  edit->add_option("--mindful", a->mindful, "true or false");
+  edit->callback([&options, &action, a] {
+    action = [&options, a] {
+      TagEdit changes;
+      if (!a->title.empty()) changes.title = a->title;
+      changes.emoji = a->emoji;
+      if (a->color) changes.color = parseColor(*a->color);
+      if (a->goal) changes.focusGoal = *a->goal == "none" ? std::nullopt : std::optional(parseGoal(*a->goal));
+      if (a->type) changes.focusType = parseFocusType("--type", *a->type);
+      if (a->mindful) changes.syncToMindfulness = parseBool("--mindful", *a->mindful);
+      startStore();
+      requireTag(a->id);
+      printTag(options, Database::editTag(a->id, changes));
+    };
+  });
+
+  auto* move = tag->add_subcommand("move", "Put a tag in the place of another");
+  move->add_option("ID", a->id)->required();
+  move->add_option("--after", a->after, "The tag whose place it takes")->required();
+  move->callback([&options, &action, a] {
+    action = [&options, a] {
+      startStore();
+      requireTag(a->id);
+      requireTag(a->after);
+      Database::moveTag(a->id, a->after);
+      printIds(options, Database::getTags(false, false), "(none)");
+    };
+  });
+
+  for (const bool archive : {true, false}) {
+    auto* command = tag->add_subcommand(archive ? "archive" : "unarchive",
+                                        archive ? "Hide tags from pickers, keeping their statistics" : "Show tags again");
+    command->add_option("ID", a->ids)->required();
+    command->callback([&options, &action, a, archive] {
+      action = [&options, a, archive] {
+        startStore();
+        for (const auto& id : a->ids) requireTag(id);
+        Database::archiveTags(a->ids, archive);
+        printIds(options, a->ids, "(none)");
+      };
+    });
+  }
+
+  auto* remove = tag->add_subcommand("delete", "Delete a tag; its sessions move to another or are deleted");
+  remove->add_option("ID", a->id)->required();
+  remove->add_option("--migrate-to", a->migrateTo, "The tag that takes the sessions");
+  remove->callback([&options, &action, a] {
+    action = [&options, a] {
+      startStore();
+      const auto row = Database::getTag(requireTag(a->id));
+      if (row->isDefault) throw InputError("the default tag cannot be deleted");
+      if (a->migrateTo) requireTag(*a->migrateTo);
+      Database::deleteTag(a->id, a->migrateTo);
+      Output(options).print({{"id", a->id}}, a->id);
+    };
+  });
+
+  auto* streak = tag->add_subcommand("streak", "The tag's run of days back from a day");
+  streak->add_option("ID", a->id)->required();
+  streak->add_option("--date", a->date, "ISO 8601 (default: now)");
+  streak->callback([&options, &action, a] {
+    action = [&options, a] {
+      const Date date = a->date ? parseInstant(*a->date) : Date::now();
+      startStore();
+      const auto combo = Database::getFocusCombo(a->id, date);
+      if (!combo) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
+      static constexpr const char* kKinds[] = {"streak", "fail", "focus"};
+      const char* kind = kKinds[static_cast<int>(combo->kind)];
+      Output(options).print({{"tagId", a->id}, {"combo", {{"kind", kind}, {"days", combo->days}}}},
+                            std::string(kind) + " " + std::to_string(combo->days) +
+                                (combo->days == 1 ? " day" : " days"));
+    };
+  });
+
+  auto* progress = tag->add_subcommand("progress", "Seconds focused on a day over the tag's goal");
+  progress->add_option("ID", a->id)->required();
+  progress->add_option("--date", a->date, "ISO 8601 (default: now)");
+  progress->callback([&options, &action, a] {
+    action = [&options, a] {
+      const Date date = a->date ? parseInstant(*a->date) : Date::now();
+      startStore();
+      const auto value = Database::getGoalProgress(a->id, date);
+      const bool finite = value && std::isfinite(*value);
+      Output(options).print({{"tagId", a->id}, {"progress", finite ? nlohmann::ordered_json(*value) : nullptr}},
+                            !value ? "no goal" : finite ? std::to_string(std::lround(*value * 100)) + "%" : "-");
+    };
+  });
+}
+
+void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<Arguments>();
+  auto* focus = app.add_subcommand("focus", "Focus sessions");
+  focus->require_subcommand(1);
+
+  auto* add = focus->add_subcommand("add", "Record a session; prints it");
+  add->add_option("START", a->start, "ISO 8601 start")->required();
+  add->add_option("END", a->end, "ISO 8601 end (pauses included)")->required();
+  add->add_option("--tag", a->tag, "Tag id (default: none)");
+  add->add_option("--goal", a->goal, "Seconds aimed at (default: the whole session)");
+  add->add_option("--progress", a->progress, "Seconds focused (default: the whole session)");
+  add->add_option("--type", a->type, "Timer: pomodoro:SECONDS, countdown:SECONDS or addTime");
+  add->add_option("--mode", a->mode, "easy or strict");
+  add->add_option("--id", a->newId, "Id; a session of that id is replaced");
+  add->callback([&options, &action, a] {
+    action = [&options, a] {
+      const auto [start, end] = parseSpan(a->start, a->end);
+      const double length = end - start;
+      const double goal = a->goal ? parseSeconds("--goal", *a->goal) : length;
+      const double progress = a->progress ? parseSeconds("--progress", *a->progress) : length;
+      const auto type = a->type ? std::optional(parseFocusType("--type", *a->type)) : std::nullopt;
+      const auto mode = a->mode ? std::optional(parseMode(*a->mode)) : std::nullopt;
+      startStore();
+      if (a->tag) requireTag(*a->tag);
+      const std::string id =
+          Database::addFocus(a->newId, start, end, a->tag, goal, progress, type, mode, std::nullopt);
+      const auto row = Database::getFocus(id);
+      Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), row ? focusLine(*row) : id);
+    };
+  });
+
+  auto* edit = focus->add_subcommand("edit", "Change a session; a new progress moves its end");
+  edit->add_option("ID", a->id)->required();
+  edit->add_option("--tag", a->tag, "Tag id");
+  edit->add_option("--start", a->focusStart, "ISO 8601 start");
+  edit->add_option("--progress", a->progress, "Seconds focused; the end becomes start + progress");
+  edit->add_option("--goal", a->goal, "Seconds aimed at");
+  edit->add_option("--type", a->type, "pomodoro, countdown or addTime");
+  edit->add_option("--mode", a->mode, "easy or strict");
+  edit->callback([&options, &action, a] {
+    action = [&options, a] {
+      FocusEdit changes;
+      changes.tagId = a->tag;
+      if (a->focusStart) changes.start = parseInstant(*a->focusStart);
+      if (a->progress) changes.progress = parseSeconds("--progress", *a->progress);
+      if (a->goal) changes.goal = parseSeconds("--goal", *a->goal);
+      if (a->type) {
+        changes.type = widgets::abstractFocusTypeFromRawValue(*a->type);
+        if (!changes.type) refuse("--type", *a->type, "pomodoro, countdown or addTime");
+      }
+      if (a->mode) changes.mode = parseMode(*a->mode);
+      startStore();
+      if (a->tag) requireTag(*a->tag);
+      Database::editFocus(a->id, changes);
+      const auto row = Database::getFocus(a->id);
+      Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), row ? focusLine(*row) : a->id);
+    };
+  });
+
+  auto* remove = focus->add_subcommand("delete", "Delete a session; an unknown id changes nothing");
+  remove->add_option("ID", a->id)->required();
+  remove->callback([&options, &action, a] {
+    action = [&options, a] {
+      startStore();
+      Database::deleteFocus(a->id);
+      Output(options).print({{"id", a->id}}, a->id);
+    };
+  });
+
+  auto* list = focus->add_subcommand("list", "Sessions by tag and by start");
+  list->add_option("--tag", a->tag, "Tag id");
+  list->add_option("--from", a->from, "ISO 8601: sessions starting from then");
+  list->add_option("--to", a->to, "ISO 8601: sessions starting until then");
+  list->callback([&options, &action, a] {
+    action = [&options, a] {
+      const bool ranged = a->from || a->to;
+      const Date from = a->from ? parseInstant(*a->from) : Date::distantPast();
+      const Date to = a->to ? parseInstant(*a->to) : Date::distantFuture();
+      if (to < from) throw InputError("--from is after --to");
+      startStore();
+      const DateInterval span(from, to);
+      const auto ids = a->tag ? (ranged ? Database::getFocuses(*a->tag, span) : Database::getFocuses(*a->tag))
+                              : (ranged ? Database::getFocuses(span) : Database::getFocuses());
+      nlohmann::ordered_json all = nlohmann::ordered_json::array();
+      std::string text;
+      for (const auto& id : ids) {
+        const auto row = Database::getFocus(id);
+        if (!row) continue;
+        all.push_back(recordJSON(*row));
+        text += focusLine(*row) + "\n";
+      }
+      if (!text.empty()) text.pop_back();
+      Output(options).print(all, text.empty() ? "(none)" : text);
+    };
+  });
+
+  focus->add_subcommand("clean", "Delete copies of sessions that start less than a second apart")
+      ->callback([&options, &action] {
+        action = [&options] {
+          startStore();
+          const std::size_t before = Database::getFocuses().size();
+          Database::clearFocuses();
+          const std::size_t removed = before - Database::getFocuses().size();
+          Output(options).print({{"removed", removed}}, "removed " + std::to_string(removed));
+        };
+      });
+}
+
+}  // namespace
+
+void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  addTagCommands(app, options, action);
+  addFocusSessionCommands(app, options, action);
+}
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,223 @@
+// `tarnwell app ...`, `device ...`, `reset ...`, `export csv` and `format ...`:
+// the allowed apps, the relation between devices, the whole-store operations
+// of the settings screens and the texts numbers are shown in.
+
+#include <cmath>
+
+#include "Cli.h"
+#include "tarnwell/extensions/Strings.h"
+#include "tarnwell/modules/Database.h"
+#include "tarnwell/modules/Settings.h"
+
+namespace tarnwell::cli {
+namespace {
+
+struct Arguments {
+  std::string id, what, value;
+  std::optional<std::string> name, artwork, genre, scheme, out;
+  bool off = false, thisDevice = false;
+};
+
+void addAppCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<Arguments>();
+  auto* apps = app.add_subcommand("app", "The apps the user allows");
+  apps->require_subcommand(1);
+
+  apps->add_subcommand("list", "Allowed apps, in the order they were added")->callback([&options, &action] {
+    action = [&options] {
+      startStore();
+      nlohmann::ordered_json all = nlohmann::ordered_json::array();
+      std::string text;
+      for (const auto& id : Database::getApps()) {
+        const auto row = Database::getApp(id);
+        if (!row) continue;
+        all.push_back(recordJSON(*row));
+        text += id + "  " + row->trackName.value_or("-") + "  " + row->primaryGenreName.value_or("-") + "\n";
+      }
+      if (!text.empty()) text.pop_back();
+      Output(options).print(all, text.empty() ? "(none)" : text);
+    };
+  });
+
+  auto* add = apps->add_subcommand("add", "Allow an app: a store id with --name, or a system app's bundle id");
+  add->add_option("TRACKID", a->id, "Store id, or the bundle id of a system app")->required();
+  add->add_option("--name", a->name, "The app's name");
+  add->add_option("--artwork", a->artwork, "URL of a 100-pixel icon");
+  add->add_option("--genre", a->genre, "Genre, in English");
+  add->add_option("--scheme", a->scheme, "URL scheme that opens the app");
+  add->callback([&options, &action, a] {
+    action = [&options, a] {
+      std::optional<AppStructure> data;
+      for (const auto known : {AppStructure::SystemAppWithoutID::safari, AppStructure::SystemAppWithoutID::message,
+                               AppStructure::SystemAppWithoutID::health, AppStructure::SystemAppWithoutID::photos,
+                               AppStructure::SystemAppWithoutID::appStore}) {
+        if (AppStructure::rawValue(known) == a->id) data = AppStructure::make(known);
+      }
+      if (!data) {
+        if (!a->name || a->name->empty()) throw InputError("app add: --name is required for " + a->id);
+        data.emplace();
+        data->bundleId = a->id;
+        if (a->id.find_first_not_of("0123456789") == std::string::npos && a->id.size() < 19) {
+          data->trackIdInNumber = std::stoll(a->id);
+        }
+      }
+      if (a->name) data->trackName = *a->name;
+      if (a->artwork) data->artworkUrl100 = a->artwork;
+      if (a->genre) data->primaryGenreNameInEnglish = a->genre;
+      if (a->scheme) data->urlScheme = a->scheme;
+      startStore();
+      const auto id = Database::addApp(*data);
+      const auto row = id ? Database::getApp(*id) : std::nullopt;
+      Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), id.value_or("-"));
+    };
+  });
+
+  auto* remove = apps->add_subcommand("delete", "Stop allowing an app; an unknown id changes nothing");
+  remove->add_option("TRACKID", a->id)->required();
+  remove->callback([&options, &action, a] {
+    action = [&options, a] {
+      startStore();
+      Database::deleteApp(a->id);
+      Output(options).print({{"trackId", a->id}}, a->id);
+    };
+  });
+}
+
+void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<Arguments>();
+  auto* devices = app.add_subcommand("device", "The devices that have written to this store");
+  devices->require_subcommand(1);
+  devices->add_subcommand("list", "Every device row, this device marked")->callback([&options, &action] {
+    action = [&options] {
+      startStore();
+      nlohmann::ordered_json all = nlohmann::ordered_json::array();
+      std::string text;
+      const std::string current = Settings::deviceId();
+      for (const auto& id : Database::getDevices()) {
+        const auto row = Database::getDevice(id);
+        if (!row) continue;
+        all.push_back(recordJSON(*row));
+        text += id + "  " + row->name.value_or("-") + "  " +
+                (row->lastSyncDate ? row->lastSyncDate->iso8601() : "never synced") +
+                (id == current ? "  (this device)" : "");
+        for (const auto& related : row->deviceIds) text += "\n    merges " + related;
+        text += "\n";
+      }
+      if (!text.empty()) text.pop_back();
+      Output(options).print(all, text);
+    };
+  });
+
+
+  auto* relate = devices->add_subcommand("relate", "Merge another device's events into this device's views");
+  relate->add_option("ID", a->id)->required();
+  relate->add_flag("--off", a->off, "Stop merging it");
+  relate->callback([&options, &action, a] {
+    action = [&options, a] {
+      if (a->id.empty()) throw InputError("device relate: the device id is empty");
+      startStore();
+      if (a->id == Settings::deviceId()) throw InputError("a device is always merged with itself");
+      const auto id = Database::setCurrentDeviceRelation(a->id, !a->off);
+      if (!id) throw InputError("this device has no row in the store");
+      const auto related = Database::getDevicesRelatedToCurrentDevice().value_or(std::vector<std::string>{});
+      std::string text;
+      for (const auto& other : related) text += other + "\n";
+      if (!text.empty()) text.pop_back();
+      Output(options).print({{"deviceId", *id}, {"related", related}}, text.empty() ? "(none)" : text);
+    };
+  });
+
+  devices->add_subcommand("related", "The devices this device merges into its views")->callback([&options, &action] {
+    action = [&options] {
+      startStore();
+      const auto related = Database::getDevicesRelatedToCurrentDevice();
+      std::string text;
+      for (const auto& other : related.value_or(std::vector<std::string>{})) text += other + "\n";
+      if (!text.empty()) text.pop_back();
+      Output(options).print(related ? nlohmann::ordered_json(*related) : nlohmann::ordered_json(nullptr),
+                            text.empty() ? "(none)" : text);
+    };
+  });
+}
+
+void addResetAndExportCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<Arguments>();
+  auto* reset = app.add_subcommand("reset", "Delete usage or focus data");
+  reset->require_subcommand(1);
+  for (const bool focus : {false, true}) {
+    auto* command = reset->add_subcommand(
+        focus ? "focus" : "screen-time",
+        focus ? "Delete focus sessions (and, for all devices, every tag: the initial ones come back)"
+              : "Delete pickups, walks and alive spans");
+    command->add_flag("--this-device", a->thisDevice, "Only this device's (default: every device's)");
+    command->callback([&options, &action, a, focus] {
+      action = [&options, a, focus] {
+        startStore();
+        await(focus ? Database::resetFocusData(a->thisDevice) : Database::resetScreentimeData(a->thisDevice));
+        Output(options).print({{"reset", focus ? "focus" : "screen-time"}, {"onlyCurrentDevice", a->thisDevice}},
+                              "reset");
+      };
+    });
+  }
+
+  auto* exportCommand = app.add_subcommand("export", "Write the store out");
+  exportCommand->require_subcommand(1);
+  auto* csv = exportCommand->add_subcommand("csv", "One CSV file per kind of record; prints their paths");
+  csv->add_option("--out", a->out, "Folder (default: the installation's temporary folder)");
+  csv->callback([&options, &action, a] {
+    action = [&options, a] {
+      if (a->out && !std::filesystem::is_directory(*a->out)) throw InputError("--out: no folder " + *a->out);
+      startStore();
+      const auto files = await(Database::exportCSVFile(a->out.value_or("")));
+      nlohmann::ordered_json paths = nlohmann::ordered_json::array();
+      std::string text;
+      for (const auto& file : files) {
+        paths.push_back(file.string());
+        text += file.string() + "\n";
+      }
+      if (!text.empty()) text.pop_back();
+      Output(options).print(paths, text);
+    };
+  });
+}
+
+}  // namespace
+
+void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  addAppCommands(app, options, action);
+  addDeviceCommands(app, options, action);
+  addResetAndExportCommands(app, options, action);
+}
+
+void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<Arguments>();
+  auto* format = app.add_subcommand("format", "Show a number of seconds as the app does");
+  format->require_subcommand(1);
+  const auto add = [&](const char* what, const char* help) {
+    auto* command = format->add_subcommand(what, help);
+    command->add_option("SECONDS", a->value)->required();
+    command->callback([&options, &action, a, what] {
+      a->what = what;
+      action = [&options, a] {
+        const double seconds = parseNumber("SECONDS", a->value);
+        std::string text;
+        if (a->what == "duration") {
+          text = getTimeIntervalString(seconds);
+        } else if (a->what == "timer") {
+          text = getTimerString(seconds);
+        } else if (a->what == "time") {
+          text = getDateTimeString(seconds);
+        } else {
+          text = fileSizeString(seconds);
+        }
+        Output(options).print({{"seconds", seconds}, {a->what, text}}, text);
+      };
+    });
+  };
+  add("duration", "1h30m: hours, minutes, and seconds under a minute");
+  add("timer", "A timer face: 25:00, 1:00:00");
+  add("time", "The clock time that many seconds after today's start");
+  add("size", "A number of bytes: 1.00 KB");
+}
+
+}  // namespace tarnwell::cli

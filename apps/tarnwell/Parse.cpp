@@ -1,0 +1,82 @@
+// The readers of option values the commands share: each refuses bad text
+// with one line naming the option.
+
+#include <charconv>
+#include <cmath>
+
+#include "Cli.h"
+#include "tarnwell/modules/Database.h"
+#include "tarnwell/modules/Settings.h"
+
+namespace tarnwell::cli {
+
+using widgets::FocusType;
+
+[[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts) {
+  throw InputError(name + ": \"" + text + "\" is not " + accepts);
+}
+
+double parseNumber(const std::string& name, const std::string& text) {
+  double value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value)) {
+    refuse(name, text, "a number");
+  }
+  return value;
+}
+
+bool parseBool(const std::string& name, const std::string& text) {
+  if (text == "true") return true;
+  if (text == "false") return false;
+  refuse(name, text, "true or false");
+}
+
+// "countdown:1500", "pomodoro:1500", "addTime" or the JSON form.
+FocusType parseFocusType(const std::string& name, const std::string& text) {
+  constexpr const char* kAccepts = "a focus type (pomodoro:SECONDS, countdown:SECONDS, addTime or JSON)";
+  if (!text.empty() && text.front() == '{') {
+    try {
+      return nlohmann::json::parse(text).get<FocusType>();
+    } catch (const nlohmann::json::exception&) {
+      refuse(name, text, kAccepts);
+    }
+  }
+  const auto colon = text.find(':');
+  const std::string kind = text.substr(0, colon);
+  const auto abstract = widgets::abstractFocusTypeFromRawValue(kind);
+  if (!abstract) refuse(name, text, kAccepts);
+  double seconds = 0;
+  if (colon != std::string::npos) {
+    seconds = parseNumber(name, text.substr(colon + 1));
+  } else if (*abstract != widgets::AbstractFocusType::addTime) {
+    refuse(name, text, kAccepts);
+  }
+  switch (*abstract) {
+    case widgets::AbstractFocusType::pomodoro: {
+      // A new length keeps the usual breaks.
+      const auto usual = std::get<FocusType::Pomodoro>(FocusType::defaultType().parameters());
+      return FocusType::pomodoro(seconds, usual.shortBreak, usual.longBreak, usual.longBreakInterval);
+    }
+    case widgets::AbstractFocusType::countdown:
+      return FocusType::countdown(seconds);
+    case widgets::AbstractFocusType::addTime:
+      return FocusType::addTime(seconds);
+  }
+  refuse(name, text, kAccepts);
+}
+
+std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end) {
+  const Date from = parseInstant(start), to = parseInstant(end);
+  if (to < from) throw InputError("the start " + start + " is after the end " + end);
+  return {from, to};
+}
+
+std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked) {
+  if (!asked.empty()) return asked;
+  std::vector<std::string> ids{Settings::deviceId()};
+  if (auto related = Database::getDevicesRelatedToCurrentDevice())
+    ids.insert(ids.end(), related->begin(), related->end());
+  return ids;
+}
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,93 @@
+// What the files of Database share: its per-Environment state and the frames
+// of reads and writes.
+
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/modules/Database.h"
+#include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/Log.h"
+#include "tarnwell/platform/Timer.h"
+#include "tarnwell/store/Store.h"
+
+namespace tarnwell::database_support {
+
+// The parts of Database that live as long as the Environment.
+struct DatabaseState {
+  explicit DatabaseState(Environment& environment);
+
+  SafeSyncQueue queue;
+  std::filesystem::path folder, fileURL, backupURL, legacyURL;
+  std::vector<std::filesystem::path> fileURLs;
+
+  // Guarded by `queue`.
+  std::optional<EventsOfDay> eventsOfToday;
+
+  std::mutex timersMutex;
+  std::shared_ptr<Timer> dayTimer;
+  std::shared_ptr<Timer> eventsOfTodayPost;
+  std::shared_ptr<Timer> focusesPost;
+
+  // The focus and tag observations of start(); main queue only.
+  std::vector<store::ObserverToken> observers;
+};
+
+DatabaseState& state();
+
+// By primary key, unless soft-deleted.
+template <class Record>
+std::optional<Record> liveObject(std::string_view id) {
+  auto record = store::Store::open().object<Record>(id);
+  if (record && record->isDeleted) return std::nullopt;
+  return record;
+}
+
+// The first column of the rows `query` selects, as texts, skipping nulls.
+std::vector<std::string> selectIds(std::string_view className, std::string_view column, const store::Query& query);
+
+// Carries changes of the store into today without a rebuild. Read, apply,
+// install: no lock spans the three, so of two writers the later wins.
+void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes);
+// Installs a new today and announces it; only through `queue`.
+void setEventsOfToday(EventsOfDay today);
+
+// The edit frame: a record that cannot be read (the store does not open, the
+// id is unknown or soft-deleted) is skipped quietly; otherwise `assignments`
+// are written and `line` logged. Returns whether it wrote.
+template <class Record>
+bool editLiveObject(std::string_view id, const std::vector<std::pair<std::string_view, store::QueryValue>>& assignments,
+                    const std::string& line, std::string_view function) {
+  std::optional<store::Store> store;
+  try {
+    store = store::Store::open();
+  } catch (const sqlite::Error&) {
+    return false;  // dropped on purpose: an edit of something that cannot be read is skipped
+  }
+  // Reading the record and writing it, fused: the row changes only when it
+  // exists and is not soft-deleted, which is the edit's own condition.
+  bool edited = false;
+  store->write(
+      [&](store::WriteTransaction& t) { edited = t.template updateObject<Record>(id, assignments, "isDeleted = 0"); });
+  if (edited) log.info(line, {.function = function});
+  return edited;
+}
+
+// A default tag as a new installation makes it.
+Tag makeDefaultTag(DefaultTagType type);
+
+// The debounce of the day and focus posts: the pending timer in `slot`, if
+// any, is invalidated at once, and a new one of 0.1 seconds is armed on the
+// main queue, running `fire`. A burst of calls gives one `fire`.
+void debounce(std::shared_ptr<Timer> DatabaseState::*slot, std::function<void()> fire);
+
+}  // namespace tarnwell::database_support
