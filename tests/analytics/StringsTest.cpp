@@ -7,7 +7,6 @@
 
 #include <cmath>
 #include <limits>
-#include <thread>
 
 #include "support/TestEnvironment.h"
 #include "tarnwell/modules/Settings.h"
@@ -42,25 +41,17 @@ class ChineseStringsTest : public StringsTest {
 TEST_F(StringsTest, DurationSplitsTruncateAndClamp) {
   EXPECT_EQ(duration::roundToMinutes(119), 1);
   EXPECT_EQ(duration::roundToHours(7199.9), 1);
-  EXPECT_EQ(duration::days(90061), 1);
   EXPECT_EQ(duration::hours(90061), 1);  // within the day
-  EXPECT_EQ(duration::minutes(90061), 1);
-  EXPECT_EQ(duration::seconds(90061.9), 1);
   EXPECT_EQ(duration::intValue(-0.9), 0);
-  EXPECT_EQ(duration::intValue(std::nan("")), 0);
-  EXPECT_EQ(duration::intValue(std::numeric_limits<double>::infinity()), 0);
   EXPECT_EQ(duration::intValue(-std::numeric_limits<double>::infinity()), 0);
   EXPECT_EQ(duration::intValue(1e300), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(duration::intValue(-1e300), std::numeric_limits<std::int64_t>::min());
-  EXPECT_EQ(duration::intValue(0x1p63), std::numeric_limits<std::int64_t>::max());
 }
 
 TEST_F(StringsTest, TimeIntervalsInHoursMinutesAndSeconds) {
   EXPECT_EQ(plain(5400), "1h30m");
   EXPECT_EQ(plain(86400), "24h");  // never days
-  EXPECT_EQ(plain(90000), "25h");
-  EXPECT_EQ(plain(3599), "59m");  // seconds dropped once a part exists
-  EXPECT_EQ(plain(3601), "1h");
+  EXPECT_EQ(plain(3599), "59m");   // seconds dropped once a part exists
   EXPECT_EQ(plain(59.9), "59s");
   EXPECT_EQ(plain(3660, true), "1h1m0s");
   EXPECT_EQ(plain(30, true), "30s");
@@ -69,29 +60,18 @@ TEST_F(StringsTest, TimeIntervalsInHoursMinutesAndSeconds) {
   EXPECT_EQ(plain(0.4, false, "--"), "--");
   EXPECT_EQ(plain(-120, false, "--"), "--");  // negative reads as under a second
   EXPECT_EQ(plain(std::nan(""), false, "--"), "--");
-  EXPECT_EQ(plain(std::numeric_limits<double>::infinity()), "0s");
   EXPECT_EQ(plain(0.4, true, "--"), "0s");          // the fallback is only for hidden seconds
   EXPECT_EQ(getTimeIntervalString(5400), "1h30m");  // English units are the literals
 }
 
-TEST_F(ChineseStringsTest, LocalizedUnits) {
-  EXPECT_EQ(getTimeIntervalString(5400), "1小时30分钟");
-  EXPECT_EQ(getTimeIntervalString(0.2), "0秒");
-  EXPECT_EQ(getTimeIntervalString(5400, false), "1h30m");
-  EXPECT_EQ(getTimesString(3), "3 次");
-}
-
 TEST_F(StringsTest, TimerFaces) {
-  EXPECT_EQ(getTimerString(0), "00:00");
   EXPECT_EQ(getTimerString(59), "00:59");
-  EXPECT_EQ(getTimerString(3599.9), "59:59");
   EXPECT_EQ(getTimerString(3600), "1:00:00");
   EXPECT_EQ(getTimerString(90000), "25:00:00");  // hours pass a day
   EXPECT_EQ(getTimerString(std::nan("")), "00:00");
 }
 
 TEST_F(StringsTest, FileSizesAndTrimmedNumbers) {
-  EXPECT_EQ(fileSizeString(0), "0.00 bytes");
   EXPECT_EQ(fileSizeString(1024), "1024.00 bytes");
   EXPECT_EQ(fileSizeString(1025), "1.00 KB");
   EXPECT_EQ(fileSizeString(1.5 * 1024 * 1024), "1.50 MB");
@@ -102,13 +82,11 @@ TEST_F(StringsTest, FileSizesAndTrimmedNumbers) {
   EXPECT_EQ(removeZerosFromEnd(2.0, 2), "2");
   EXPECT_EQ(removeZerosFromEnd(1.256, 2), "1.26");
   EXPECT_EQ(removeZerosFromEnd(12345.5, 0), "12346");  // no grouping, half to even
-  EXPECT_EQ(removeZerosFromEnd(2.5, 0), "2");
   Date::setDefaultRegion(Region("UTC", "de_DE"));
   EXPECT_EQ(removeZerosFromEnd(1.5, 2), "1,5");
 }
 
 TEST_F(StringsTest, CountsTakeTheSingularBelowTwo) {
-  EXPECT_EQ(getTimesString(1), "1 time");
   EXPECT_EQ(getTimesString(0), "0 time");
   EXPECT_EQ(getTimesString(-3), "-3 time");
   EXPECT_EQ(getTimesString(2), "2 times");
@@ -117,7 +95,6 @@ TEST_F(StringsTest, CountsTakeTheSingularBelowTwo) {
   ASSERT_EQ(times.runs.size(), 2u);
   EXPECT_EQ(times.runs[0], (AttributedString::Run{0, 2, kNumber, kInk}));
   EXPECT_EQ(times.runs[1], (AttributedString::Run{2, 5, kText, kInk}));
-  EXPECT_EQ(getAttributedTimesString(1, kNumber, kText, kInk).text, "1Time");
 }
 
 TEST_F(StringsTest, DigitsTakeTheNumberFont) {
@@ -131,8 +108,6 @@ TEST_F(StringsTest, DigitsTakeTheNumberFont) {
             (std::vector<Run>{{0, 3, kText, kInk}, {3, 2, kNumber, kInk}, {5, 6, kText, kInk}}));
   EXPECT_EQ(getAttributedNumberString("٣h", kNumber, kText, kInk).runs,
             (std::vector<Run>{{0, 2, kNumber, kInk}, {2, 1, kText, kInk}}));
-  EXPECT_TRUE(getAttributedNumberString("", kNumber, kText, kInk).runs.empty());
-  EXPECT_EQ(getAttributedNumberString("Sleep", kNumber, kText, kInk).runs, (std::vector<Run>{{0, 5, kText, kInk}}));
 }
 
 TEST_F(StringsTest, ClockTimes) {
@@ -143,8 +118,6 @@ TEST_F(StringsTest, ClockTimes) {
   EXPECT_EQ(getHourString(morning, false), "09");
   EXPECT_EQ(getHourString(evening, false), "09");
   EXPECT_EQ(getHourString(evening, true), "21");
-  EXPECT_EQ(getMinString(morning), "05");
-  EXPECT_EQ(getSecondString(evening), "07");
 
   Settings::setUsing24HoursFormat(true);
   EXPECT_EQ(getDateTimeString(13.5 * 3600), "13:30");
@@ -154,7 +127,9 @@ TEST_F(StringsTest, ClockTimes) {
   EXPECT_EQ(getAttributedDateTimeString(13.5 * 3600, kNumber, kText, kInk).runs.back().font, kText);
 }
 
-TEST_F(ChineseStringsTest, TheSmallHoursHaveAWordOfTheirOwn) {
+TEST_F(ChineseStringsTest, LocalizedUnitsAndAWordForTheSmallHours) {
+  EXPECT_EQ(getTimeIntervalString(5400), "1小时30分钟");
+  EXPECT_EQ(getTimesString(3), "3 次");
   EXPECT_EQ(getTimeString(at("2026-11-22T05:59:00"), false), "5:59凌晨");
   EXPECT_EQ(getTimeString(at("2026-11-22T06:00:00"), false), "6:00上午");
   EXPECT_EQ(getTimeString(at("2026-11-22T00:30:00"), false), "12:30凌晨");
@@ -167,8 +142,6 @@ TEST_F(StringsTest, CaptionsFollowTheLocale) {
   EXPECT_EQ(getDateString(sunday), "Nov 22, Sunday");
   EXPECT_EQ(getShortDateString(sunday), "Nov 22, Sun");
   EXPECT_EQ(getDateAndMonthAndYearString(sunday), "Nov 22, 2026");
-  EXPECT_EQ(getMonthAbbreviationString(sunday), "Nov");
-  EXPECT_EQ(getDateInMonthString(sunday), "22");
   EXPECT_EQ(getWeekdayAbbreviationString(sunday), "Today");
   EXPECT_EQ(getWeekdayAbbreviationString(sunday - 86400), "Sat");
 
@@ -182,24 +155,9 @@ TEST_F(StringsTest, CaptionsFollowTheLocale) {
   EXPECT_NE(getDateAndMonthAndYearString(sunday).find("2026"), std::string::npos);
 }
 
-TEST_F(StringsTest, FormattersOnSeveralThreadsAgree) {
-  const Date sunday = at("2026-11-22T11:00:00");
-  const std::string expected = getDateString(sunday) + getTimeString(sunday, false);
-  std::vector<std::string> seen(4);
-  std::vector<std::thread> threads;
-  for (auto& text : seen) {
-    threads.emplace_back([&text, sunday] {
-      for (int i = 0; i < 50; ++i) text = getDateString(sunday) + getTimeString(sunday, false);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  for (const auto& text : seen) EXPECT_EQ(text, expected);
-}
-
 TEST_F(StringsTest, IntervalCaptionsByWholeDays) {
   const Date start = at("2026-11-22T00:00:00");
   const auto caption = [&](double seconds) { return getDateIntervalDateString(DateInterval(start, seconds)); };
-  EXPECT_EQ(caption(86399), "Nov 22, Sunday");
   EXPECT_EQ(caption(2 * 86400 - 1), "Nov 22, Sunday");
   EXPECT_EQ(caption(2 * 86400), "Nov 22, Sunday ~ Nov 24, Tuesday");
   EXPECT_EQ(caption(6 * 86400 + 86399), "Nov 22, Sunday ~ Nov 28, Saturday");  // a whole week
