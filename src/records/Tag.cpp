@@ -3,6 +3,7 @@
 #include <unicode/brkiter.h>
 #include <unicode/utext.h>
 
+#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -283,6 +284,7 @@ void Tag::setFocusGoal(const std::optional<FocusGoal>& goal) {
   try {
     focusGoalData = bytesOf(nlohmann::json(*goal).dump());
   } catch (const nlohmann::json::exception&) {
+    // A goal that cannot be written is no goal: the field stays cleared.
   }
 }
 
