@@ -17,8 +17,8 @@ using widgets::FocusType;
 struct Arguments {
   std::string id, title, start, end, after;
   std::vector<std::string> ids;
-  std::optional<std::string> emoji, color, goal, type, mode, tag, from, to, date, migrateTo, newId, progress,
-      mindful, focusStart;
+  std::optional<std::string> emoji, color, goal, type, mode, tag, from, to, date, migrateTo, newId, progress, mindful,
+      focusStart;
   bool archived = false, noDefault = false, mindfulFlag = false;
 };
 
@@ -114,8 +114,9 @@ void printIds(const GlobalOptions& options, const std::vector<std::string>& ids,
 void addTagOptions(CLI::App* command, Arguments& a, bool edit) {
   command->add_option("--emoji", a.emoji, "One emoji");
   command->add_option("--color", a.color, "Colour, #rrggbb");
-  command->add_option("--goal", a.goal,
-                      edit ? "Daily goal >=SECONDS, limit <=SECONDS, or none" : "Daily goal >=SECONDS or limit <=SECONDS");
+  command->add_option(
+      "--goal", a.goal,
+      edit ? "Daily goal >=SECONDS, limit <=SECONDS, or none" : "Daily goal >=SECONDS or limit <=SECONDS");
   command->add_option("--type", a.type, "Timer: pomodoro:SECONDS, countdown:SECONDS or addTime");
 }
 
@@ -194,8 +195,9 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   });
 
   for (const bool archive : {true, false}) {
-    auto* command = tag->add_subcommand(archive ? "archive" : "unarchive",
-                                        archive ? "Hide tags from pickers, keeping their statistics" : "Show tags again");
+    auto* command =
+        tag->add_subcommand(archive ? "archive" : "unarchive",
+                            archive ? "Hide tags from pickers, keeping their statistics" : "Show tags again");
     command->add_option("ID", a->ids)->required();
     command->callback([&options, &action, a, archive] {
       action = [&options, a, archive] {
@@ -232,9 +234,9 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
       if (!combo) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
       static constexpr const char* kKinds[] = {"streak", "fail", "focus"};
       const char* kind = kKinds[static_cast<int>(combo->kind)];
-      Output(options).print({{"tagId", a->id}, {"combo", {{"kind", kind}, {"days", combo->days}}}},
-                            std::string(kind) + " " + std::to_string(combo->days) +
-                                (combo->days == 1 ? " day" : " days"));
+      Output(options).print(
+          {{"tagId", a->id}, {"combo", {{"kind", kind}, {"days", combo->days}}}},
+          std::string(kind) + " " + std::to_string(combo->days) + (combo->days == 1 ? " day" : " days"));
     };
   });
 
@@ -248,7 +250,9 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
       const auto value = Database::getGoalProgress(a->id, date);
       const bool finite = value && std::isfinite(*value);
       Output(options).print({{"tagId", a->id}, {"progress", finite ? nlohmann::ordered_json(*value) : nullptr}},
-                            !value ? "no goal" : finite ? std::to_string(std::lround(*value * 100)) + "%" : "-");
+                            !value   ? "no goal"
+                            : finite ? std::to_string(std::lround(*value * 100)) + "%"
+                                     : "-");
     };
   });
 }
@@ -277,8 +281,7 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
       const auto mode = a->mode ? std::optional(parseMode(*a->mode)) : std::nullopt;
       startStore();
       if (a->tag) requireTag(*a->tag);
-      const std::string id =
-          Database::addFocus(a->newId, start, end, a->tag, goal, progress, type, mode, std::nullopt);
+      const std::string id = Database::addFocus(a->newId, start, end, a->tag, goal, progress, type, mode, std::nullopt);
       const auto row = Database::getFocus(id);
       Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), row ? focusLine(*row) : id);
     };

@@ -108,7 +108,6 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
     };
   });
 
-
   auto* relate = devices->add_subcommand("relate", "Merge another device's events into this device's views");
   relate->add_option("ID", a->id)->required();
   relate->add_flag("--off", a->off, "Stop merging it");

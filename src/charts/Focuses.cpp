@@ -18,8 +18,7 @@ void sortByStart(std::vector<FocusData>& focuses) {
 
 }  // namespace
 
-Focuses::Focuses(std::optional<DateInterval> asked, const std::optional<std::string>& tagId)
-    : interval(asked) {
+Focuses::Focuses(std::optional<DateInterval> asked, const std::optional<std::string>& tagId) : interval(asked) {
   std::vector<std::string> ids;
   try {
     if (asked && tagId) {

@@ -89,7 +89,8 @@ std::vector<std::string> Database::getFocuses(const DateInterval& between, const
 std::optional<Focus> Database::getFocus(const std::string& id) { return liveObject<Focus>(id); }
 
 std::optional<Focus> Database::getFocus(Date start, Date end) {
-  auto focuses = Store::open().objects<Focus>(liveFocuses().filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
+  auto focuses =
+      Store::open().objects<Focus>(liveFocuses().filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
   if (focuses.empty()) return std::nullopt;
   return std::move(focuses.front());
 }
@@ -130,7 +131,8 @@ void Database::editFocus(const std::string& id, const FocusEdit& edit) {
     if (edit.progress) {
       assignments.emplace_back("progress", *edit.progress);
       // The end follows the length: a pause the old end held is lost.
-      if (const auto start = edit.start ? edit.start : focus->start) assignments.emplace_back("end", *start + *edit.progress);
+      if (const auto start = edit.start ? edit.start : focus->start)
+        assignments.emplace_back("end", *start + *edit.progress);
     }
     if (edit.goal) assignments.emplace_back("goal", *edit.goal);
     if (edit.type) assignments.emplace_back("typeString", std::string(widgets::rawValue(*edit.type)));
@@ -184,8 +186,8 @@ void Database::clearFocuses() {
   }
   std::vector<std::string> toRemove;
   for (const auto& row : rows) {
-    const bool survives = std::any_of(survivors.begin(), survivors.end(),
-                                      [&row](const Row* survivor) { return survivor->id == row.id; });
+    const bool survives =
+        std::any_of(survivors.begin(), survivors.end(), [&row](const Row* survivor) { return survivor->id == row.id; });
     if (!survives) toRemove.push_back(row.id);
   }
   log.info("focusesToRemove: " + std::to_string(toRemove.size()), {.function = "clearFocuses()"});

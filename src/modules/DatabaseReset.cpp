@@ -43,7 +43,8 @@ void writeAtomically(const std::filesystem::path& file, const std::string& text)
     std::ofstream out(partial, std::ios::binary | std::ios::trunc);
     out << text;
     out.close();
-    if (!out) throw std::filesystem::filesystem_error("cannot write", partial, std::make_error_code(std::errc::io_error));
+    if (!out)
+      throw std::filesystem::filesystem_error("cannot write", partial, std::make_error_code(std::errc::io_error));
   }
   std::filesystem::rename(partial, file);
 }

@@ -224,8 +224,7 @@ void Database::clearTags() {
       strayTags.filter("isDeleted = 0 AND instr(id, ?) = 1 AND id != ?", {id, id});
     }
     const auto strays = store.objects<Tag>(strayTags.sorted("created ASC"));
-    const auto strayFocuses =
-        Query().filter("isDeleted = 0 AND instr(tagId, ?) = 1 AND tagId != ?", {id, id});
+    const auto strayFocuses = Query().filter("isDeleted = 0 AND instr(tagId, ?) = 1 AND tagId != ?", {id, id});
     if (strays.empty() && selectIds(Focus::className, "id", strayFocuses).empty()) continue;
 
     const auto real = store.object<Tag>(id);

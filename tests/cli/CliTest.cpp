@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -297,6 +298,85 @@ TEST_F(CliTest, TheDemoIsDeterministicAndWantsAFreshInstallation) {
   EXPECT_EQ(run(demo).out, first.out);
   const auto devices = json(run("--json device list"));
   EXPECT_EQ(devices.size(), 2u);
+}
+
+TEST_F(CliTest, FocusTimeLeavesScreenTimeInTheDay) {
+  run("pickup add 2026-11-22T08:00:00Z 2026-11-22T09:00:00Z");
+  const std::string day = "--tz UTC --now 2026-11-23T12:00:00Z --json day 2026-11-22";
+  EXPECT_EQ(json(run(day))["screenTime"], 3600.0);
+  const Outcome focus = run("--json focus add 2026-11-22T08:20:00Z 2026-11-22T08:40:00Z --tag working");
+  ASSERT_EQ(focus.status, 0) << focus.err;
+  EXPECT_EQ(json(focus)["progress"], 1200.0);
+  const auto cut = json(run(day));
+  EXPECT_EQ(cut["screenTime"], 2400.0);
+  EXPECT_EQ(cut["pickupTimes"], 2);  // the session split the pickup in two
+  EXPECT_EQ(run("settings set excludeFocusTime false").status, 0);
+  EXPECT_EQ(json(run(day))["screenTime"], 3600.0);
+}
+
+TEST_F(CliTest, TagsAreMadeOrderedSummarisedAndRefusedWhenBad) {
+  const Outcome added = run("--json tag add Reading --emoji 📚 --color '#336699' --goal '>=3600' --type countdown:1500");
+  ASSERT_EQ(added.status, 0) << added.err;
+  const std::string id = json(added)["id"];
+  EXPECT_EQ(json(added)["focusGoal"], nlohmann::json::parse(R"({"moreThanOrEqualTo":3600.0})"));
+  EXPECT_EQ(run("tag move " + id + " --after working").status, 0);
+  const auto tags = json(run("--json tag list --no-default"));
+  ASSERT_EQ(tags.size(), 3u);
+  EXPECT_EQ(tags[0]["id"], id);
+  EXPECT_EQ(run("--now 2026-11-22T20:00:00Z focus add 2026-11-22T10:00:00Z 2026-11-22T11:00:00Z --tag " + id).status,
+            0);
+  EXPECT_EQ(run("--now 2026-11-22T20:00:00Z tag progress " + id).out, "100%\n");
+  EXPECT_EQ(run("--now 2026-11-23T20:00:00Z tag streak " + id).out, "streak 1 day\n");
+  for (const char* bad : {"tag add X --goal 3600", "tag add X --color red", "tag add X --type sprint:60",
+                          "tag edit NOPE --title Y", "tag delete default",
+                          "focus add 2026-11-22T11:00:00Z "
+                          "2026-11-22T10:00:00Z",
+                          "focus add 2026-11-22T10:00:00Z 2026-11-22T11:00:00Z --tag NOPE"}) {
+    const Outcome refused = run(bad);
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
+  EXPECT_EQ(json(run("--json tag list")).size(), 4u);
+  EXPECT_EQ(json(run("--json focus list")).size(), 1u);
+}
+
+TEST_F(CliTest, AFocusResetOfAllDevicesLeavesTheThreeInitialTagsNewlyMade) {
+  run("--now 2026-11-20T10:00:00Z tag add Gone");
+  run("--now 2026-11-20T10:00:00Z focus add 2026-11-20T08:00:00Z 2026-11-20T09:00:00Z --tag working");
+  const Outcome reset = run("--now 2026-11-22T10:00:00Z reset focus");
+  ASSERT_EQ(reset.status, 0) << reset.err;
+  const auto tags = json(run("--json tag list"));
+  ASSERT_EQ(tags.size(), 3u);
+  const char* ids[] = {"default", "working", "studying"};
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(tags[i]["id"], ids[i]);
+    EXPECT_EQ(tags[i]["created"], "2026-11-22T10:00:00Z");
+  }
+  EXPECT_EQ(json(run("--json focus list")).size(), 0u);
+}
+
+TEST_F(CliTest, AnExportWritesSixFilesOfOneDate) {
+  const auto out = folder.path() / "export";
+  std::filesystem::create_directories(out);
+  const Outcome result = run("--now 2026-11-22T10:00:00Z --json export csv --out '" + out.string() + "'");
+  ASSERT_EQ(result.status, 0) << result.err;
+  const auto files = json(result);
+  ASSERT_EQ(files.size(), 6u);
+  for (const auto& file : files) {
+    EXPECT_EQ(std::filesystem::path(file.get<std::string>()).filename().string().rfind("2026-11-22 10:00:00 +0000-", 0),
+              0u);
+  }
+  EXPECT_EQ(read(files[5].get<std::string>()), "id,deviceId,start,end");
+  EXPECT_EQ(run("export csv --out '" + (folder.path() / "missing").string() + "'").status, 1);
+}
+
+TEST_F(CliTest, FormatShowsNumbersAsTheAppDoes) {
+  EXPECT_EQ(run("format duration 86400").out, "24h\n");
+  EXPECT_EQ(run("format duration 3599").out, "59m\n");
+  EXPECT_EQ(run("format timer 90000").out, "25:00:00\n");
+  EXPECT_EQ(run("format size 1025").out, "1.00 KB\n");
+  EXPECT_EQ(run("--tz UTC --locale en_US --now 2026-11-22T10:00:00Z format time 52200").out, "2:30PM\n");
+  EXPECT_EQ(run("format timer soon").status, 1);
 }
 
 }  // namespace

@@ -104,8 +104,8 @@ std::string getMinString(Date date);
 std::string getSecondString(Date date);
 
 // Captions by template (the locale orders the fields) or by fixed pattern.
-std::string getDateAndMonthString(Date date);               // template "dMMM": "Nov 22"
-std::string getDateAndMonthAndYearString(Date date);        // template "MMM d, yyyy"
+std::string getDateAndMonthString(Date date);              // template "dMMM": "Nov 22"
+std::string getDateAndMonthAndYearString(Date date);       // template "MMM d, yyyy"
 std::string getMonthAbbreviationAndYearString(Date date);  // template "MMM, yyyy"
 std::string getMonthAbbreviationString(Date date);         // "MMM"
 std::string getDateInMonthString(Date date);               // "d"

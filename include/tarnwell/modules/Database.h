@@ -76,27 +76,27 @@ struct FocusCombo {
 
 // The fields editFocus changes; those left empty stay as they are.
 struct FocusEdit {
-  std::optional<std::string> tagId;
-  std::optional<Date> start;
+  std::optional<std::string> tagId = std::nullopt;
+  std::optional<Date> start = std::nullopt;
   // Also moves the end to start + progress: a pause the old end held is lost.
-  std::optional<double> progress;
-  std::optional<double> goal;
-  std::optional<widgets::AbstractFocusType> type;
-  std::optional<FocusMode> mode;
+  std::optional<double> progress = std::nullopt;
+  std::optional<double> goal = std::nullopt;
+  std::optional<widgets::AbstractFocusType> type = std::nullopt;
+  std::optional<FocusMode> mode = std::nullopt;
 };
 
 // The fields editTag changes; those left empty stay as they are. The goal and
 // the reminder can be cleared: give them as an empty value.
 struct TagEdit {
-  std::optional<std::string> title;
+  std::optional<std::string> title = std::nullopt;
   // Ignored for the default tag, which has no emoji.
-  std::optional<std::string> emoji;
-  std::optional<Color> color;
-  std::optional<widgets::FocusType> focusType;
-  std::optional<std::optional<FocusGoal>> focusGoal;
-  std::optional<std::optional<FocusNotification>> notification;
-  std::optional<bool> syncToMindfulness;
-  std::optional<std::vector<std::int64_t>> stateOfMindAssociationsRawValue;
+  std::optional<std::string> emoji = std::nullopt;
+  std::optional<Color> color = std::nullopt;
+  std::optional<widgets::FocusType> focusType = std::nullopt;
+  std::optional<std::optional<FocusGoal>> focusGoal = std::nullopt;
+  std::optional<std::optional<FocusNotification>> notification = std::nullopt;
+  std::optional<bool> syncToMindfulness = std::nullopt;
+  std::optional<std::vector<std::int64_t>> stateOfMindAssociationsRawValue = std::nullopt;
 };
 
 class Database {
