@@ -68,16 +68,10 @@ nlohmann::ordered_json tagJSON(const Tag& tag) {
           {"created", json_detail::value(tag.created)}};
 }
 
-std::string typeText(const FocusType& type) {
-  std::string text = widgets::title(type.abstractType());
-  if (type.duration() > 0) text += " " + getTimeIntervalString(type.duration(), false);
-  return text;
-}
-
 std::string tagLine(const Tag& tag) {
   std::string text = tag.id.value_or("-") + "  ";
   if (tag.emoji) text += *tag.emoji + " ";
-  text += tag.displayTitle() + "  " + tag.colorHex + "  " + typeText(tag.type());
+  text += tag.displayTitle() + "  " + tag.colorHex + "  " + localizedDescription(tag.type());
   if (const auto goal = tag.focusGoal()) text += "  goal " + goal->localizedDescription();
   if (tag.syncToMindfulness) text += "  mindful";
   if (tag.isArchived) text += "  archived";

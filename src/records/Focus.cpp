@@ -1,5 +1,7 @@
 #include "tarnwell/records/Focus.h"
 
+#include "tarnwell/extensions/Strings.h"
+
 #include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Uuid.h"
 #include "tarnwell/records/EventRecords.h"
@@ -31,6 +33,12 @@ void from_json(const nlohmann::json& json, FocusMode& mode) {
   if (!json.is_object()) return;
   const auto type = json.find("type");
   if (type != json.end() && type->is_string() && type->get<std::string>() == "strict") mode = FocusMode::strict;
+}
+
+std::string localizedDescription(const widgets::FocusType& type) {
+  std::string text = widgets::title(type.abstractType());
+  if (type.abstractType() != widgets::AbstractFocusType::addTime) text += ", " + getTimeIntervalString(type.duration());
+  return text;
 }
 
 Focus::Focus(std::optional<std::string> focusId, Date startDate, Date endDate, std::optional<std::string> tag,

@@ -27,8 +27,8 @@ class FocusOperationsTest : public testing::EnvironmentTest {
   std::string focus(int daysAgo, double hour, double progress, const std::string& tagId = "working",
                     double goal = 1500) {
     const Date start = today.addingDay(-daysAgo) + hour * 3600;
-    return Database::addFocus(std::nullopt, start, start + progress, tagId, goal, progress, std::nullopt,
-                              std::nullopt, std::nullopt);
+    return Database::addFocus(std::nullopt, start, start + progress, tagId, goal, progress, std::nullopt, std::nullopt,
+                              std::nullopt);
   }
   void setGoal(const std::optional<FocusGoal>& goal, const std::string& tagId = "working") {
     TagEdit edit;
@@ -43,7 +43,7 @@ TEST_F(FocusOperationsTest, ReadsSelectByTagAndByStartOnly) {
   const std::string b = focus(0, 8, 600, "studying");
   const std::string c = focus(0, 7, 600);
   const DateInterval day(today, today.endOfDay());
-  EXPECT_EQ(Database::getFocuses(day), (std::vector<std::string>{a, b, c}));  // store order
+  EXPECT_EQ(Database::getFocuses(day), (std::vector<std::string>{a, b, c}));          // store order
   EXPECT_EQ(Database::getFocuses("working", day), (std::vector<std::string>{c, a}));  // by start
   EXPECT_EQ(Database::getFocuses("working"), (std::vector<std::string>{before, a, c}));
   // By start or end, for the day's own views.
@@ -98,9 +98,9 @@ TEST_F(FocusOperationsTest, ClearFocusesKeepsTheLaterEndingOfStartsUnderASecondA
     Database::addFocus(id, start, start + length, "working", length, length, std::nullopt, std::nullopt, std::nullopt);
   };
   add("A", s, 600);
-  add("B", s + 0.5, 700);   // a copy of A that ran longer: replaces it
-  add("C", s + 1.0, 800);   // one second after A: A's copy no more; B's, though
-  add("D", s + 1.6, 100);   // a shorter copy of C
+  add("B", s + 0.5, 700);  // a copy of A that ran longer: replaces it
+  add("C", s + 1.0, 800);  // one second after A: A's copy no more; B's, though
+  add("D", s + 1.6, 100);  // a shorter copy of C
   add("E", s + 10.0, 50);
   Database::clearFocuses();
   EXPECT_EQ(Database::getFocuses(), (std::vector<std::string>{"C", "E"}));
@@ -181,8 +181,8 @@ TEST_F(FocusOperationsTest, GoalProgressIsTheDaysFocusOverTheGoal) {
 
 TEST_F(FocusOperationsTest, ChangesOfFocusesAndTagsGiveOneDebouncedPost) {
   int posts = 0;
-  auto token = NotificationCenter::defaultCenter().addObserver(std::string(Database::NotificationName::focusesDidChange),
-                                                               nullptr, [&posts](const Notification&) { ++posts; });
+  auto token = NotificationCenter::defaultCenter().addObserver(
+      std::string(Database::NotificationName::focusesDidChange), nullptr, [&posts](const Notification&) { ++posts; });
   env.advance(1);  // the first deliveries after start
   EXPECT_EQ(posts, 1);
   focus(0, 8, 60);

@@ -70,6 +70,12 @@ TEST_F(RecordsTest, FocusKeepsKindsAsTexts) {
   EXPECT_FALSE(focus.mode());
 }
 
+TEST_F(RecordsTest, FocusTypesDescribeThemselvesWithTheirLength) {
+  EXPECT_EQ(localizedDescription(FocusType::pomodoro(1500)), "Pomodoro, 25m");
+  EXPECT_EQ(localizedDescription(FocusType::countdown(5400)), "Countdown, 1h30m");
+  EXPECT_EQ(localizedDescription(FocusType::addTime(600)), "Add Time");
+}
+
 TEST_F(RecordsTest, FocusModeDecodingNeverFails) {
   EXPECT_EQ(nlohmann::json::parse("{}").get<FocusMode>(), FocusMode::easy);
   EXPECT_EQ(nlohmann::json::parse(R"({"type":"strict"})").get<FocusMode>(), FocusMode::strict);

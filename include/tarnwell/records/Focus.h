@@ -30,6 +30,9 @@ std::optional<FocusMode> focusModeFromRawValue(std::string_view text);
 void to_json(nlohmann::json& json, FocusMode mode);
 void from_json(const nlohmann::json& json, FocusMode& mode);
 
+// "Countdown, 25m": the kind's title and, but for add-time, the duration.
+std::string localizedDescription(const widgets::FocusType& type);
+
 struct Focus {
   static constexpr std::string_view className = "Focus";
   static constexpr std::string_view csvColumns = "id,deviceId,tagId,start,end,goal,progress";
