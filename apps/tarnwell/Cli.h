@@ -70,6 +70,25 @@ widgets::FocusType parseFocusType(const std::string& name, const std::string& te
 // The ids asked for, or this device and the devices it merges with.
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked);
 
+// The lines joined by line feeds, or `empty` when there are none.
+std::string joinLines(const std::vector<std::string>& lines, const std::string& empty = "(none)");
+
+// Prints the rows of `ids` that `read` finds (soft-deleted ones are not):
+// a JSON array of toJSON(row), or toLine(row) one after the other.
+template <class Read, class ToJSON, class ToLine>
+void printRows(const GlobalOptions& options, const std::vector<std::string>& ids, Read read, ToJSON toJSON,
+               ToLine toLine) {
+  nlohmann::ordered_json all = nlohmann::ordered_json::array();
+  std::vector<std::string> lines;
+  for (const auto& id : ids) {
+    const auto row = read(id);
+    if (!row) continue;
+    all.push_back(toJSON(*row));
+    lines.push_back(toLine(*row));
+  }
+  Output(options).print(all, joinLines(lines));
+}
+
 // Lets Database.queue and the main queue run until `promise` settles; its
 // value, or its error thrown.
 template <class T>

@@ -97,13 +97,6 @@ void printTag(const GlobalOptions& options, const std::string& id) {
   Output(options).print(tag ? tagJSON(*tag) : nlohmann::ordered_json(nullptr), tag ? tagLine(*tag) : id);
 }
 
-void printIds(const GlobalOptions& options, const std::vector<std::string>& ids, const std::string& empty) {
-  std::string text;
-  for (const auto& id : ids) text += id + "\n";
-  if (!text.empty()) text.pop_back();
-  Output(options).print(ids, text.empty() ? empty : text);
-}
-
 // The options add and edit share; `edit` offers "none" to clear the goal.
 void addTagOptions(CLI::App* command, Arguments& a, bool edit) {
   command->add_option("--emoji", a.emoji, "One emoji");
@@ -125,16 +118,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   list->callback([&options, &action, a] {
     action = [&options, a] {
       startStore();
-      nlohmann::ordered_json all = nlohmann::ordered_json::array();
-      std::string text;
-      for (const auto& id : Database::getTags(a->archived, a->noDefault)) {
-        const auto row = Database::getTag(id);
-        if (!row) continue;
-        all.push_back(tagJSON(*row));
-        text += tagLine(*row) + "\n";
-      }
-      if (!text.empty()) text.pop_back();
-      Output(options).print(all, text.empty() ? "(none)" : text);
+      printRows(options, Database::getTags(a->archived, a->noDefault), &Database::getTag, tagJSON, tagLine);
     };
   });
 
@@ -184,7 +168,8 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
       requireTag(a->id);
       requireTag(a->after);
       Database::moveTag(a->id, a->after);
-      printIds(options, Database::getTags(false, false), "(none)");
+      const auto ids = Database::getTags(false, false);
+      Output(options).print(ids, joinLines(ids));
     };
   });
 
@@ -198,7 +183,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
         startStore();
         for (const auto& id : a->ids) requireTag(id);
         Database::archiveTags(a->ids, archive);
-        printIds(options, a->ids, "(none)");
+        Output(options).print(a->ids, joinLines(a->ids));
       };
     });
   }
@@ -333,16 +318,8 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
       const DateInterval span(from, to);
       const auto ids = a->tag ? (ranged ? Database::getFocuses(*a->tag, span) : Database::getFocuses(*a->tag))
                               : (ranged ? Database::getFocuses(span) : Database::getFocuses());
-      nlohmann::ordered_json all = nlohmann::ordered_json::array();
-      std::string text;
-      for (const auto& id : ids) {
-        const auto row = Database::getFocus(id);
-        if (!row) continue;
-        all.push_back(recordJSON(*row));
-        text += focusLine(*row) + "\n";
-      }
-      if (!text.empty()) text.pop_back();
-      Output(options).print(all, text.empty() ? "(none)" : text);
+      printRows(
+          options, ids, [](const std::string& id) { return Database::getFocus(id); }, recordJSON<Focus>, focusLine);
     };
   });
 

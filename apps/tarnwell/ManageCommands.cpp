@@ -26,16 +26,9 @@ void addAppCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   apps->add_subcommand("list", "Allowed apps, in the order they were added")->callback([&options, &action] {
     action = [&options] {
       startStore();
-      nlohmann::ordered_json all = nlohmann::ordered_json::array();
-      std::string text;
-      for (const auto& id : Database::getApps()) {
-        const auto row = Database::getApp(id);
-        if (!row) continue;
-        all.push_back(recordJSON(*row));
-        text += id + "  " + row->trackName.value_or("-") + "  " + row->primaryGenreName.value_or("-") + "\n";
-      }
-      if (!text.empty()) text.pop_back();
-      Output(options).print(all, text.empty() ? "(none)" : text);
+      printRows(options, Database::getApps(), &Database::getApp, recordJSON<App>, [](const App& row) {
+        return *row.trackId + "  " + row.trackName.value_or("-") + "  " + row.primaryGenreName.value_or("-");
+      });
     };
   });
 
@@ -90,21 +83,15 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   devices->add_subcommand("list", "Every device row, this device marked")->callback([&options, &action] {
     action = [&options] {
       startStore();
-      nlohmann::ordered_json all = nlohmann::ordered_json::array();
-      std::string text;
       const std::string current = Settings::deviceId();
-      for (const auto& id : Database::getDevices()) {
-        const auto row = Database::getDevice(id);
-        if (!row) continue;
-        all.push_back(recordJSON(*row));
-        text += id + "  " + row->name.value_or("-") + "  " +
-                (row->lastSyncDate ? row->lastSyncDate->iso8601() : "never synced") +
-                (id == current ? "  (this device)" : "");
-        for (const auto& related : row->deviceIds) text += "\n    merges " + related;
-        text += "\n";
-      }
-      if (!text.empty()) text.pop_back();
-      Output(options).print(all, text);
+      printRows(options, Database::getDevices(), &Database::getDevice, recordJSON<Device>,
+                [&current](const Device& row) {
+                  std::string text = row.id.value_or("-") + "  " + row.name.value_or("-") + "  " +
+                                     (row.lastSyncDate ? row.lastSyncDate->iso8601() : "never synced") +
+                                     (row.id == current ? "  (this device)" : "");
+                  for (const auto& related : row.deviceIds) text += "\n    merges " + related;
+                  return text;
+                });
     };
   });
 
@@ -119,10 +106,7 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
       const auto id = Database::setCurrentDeviceRelation(a->id, !a->off);
       if (!id) throw InputError("this device has no row in the store");
       const auto related = Database::getDevicesRelatedToCurrentDevice().value_or(std::vector<std::string>{});
-      std::string text;
-      for (const auto& other : related) text += other + "\n";
-      if (!text.empty()) text.pop_back();
-      Output(options).print({{"deviceId", *id}, {"related", related}}, text.empty() ? "(none)" : text);
+      Output(options).print({{"deviceId", *id}, {"related", related}}, joinLines(related));
     };
   });
 
@@ -130,11 +114,8 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
     action = [&options] {
       startStore();
       const auto related = Database::getDevicesRelatedToCurrentDevice();
-      std::string text;
-      for (const auto& other : related.value_or(std::vector<std::string>{})) text += other + "\n";
-      if (!text.empty()) text.pop_back();
       Output(options).print(related ? nlohmann::ordered_json(*related) : nlohmann::ordered_json(nullptr),
-                            text.empty() ? "(none)" : text);
+                            joinLines(related.value_or(std::vector<std::string>{})));
     };
   });
 }
@@ -168,14 +149,9 @@ void addResetAndExportCommands(CLI::App& app, const GlobalOptions& options, Acti
       if (a->out && !std::filesystem::is_directory(*a->out)) throw InputError("--out: no folder " + *a->out);
       startStore();
       const auto files = await(Database::exportCSVFile(a->out.value_or("")));
-      nlohmann::ordered_json paths = nlohmann::ordered_json::array();
-      std::string text;
-      for (const auto& file : files) {
-        paths.push_back(file.string());
-        text += file.string() + "\n";
-      }
-      if (!text.empty()) text.pop_back();
-      Output(options).print(paths, text);
+      std::vector<std::string> paths;
+      for (const auto& file : files) paths.push_back(file.string());
+      Output(options).print(paths, joinLines(paths));
     };
   });
 }

@@ -23,6 +23,14 @@ Date parseInstant(std::string_view text) {
   throw InputError("\"" + std::string(text) + "\" is not an ISO 8601 date or time");
 }
 
+std::string joinLines(const std::vector<std::string>& lines, const std::string& empty) {
+  if (lines.empty()) return empty;
+  std::string text;
+  for (const auto& line : lines) text += line + "\n";
+  text.pop_back();
+  return text;
+}
+
 void drainQueues() {
   Database::queue().safeSync([] {});
   Environment::current().mainQueue().runPending();

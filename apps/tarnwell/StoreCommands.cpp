@@ -29,16 +29,7 @@ std::string line(const Record& record) {
 template <class Record>
 void printRecords(const GlobalOptions& options, const std::vector<std::string>& ids,
                   std::optional<Record> (*read)(const std::string&)) {
-  nlohmann::ordered_json all = nlohmann::ordered_json::array();
-  std::string text;
-  for (const auto& id : ids) {
-    const auto record = read(id);
-    if (!record) continue;
-    all.push_back(recordJSON(*record));
-    text += line(*record) + "\n";
-  }
-  if (!text.empty()) text.pop_back();
-  Output(options).print(all, text.empty() ? "(none)" : text);
+  printRows(options, ids, read, recordJSON<Record>, line<Record>);
 }
 
 // Arguments of the span commands, kept alive with the command line.
@@ -165,10 +156,7 @@ void addPickupCommands(CLI::App& app, const GlobalOptions& options, Action& acti
       startStore();
       const auto ids =
           Database::editPickups(DateInterval(from, to), !arguments->off, deviceIdsOrDefault(arguments->devices));
-      std::string text;
-      for (const auto& id : ids) text += id + "\n";
-      if (!text.empty()) text.pop_back();
-      Output(options).print(ids, text.empty() ? "(none)" : text);
+      Output(options).print(ids, joinLines(ids));
     };
   });
 }

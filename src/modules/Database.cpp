@@ -146,6 +146,14 @@ void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& 
   Database::queue().safeSync([&changed] { setEventsOfToday(std::move(changed)); });
 }
 
+std::optional<Device> currentDeviceForEdit() {
+  try {
+    return Database::getCurrentDevice();
+  } catch (const sqlite::Error&) {
+    return std::nullopt;
+  }
+}
+
 void setEventsOfToday(EventsOfDay today) {
   state().eventsOfToday = std::move(today);
   Database::notifyEventsOfTodayChanged();
@@ -357,12 +365,7 @@ void Database::migrate(sqlite::Connection& connection, std::uint64_t v) {
 std::optional<Device> Database::getCurrentDevice() { return liveObject<Device>(Settings::deviceId()); }
 
 std::optional<std::string> Database::setCurrentDeviceLastSyncDate(Date date) {
-  std::optional<Device> device;
-  try {
-    device = getCurrentDevice();
-  } catch (const sqlite::Error&) {
-    return std::nullopt;
-  }
+  const auto device = currentDeviceForEdit();
   if (!device) return std::nullopt;
   log.info("✍️ Edit Device: " + *device->id + ", updated at " + date.description(),
            {.function = "setCurrentDeviceLastSyncDate(_:)"});

@@ -82,6 +82,10 @@ bool editLiveObject(std::string_view id, const std::vector<std::pair<std::string
   return edited;
 }
 
+// This device's row for an edit of it: a store that does not open reads as
+// no row, which the edit then skips.
+std::optional<Device> currentDeviceForEdit();
+
 // A default tag as a new installation makes it.
 Tag makeDefaultTag(DefaultTagType type);
 

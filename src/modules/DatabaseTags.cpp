@@ -291,12 +291,7 @@ void Database::deleteApp(const std::string& trackId) {
 }
 
 std::optional<std::string> Database::setCurrentDeviceRelation(const std::string& deviceId, bool isRelated) {
-  std::optional<Device> device;
-  try {
-    device = getCurrentDevice();
-  } catch (const sqlite::Error&) {
-    return std::nullopt;
-  }
+  const auto device = currentDeviceForEdit();
   if (!device) return std::nullopt;
   log.info("✍️ Edit Device: " + *device->id + (isRelated ? ", Merge with " : ", Unmerge with ") + deviceId,
            {.function = "setCurrentDeviceRelation(with:isRelated:)"});
