@@ -4,8 +4,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
-#include <filesystem>
+#include "BenchEnvironment.h"
 
 #include "tarnwell/analytics/EventsOfDay.h"
 #include "tarnwell/modules/Database.h"
@@ -20,36 +19,15 @@ using namespace tarnwell;
 
 constexpr int kDays = 3 * 365;
 
-Environment::Configuration configurationIn(const std::filesystem::path& root) {
-  Environment::Configuration configuration;
-  configuration.appGroupContainer = root / Environment::kAppGroupIdentifier;
-  configuration.privateFolder = root / "org.vostra.tarnwell";
-  configuration.keychainFolder = root / "keychain";
-  configuration.clock = std::make_shared<ManualClock>(Date::fromTimeIntervalSince1970(1795341600.0 + 8 * 3600));
-  configuration.region = Region("UTC", "en_US");
-  configuration.device.identifierForVendor = "6D1A2B3C-4D5E-4F60-8A7B-9C0D1E2F3A4B";
-  return configuration;
-}
+const Date kNow = Date::fromTimeIntervalSince1970(1795341600.0 + 8 * 3600);
 
-// Builds the store once per process and installs an Environment over it.
-class HeavyStore {
+// Three years of heavy days up to today.
+class HeavyStore : public bench::FilledStore {
  public:
-  HeavyStore() {
-    static const std::filesystem::path root = build();
-    Environment::install(std::make_unique<Environment>(configurationIn(root)));
-    Database::start();
-  }
-  ~HeavyStore() { Environment::install(nullptr); }
+  HeavyStore() : FilledStore("heavy-days", kNow, fill) {}
 
  private:
-  static std::filesystem::path build() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tarnwell-bench-day-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) std::abort();
-    static std::filesystem::path root;
-    root = pattern;
-    std::atexit([] { std::filesystem::remove_all(root); });
-    Environment::install(std::make_unique<Environment>(configurationIn(root)));
-    Database::start();
+  static void fill() {
     const Date first = Date::now().startOfDay() - (kDays - 1) * 86400.0;
     store::Store::open().write([&](store::WriteTransaction& t) {
       for (int day = 0; day < kDays; ++day) {
@@ -68,8 +46,6 @@ class HeavyStore {
           t.add(Alive(first + day * 86400.0 + i * 14400.0, first + day * 86400.0 + (i + 1) * 14400.0));
       }
     });
-    Environment::install(nullptr);
-    return root;
   }
 };
 

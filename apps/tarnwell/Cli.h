@@ -115,6 +115,7 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
 void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action);
+void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 
 // Drains Database.queue, then runs what is due on the main queue.
 void drainQueues();

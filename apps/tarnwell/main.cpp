@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
   addFocusCommands(app, options, action);
   addManageCommands(app, options, action);
   addFormatCommand(app, options, action);
+  addChartCommands(app, options, action);
 
   try {
     app.parse(argc, argv);

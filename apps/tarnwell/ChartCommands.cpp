@@ -1,0 +1,249 @@
+// `tarnwell chart`, `streaks` and `summary`: the models behind the charts,
+// the three streaks and the totals of a run of days.
+
+#include <algorithm>
+#include <cmath>
+
+#include "Cli.h"
+#include "tarnwell/analytics/EventsCombo.h"
+#include "tarnwell/analytics/EventsOfDays.h"
+#include "tarnwell/charts/FocusDataType.h"
+#include "tarnwell/charts/ScreenTimeDataType.h"
+#include "tarnwell/charts/StatisticsData.h"
+#include "tarnwell/extensions/Strings.h"
+
+namespace tarnwell::cli {
+namespace {
+
+struct Arguments {
+  std::string metric, range = "week";
+  std::optional<std::string> date, from;
+  int count = 7;
+};
+
+// A metric by its identifier: a usage metric, "focus", "failedTimes" or "tag:ID".
+std::shared_ptr<const StatisticsDataType> parseMetric(const std::string& text) {
+  if (text == "focus") return std::make_shared<FocusDataType>(FocusDataType::focus());
+  if (text == "failedTimes") return std::make_shared<FocusDataType>(FocusDataType::failedTimes());
+  if (text.rfind("tag:", 0) == 0 && text.size() > 4) {
+    return std::make_shared<FocusDataType>(FocusDataType::tag(text.substr(4)));
+  }
+  if (const auto type = ScreenTimeDataType::fromIdentifier(text)) return std::make_shared<ScreenTimeDataType>(*type);
+  std::string known;
+  for (const auto& type : ScreenTimeDataType::allCases()) known += type.identifier() + ", ";
+  refuse("METRIC", text, "a metric (" + known + "focus, failedTimes or tag:ID)");
+}
+
+nlohmann::ordered_json optionalJSON(const std::optional<double>& value) {
+  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
+}
+nlohmann::ordered_json optionalJSON(const std::optional<std::string>& value) {
+  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
+}
+nlohmann::ordered_json intervalJSON(const DateInterval& interval) {
+  return {{"start", interval.start().iso8601()}, {"end", interval.end().iso8601()}};
+}
+
+nlohmann::ordered_json chartJSON(const StatisticsData& chart) {
+  nlohmann::ordered_json entries = nlohmann::ordered_json::array();
+  for (const auto& entry : chart.entries) {
+    entries.push_back({{"x", entry.x},
+                       {"y", optionalJSON(entry.y)},
+                       {"labelString", entry.labelString},
+                       {"subtitleString", entry.subtitleString},
+                       {"xAxisString", entry.xAxisString},
+                       {"yAxisString", optionalJSON(entry.yAxisString)}});
+  }
+  return {{"dataType", chart.dataType->identifier()},
+          {"title", optionalJSON(chart.dataType->title())},
+          {"chartType", chart.chartType == StatisticsChartType::bar ? "bar" : "line"},
+          {"date", chart.date.iso8601()},
+          {"range", rawValue(chart.range)},
+          {"interval", intervalJSON(chart.interval)},
+          {"baselineType", chart.baselineType == StatisticsBaselineType::goal ? "goal" : "limit"},
+          {"baseline", optionalJSON(chart.baseline)},
+          {"averageLine", optionalJSON(chart.averageLine)},
+          {"entries", entries},
+          {"yAxisMaximum", chart.yAxisMaximum},
+          {"yAxisMinimum", chart.yAxisMinimum},
+          {"yAxisLabelCount", chart.yAxisLabelCount},
+          {"yAxisGranularity", chart.yAxisGranularity},
+          {"xAxisMaximum", chart.xAxisMaximum},
+          {"xAxisMinimum", chart.xAxisMinimum},
+          {"xAxisLabelCount", chart.xAxisLabelCount},
+          {"xAxisGranularity", chart.xAxisGranularity},
+          {"todayValue", chart.todayValue},
+          {"averageValue", chart.averageValue},
+          {"totalValue", chart.totalValue},
+          {"minimumLabel", optionalJSON(chart.minimumLabel)},
+          {"minimumValue", optionalJSON(chart.minimumValue)},
+          {"maximumLabel", optionalJSON(chart.maximumLabel)},
+          {"maximumValue", optionalJSON(chart.maximumValue)},
+          {"isEditable", chart.isEditable},
+          {"subtitle", chart.subtitle()},
+          {"averageLabel", chart.averageLabel()},
+          {"totalLabel", chart.totalLabel()},
+          {"minimumDescription", chart.minimumDescription()},
+          {"maximumDescription", chart.maximumDescription()}};
+}
+
+// The column of `value` on a bar of `width` between the axis's ends.
+int column(double value, const StatisticsData& chart, int width) {
+  const double span = chart.yAxisMaximum - chart.yAxisMinimum;
+  if (span <= 0) return 0;
+  return std::clamp(static_cast<int>(std::lround((value - chart.yAxisMinimum) / span * width)), 0, width);
+}
+
+// One row per entry: a bar (or, for a line chart, a dot) across the y axis,
+// with the baseline marked "|" and the average line ":".
+std::string chartText(const StatisticsData& chart) {
+  constexpr int kWidth = 40;
+  std::string text = chart.dataType->title().value_or(chart.dataType->identifier()) + "\n" + chart.subtitle() + "\n";
+  std::size_t labelWidth = 0;
+  std::vector<std::string> labels;
+  for (const auto& entry : chart.entries) {
+    std::string label = entry.xAxisString;
+    std::replace(label.begin(), label.end(), '\n', ' ');
+    labelWidth = std::max(labelWidth, label.size());
+    labels.push_back(std::move(label));
+  }
+  const auto mark = [&chart](const std::optional<double>& value) { return value ? column(*value, chart, kWidth) : -1; };
+  const int baseline = mark(chart.baseline), average = mark(chart.averageLine);
+  for (std::size_t i = 0; i < chart.entries.size(); ++i) {
+    const auto& entry = chart.entries[i];
+    std::string row(kWidth + 1, ' ');
+    if (entry.y) {
+      const int end = column(*entry.y, chart, kWidth);
+      if (chart.chartType == StatisticsChartType::bar) {
+        for (int c = 0; c < end; ++c) row[static_cast<std::size_t>(c)] = '#';
+      } else {
+        row[static_cast<std::size_t>(end)] = '*';
+      }
+    }
+    if (average >= 0 && row[static_cast<std::size_t>(average)] == ' ') row[static_cast<std::size_t>(average)] = ':';
+    if (baseline >= 0 && row[static_cast<std::size_t>(baseline)] == ' ') row[static_cast<std::size_t>(baseline)] = '|';
+    text += "  " + labels[i] + std::string(labelWidth - labels[i].size() + 2, ' ') + row + "  " +
+            entry.yAxisString.value_or("-") + "\n";
+  }
+  text += "  axis " + chart.dataType->axisValueFormatter(chart.yAxisMinimum) + " to " +
+          chart.dataType->axisValueFormatter(chart.yAxisMaximum) + " by " +
+          chart.dataType->axisValueFormatter(chart.yAxisGranularity) + " (" + std::to_string(chart.yAxisLabelCount) +
+          " labels)";
+  if (chart.baseline) {
+    text += "; | " + std::string(chart.baselineType == StatisticsBaselineType::goal ? "goal " : "limit ") +
+            chart.dataType->valueFormatter(*chart.baseline);
+  }
+  if (chart.averageLine) text += "; : average " + chart.dataType->valueFormatter(*chart.averageLine);
+  text += "\n" + chart.averageLabel() + "  " + chart.dataType->valueFormatter(chart.averageValue) + "\n";
+  if (chart.dataType->showsTotalValue()) {
+    text += chart.totalLabel() + "  " + chart.dataType->valueFormatter(chart.totalValue) + "\n";
+  }
+  const auto extreme = [&chart](const std::optional<double>& value, const std::optional<std::string>& label) {
+    return (value && label && *label != "-" ? chart.dataType->valueFormatter(*value) + "  " : std::string()) +
+           label.value_or("-");
+  };
+  text += chart.maximumDescription() + "  " + extreme(chart.maximumValue, chart.maximumLabel) + "\n";
+  text += chart.minimumDescription() + "  " + extreme(chart.minimumValue, chart.minimumLabel);
+  return text;
+}
+
+std::string comboText(const std::optional<EventsCombo::ComboType>& combo) {
+  if (!combo) return "-";
+  const bool kept = combo->kind() == EventsCombo::ComboType::Kind::succeed;
+  return std::string(kept ? "kept " : "missed ") + std::to_string(combo->count()) +
+         (combo->count() == 1 ? " day" : " days");
+}
+
+nlohmann::ordered_json comboJSON(const std::optional<EventsCombo::ComboType>& combo) {
+  if (!combo) return nullptr;
+  const bool kept = combo->kind() == EventsCombo::ComboType::Kind::succeed;
+  return {{kept ? "succeed" : "failed", combo->count()}};
+}
+
+}  // namespace
+
+void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<Arguments>();
+  auto* chart = app.add_subcommand("chart", "A metric's chart model for a day, week, month or year");
+  chart
+      ->add_option("METRIC", a->metric,
+                   "screenTime, pickups, checkingEvery, walkingLife, indoorLife, bestBreak, continuouslyUsage, "
+                   "lastPickup, firstPickup, sleepTime, focus, failedTimes or tag:ID")
+      ->required();
+  chart->add_option("--range", a->range, "day, week, month or year (default: week)");
+  chart->add_option("--date", a->date, "ISO 8601 (default: now)");
+  chart->callback([&options, &action, a] {
+    action = [&options, a] {
+      const auto range = statisticsDateRangeFromRawValue(a->range);
+      if (!range) refuse("--range", a->range, "day, week, month or year");
+      const Date date = a->date ? parseInstant(*a->date) : Date::now();
+      const auto dataType = parseMetric(a->metric);
+      startStore();
+      const StatisticsData model(date, *range, dataType);
+      Output(options).print(chartJSON(model), chartText(model));
+    };
+  });
+
+  app.add_subcommand("streaks", "Days in a row the screen-time, pickup and sleep goals were kept or missed")
+      ->callback([&options, &action] {
+        action = [&options] {
+          startStore();
+          const EventsCombo combo = EventsCombo::currentCombo();
+          Output(options).print({{"date", combo.date().iso8601()},
+                                 {"screenTimeCombo", comboJSON(combo.screenTimeCombo)},
+                                 {"pickupCombo", comboJSON(combo.pickupCombo)},
+                                 {"sleepTimeCombo", comboJSON(combo.sleepTimeCombo)}},
+                                "Screen time  " + comboText(combo.screenTimeCombo) + "\nPickups      " +
+                                    comboText(combo.pickupCombo) + "\nSleep        " + comboText(combo.sleepTimeCombo));
+        };
+      });
+
+  auto* summary = app.add_subcommand("summary", "Totals and averages of a run of days");
+  summary->add_option("--from", a->from, "ISO 8601 first day (default: 6 days ago)");
+  summary->add_option("--count", a->count, "Number of days (default: 7)");
+  summary->callback([&options, &action, a] {
+    action = [&options, a] {
+      if (a->count < 0 || a->count > 3660) refuse("--count", std::to_string(a->count), "a number of days, 0 to 3660");
+      const Date from = a->from ? parseInstant(*a->from) : Date::now().startOfDay().addingDay(-6);
+      startStore();
+      const EventsOfDays days(from.startOfDay(), a->count);
+      const auto clock = [](const DateComponents& time) {
+        char text[16];
+        std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
+        return std::string(text);
+      };
+      const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
+      const auto [screenTotal, screenAverage] = days.screenTime();
+      const auto [pickupTotal, pickupAverage] = days.pickupTimes();
+      const auto [walkTotal, walkAverage] = days.walkingLife();
+      const auto [indoorTotal, indoorAverage] = days.indoorLife();
+      const auto longest = days.longestPickup();
+      nlohmann::ordered_json json = {{"start", from.startOfDay().iso8601()},
+                                     {"count", a->count},
+                                     {"screenTime", {{"total", screenTotal}, {"average", screenAverage}}},
+                                     {"pickupTimes", {{"total", pickupTotal}, {"average", pickupAverage}}},
+                                     {"walkingLife", {{"total", walkTotal}, {"average", walkAverage}}},
+                                     {"indoorLife", {{"total", indoorTotal}, {"average", indoorAverage}}},
+                                     {"longestPickup", optionalJSON(longest)},
+                                     {"averageCheckingEvery", days.averageCheckingEvery()},
+                                     {"averageBestBreak", days.averageBestBreak()},
+                                     {"averageContinuouslyUsage", days.averageContinuouslyUsage()},
+                                     {"averageSleepTime", days.averageSleepTime()},
+                                     {"averageFirstPickup", clock(days.averageFirstPickup())},
+                                     {"averageLastPickup", clock(days.averageLastPickup())}};
+      const std::string text =
+          "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
+          "Pickups             " + std::to_string(pickupTotal) + " (" + formatDouble(pickupAverage) + " a day)\n" +
+          "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
+          "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
+          "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
+          duration(days.averageCheckingEvery()) + "\n" + "Best break          " + duration(days.averageBestBreak()) +
+          "\n" + "Continuous use      " + duration(days.averageContinuouslyUsage()) + "\n" + "Sleep               " +
+          duration(days.averageSleepTime()) + "\n" + "First pickup        " + clock(days.averageFirstPickup()) + "\n" +
+          "Last pickup         " + clock(days.averageLastPickup());
+      Output(options).print(json, text);
+    };
+  });
+}
+
+}  // namespace tarnwell::cli
