@@ -63,7 +63,8 @@ std::string spans(const std::vector<DateInterval>& intervals, Date day) {
 
 nlohmann::ordered_json dayJSON(const EventsOfDay& day) {
   nlohmann::ordered_json hours = nlohmann::ordered_json::array();
-  for (const auto& hour : day.getEventsOfHours()) {
+  const auto eventsOfHours = day.getEventsOfHours();
+  for (const auto& hour : *eventsOfHours) {
     hours.push_back({{"interval", intervalJSON(hour.interval)},
                      {"screenTime", optionalJSON(hour.screenTime())},
                      {"pickupTimes", optionalJSON(hour.pickupTimes())},
@@ -126,7 +127,8 @@ std::string dayText(const EventsOfDay& day) {
   row("Breaks", std::to_string(day.breaks().size()));
   row("No data", spans(day.noDatas(), date));
   text += "Hours\n";
-  for (const auto& hour : day.getEventsOfHours()) {
+  const auto eventsOfHours = day.getEventsOfHours();
+  for (const auto& hour : *eventsOfHours) {
     std::string line = "  " + hour.interval.start().iso8601().substr(11, 5) + "  " + clock(hour.screenTime());
     line.resize(18, ' ');
     const std::string count = hour.pickupTimes() ? std::to_string(*hour.pickupTimes()) : "";

@@ -202,12 +202,6 @@ std::optional<DateInterval> EventsOfDay::continuouslyUsage() const {
 std::optional<double> EventsOfDay::checkingEvery() const { return metrics::checkingEvery(pickups()); }
 std::optional<double> EventsOfDay::walkingLife() const { return metrics::walkingLife(pickups(), walks()); }
 
-std::optional<double> EventsOfDay::indoorLife() const {
-  const auto screen = screenTime(), walking = walkingLife();
-  if (!screen || !walking) return std::nullopt;
-  return *screen - *walking;
-}
-
 std::optional<double> EventsOfDay::sleepTime() const {
   const auto night = sleeps();
   if (night.empty()) return std::nullopt;
@@ -264,7 +258,7 @@ std::optional<DateInterval> EventsOfDay::bestBreak() const {
   return sorted.front();
 }
 
-std::vector<EventsOfHour> EventsOfDay::getEventsOfHours() const {
+std::optional<std::vector<EventsOfHour>> EventsOfDay::getEventsOfHours() const {
   return EventsOfHour::hours(eventsOfInterval_.interval().start(), pickups(), walks());
 }
 

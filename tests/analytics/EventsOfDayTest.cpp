@@ -132,7 +132,7 @@ TEST_F(EventsOfDayTest, TheUsersStartOfDayShiftsTheSpanAndTheHours) {
   pickup("+03:00", "+03:10");
   EXPECT_EQ(today().pickupTimes(), 1);  // 03:00 of the next calendar day still belongs here
   EXPECT_FALSE(EventsOfDay(at("+12:00"), std::nullopt).pickupTimes());
-  const auto hours = today().getEventsOfHours();
+  const auto hours = *today().getEventsOfHours();
   ASSERT_EQ(hours.size(), 24u);
   EXPECT_EQ(hours.front().interval.start(), at("04:00"));
   EXPECT_EQ(hours[23].screenTime(), 600.0);
@@ -147,7 +147,7 @@ TEST_F(EventsOfDayTest, AnyInstantOfTheDayGivesTheSameDay) {
 
 TEST_F(EventsOfDayTest, HoursSplitAPickupAtTheirEdge) {
   pickup("10:30", "12:00");
-  const auto hours = today().getEventsOfHours();
+  const auto hours = *today().getEventsOfHours();
   EXPECT_EQ(hours[10].screenTime(), 1800.0);
   EXPECT_EQ(hours[11].screenTime(), 3600.0);
   EXPECT_EQ(hours[10].pickupTimes(), 1);
@@ -166,7 +166,7 @@ TEST_F(DaylightSavingDayTest, ADayOfTwentyThreeHours) {
   const EventsOfDay day(spring, std::nullopt);
   EXPECT_EQ(day.eventsOfInterval().interval().duration(), 23 * 3600);
   EXPECT_EQ(day.screenTime(), 3600.0);  // 01:30 to 03:30 is one real hour that day
-  const auto hours = day.getEventsOfHours();
+  const auto hours = *day.getEventsOfHours();
   EXPECT_EQ(hours.size(), 24u);
   EXPECT_EQ(hours[1].screenTime(), 1800.0);
   EXPECT_EQ(hours[2].screenTime(), 1800.0);

@@ -19,13 +19,14 @@
 
 #include "tarnwell/analytics/EventsOfHour.h"
 #include "tarnwell/analytics/EventsOfInterval.h"
+#include "tarnwell/analytics/ItemLikeEventsOfDay.h"
 #include "tarnwell/charts/FocusData.h"
 #include "tarnwell/health/SleepDataSource.h"
 #include "tarnwell/platform/Date.h"
 
 namespace tarnwell {
 
-class EventsOfDay {
+class EventsOfDay : public ItemLikeEventsOfDay {
  public:
   // This device, then the devices its Device row merges with; this device
   // alone when the store cannot be read.
@@ -40,7 +41,7 @@ class EventsOfDay {
   EventsOfDay appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes) const;
 
   // The calendar day's first instant, without the start-of-day shift.
-  Date startOfDay() const { return startOfDay_; }
+  Date startOfDay() const override { return startOfDay_; }
   const EventsOfInterval& eventsOfInterval() const { return eventsOfInterval_; }
   // Within the day's span, both ends included.
   bool contains(Date date) const { return eventsOfInterval_.interval().contains(date); }
@@ -59,30 +60,28 @@ class EventsOfDay {
   std::vector<FocusData> focuseDatas() const;
 
   // Seconds, each pickup rounded to a whole second before adding.
-  std::optional<double> screenTime() const;
-  std::optional<int> pickupTimes() const;
+  std::optional<double> screenTime() const override;
+  std::optional<int> pickupTimes() const override;
   // The longest pickup, unrounded; of equal ones the first.
-  std::optional<double> longestPickup() const;
+  std::optional<double> longestPickup() const override;
   // The mean length of a pickup, rounded to a whole second.
-  std::optional<double> checkingEvery() const;
+  std::optional<double> checkingEvery() const override;
   // Seconds of pickups during walks, each piece rounded.
-  std::optional<double> walkingLife() const;
-  // screenTime less walkingLife.
-  std::optional<double> indoorLife() const;
-  std::optional<double> sleepTime() const;
+  std::optional<double> walkingLife() const override;
+  std::optional<double> sleepTime() const override;
 
   // When use began after the night, and when it ended before it.
-  std::optional<Date> firstPickupDate() const;
-  std::optional<Date> lastPickupDate() const;
+  std::optional<Date> firstPickupDate() const override;
+  std::optional<Date> lastPickupDate() const override;
   // The middle of the night, or 04:00 when the night is not known.
   Date asleepAt() const;
-  std::optional<DateInterval> bestBreak() const;
+  std::optional<DateInterval> bestBreak() const override;
   // The pickup behind longestPickup.
-  std::optional<DateInterval> continuouslyUsage() const;
+  std::optional<DateInterval> continuouslyUsage() const override;
 
   // The 24 hours of the day from its shifted start, with the day's pickups
-  // and walks clipped to each.
-  std::vector<EventsOfHour> getEventsOfHours() const;
+  // and walks clipped to each; never nothing for a live day.
+  std::optional<std::vector<EventsOfHour>> getEventsOfHours() const override;
 
   // The sleep application whose data this day uses, if any.
   std::optional<SleepDataSource> sleepSource() const;
