@@ -379,5 +379,50 @@ TEST_F(CliTest, FormatShowsNumbersAsTheAppDoes) {
   EXPECT_EQ(run("format timer soon").status, 1);
 }
 
+TEST_F(CliTest, ChartsCarryTheWholeModelAndRefuseUnknownMetrics) {
+  run("pickup add 2026-11-20T08:00:00Z 2026-11-20T09:00:00Z");
+  run("pickup add 2026-11-21T08:00:00Z 2026-11-21T08:30:00Z");
+  const std::string at = "--tz UTC --now 2026-11-22T12:00:00Z ";
+  const Outcome week = run(at + "--json chart screenTime --range week");
+  ASSERT_EQ(week.status, 0) << week.err;
+  const auto chart = json(week);
+  EXPECT_EQ(chart["dataType"], "screenTime");
+  EXPECT_EQ(chart["range"], "week");
+  ASSERT_EQ(chart["entries"].size(), 7u);
+  EXPECT_EQ(chart["totalValue"], 5400.0);
+  EXPECT_EQ(chart["averageValue"], 2700.0);
+  EXPECT_EQ(chart["baseline"], 18000.0);
+  EXPECT_EQ(chart["maximumValue"], 3600.0);
+  for (const char* key : {"yAxisMaximum", "yAxisLabelCount", "xAxisLabelCount", "minimumLabel", "subtitle",
+                          "averageLabel", "totalLabel", "averageLine", "isEditable"}) {
+    EXPECT_TRUE(chart.contains(key)) << key;
+  }
+  EXPECT_EQ(json(run(at + "--json chart pickups --range year"))["entries"].size(), 12u);
+  EXPECT_EQ(json(run(at + "--json chart screenTime --range day --date 2026-11-20"))["entries"].size(), 24u);
+  EXPECT_EQ(run(at + "chart focus --range month").status, 0);
+  EXPECT_EQ(run(at + "chart tag:working").status, 0);
+  EXPECT_NE(run(at + "chart screenTime").out.find('#'), std::string::npos);
+  for (const char* bad : {"chart Pickups", "chart screenTime --range decade", "chart screenTime --date soon"}) {
+    const Outcome refused = run(at + bad);
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
+}
+
+TEST_F(CliTest, StreaksAndSummariesOfDays) {
+  run("pickup add 2026-11-20T08:00:00Z 2026-11-20T09:00:00Z");
+  run("pickup add 2026-11-21T08:00:00Z 2026-11-21T08:30:00Z");
+  const std::string at = "--tz UTC --now 2026-11-22T12:00:00Z ";
+  const auto streaks = json(run(at + "--json streaks"));
+  EXPECT_EQ(streaks["screenTimeCombo"], nlohmann::json::parse(R"({"succeed": 2})"));
+  EXPECT_EQ(streaks["pickupCombo"], nlohmann::json::parse(R"({"succeed": 2})"));
+  const auto summary = json(run(at + "--json summary --from 2026-11-19 --count 3"));
+  EXPECT_EQ(summary["screenTime"]["total"], 5400.0);
+  EXPECT_EQ(summary["screenTime"]["average"], 2700.0);  // the day without data does not count
+  EXPECT_EQ(summary["pickupTimes"]["total"], 2);
+  EXPECT_EQ(summary["averageFirstPickup"], "08:00:00");
+  EXPECT_EQ(run(at + "summary --count -1").status, 1);
+}
+
 }  // namespace
 }  // namespace tarnwell
