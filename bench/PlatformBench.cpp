@@ -54,7 +54,8 @@ BENCHMARK(BM_DispatchQueueSync);
 void BM_LogLine(benchmark::State& state) {
   BenchEnvironment environment;
   Logger::start();
-  for (auto _ : state) tarnwell::log.info("✍️ Add Pickup: 2026-11-22 10:00:00 +0000", {.function = "addPickup(start:end:)"});
+  for (auto _ : state)
+    tarnwell::log.info("✍️ Add Pickup: 2026-11-22 10:00:00 +0000", {.function = "addPickup(start:end:)"});
   Logger::flush();
 }
 BENCHMARK(BM_LogLine);

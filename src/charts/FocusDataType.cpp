@@ -25,17 +25,8 @@ std::vector<DateInterval> buckets(Date date, StatisticsDateRange range) {
 // The one read behind all buckets. A day's reaches to the end of its year:
 // the buckets cut it down, and only the read grows with it.
 DateInterval period(Date date, StatisticsDateRange range) {
-  switch (range) {
-    case StatisticsDateRange::day:
-      return DateInterval(date.startOfDay(), date.endOfYear());
-    case StatisticsDateRange::week:
-      return DateInterval(date.startOfWeek(), date.endOfWeek());
-    case StatisticsDateRange::month:
-      return DateInterval(date.startOfMonth(), date.endOfMonth());
-    case StatisticsDateRange::year:
-      return DateInterval(date.startOfYear(), date.endOfYear());
-  }
-  return DateInterval(date, date);
+  if (range == StatisticsDateRange::day) return DateInterval(date.startOfDay(), date.endOfYear());
+  return periodOf(date, range);
 }
 
 }  // namespace

@@ -26,6 +26,8 @@ std::string_view rawValue(StatisticsDateRange range) {
   fatalError("StatisticsDateRange outside its cases");
 }
 
+namespace {
+
 std::optional<StatisticsDateRange> statisticsDateRangeFromRawValue(std::string_view text) {
   for (const auto range :
        {StatisticsDateRange::day, StatisticsDateRange::week, StatisticsDateRange::month, StatisticsDateRange::year}) {
@@ -75,8 +77,6 @@ AttributedString StatisticsDataType::attributedValueFormatter(double value, cons
 }
 
 // --- The model ---
-
-namespace {
 
 DateInterval periodOf(Date date, StatisticsDateRange range) {
   switch (range) {

@@ -22,6 +22,10 @@ enum class StatisticsDateRange { day, week, month, year };
 std::string_view rawValue(StatisticsDateRange range);
 std::optional<StatisticsDateRange> statisticsDateRangeFromRawValue(std::string_view text);
 
+// The period a chart of `range` around `date` shows: the calendar day, week,
+// month or year of `date` in the default region.
+DateInterval periodOf(Date date, StatisticsDateRange range);
+
 enum class StatisticsChartType { bar, line };
 
 // A count (the spelling is the system's own), a duration in seconds, or a
