@@ -26,8 +26,6 @@ std::string_view rawValue(StatisticsDateRange range) {
   fatalError("StatisticsDateRange outside its cases");
 }
 
-namespace {
-
 std::optional<StatisticsDateRange> statisticsDateRangeFromRawValue(std::string_view text) {
   for (const auto range :
        {StatisticsDateRange::day, StatisticsDateRange::week, StatisticsDateRange::month, StatisticsDateRange::year}) {
@@ -91,6 +89,8 @@ DateInterval periodOf(Date date, StatisticsDateRange range) {
   }
   fatalError("StatisticsDateRange outside its cases");
 }
+
+namespace {
 
 // One point per month, in the order the months first appear. A metric that
 // does not add up halves each month's running value with every new day, so
