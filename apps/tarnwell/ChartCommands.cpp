@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "Cli.h"
 #include "tarnwell/analytics/EventsCombo.h"
@@ -32,6 +33,12 @@ std::shared_ptr<const StatisticsDataType> parseMetric(const std::string& text) {
   std::string known;
   for (const auto& type : ScreenTimeDataType::allCases()) known += type.identifier() + ", ";
   refuse("METRIC", text, "a metric (" + known + "focus, failedTimes or tag:ID)");
+}
+
+std::string oneDecimal(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f", value);
+  return text;
 }
 
 nlohmann::ordered_json optionalJSON(const std::optional<double>& value) {
@@ -233,7 +240,7 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
                                      {"averageLastPickup", clock(days.averageLastPickup())}};
       const std::string text =
           "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
-          "Pickups             " + std::to_string(pickupTotal) + " (" + formatDouble(pickupAverage) + " a day)\n" +
+          "Pickups             " + std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)\n" +
           "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
           "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
           "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
