@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "extensions/RegionalCache.h"
 #include "platform/Icu.h"
 #include "platform/RegionImpl.h"
 #include "tarnwell/modules/Settings.h"
@@ -16,21 +17,16 @@
 namespace tarnwell {
 namespace {
 
-// A Gregorian calendar in the default region, one per thread, made again
-// only when the region changes. ICU calendars are not for two threads.
+// A Gregorian calendar in the default region, with the wall-time rules of
+// this library: a skipped time moves forward, a repeated one is the first.
 icu::Calendar& calendar() {
-  thread_local std::string zone, locale;
-  thread_local std::unique_ptr<icu::Calendar> cached;
-  const Region region = Date::defaultRegion();
-  if (!cached || zone != region.timeZoneId() || locale != region.localeId()) {
-    cached = icu_support::makeGregorianCalendar(region.timeZoneId(), region.impl().locale);
-    if (!cached) fatalError("No Gregorian calendar for " + region.localeId() + " in " + region.timeZoneId());
-    cached->setSkippedWallTimeOption(UCAL_WALLTIME_NEXT_VALID);
-    cached->setRepeatedWallTimeOption(UCAL_WALLTIME_FIRST);
-    zone = region.timeZoneId();
-    locale = region.localeId();
-  }
-  return *cached;
+  return regional::perThread<icu::Calendar>([](const Region& region) {
+    auto made = icu_support::makeGregorianCalendar(region.timeZoneId(), region.impl().locale);
+    if (!made) fatalError("No Gregorian calendar for " + region.localeId() + " in " + region.timeZoneId());
+    made->setSkippedWallTimeOption(UCAL_WALLTIME_NEXT_VALID);
+    made->setRepeatedWallTimeOption(UCAL_WALLTIME_FIRST);
+    return made;
+  });
 }
 
 // The calendar set to `date`.

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "extensions/DateFormatting.h"
+#include "extensions/RegionalCache.h"
 #include "platform/Icu.h"
 #include "platform/RegionImpl.h"
 #include "tarnwell/modules/Settings.h"
@@ -27,16 +28,11 @@ namespace tarnwell {
 namespace date_formatting {
 namespace {
 
-// One formatter per thread, made again only when the default region changes:
-// ICU formatters must not be shared between threads, and building one costs
-// far more than the format itself.
+// A formatter of the default region with Gregorian names and eras, even
+// where the locale's own calendar is another.
 icu::SimpleDateFormat& formatter() {
-  thread_local std::string zone, locale;
-  thread_local std::unique_ptr<icu::SimpleDateFormat> cached;
-  const Region region = Date::defaultRegion();
-  if (!cached || zone != region.timeZoneId() || locale != region.localeId()) {
+  return regional::perThread<icu::SimpleDateFormat>([](const Region& region) {
     UErrorCode status = U_ZERO_ERROR;
-    // Gregorian names and eras even where the locale's own calendar is another.
     icu::Locale gregorian(region.impl().locale);
     gregorian.setKeywordValue("calendar", "gregorian", status);
     status = U_ZERO_ERROR;
@@ -46,11 +42,8 @@ icu::SimpleDateFormat& formatter() {
       fatalError("No date formatter for " + region.localeId() + " in " + region.timeZoneId());
     }
     made->adoptCalendar(calendar.release());
-    cached = std::move(made);
-    zone = region.timeZoneId();
-    locale = region.localeId();
-  }
-  return *cached;
+    return made;
+  });
 }
 
 }  // namespace
