@@ -8,7 +8,7 @@
 #include "tarnwell/analytics/EventsOfDays.h"
 #include "tarnwell/charts/ScreenTimeDataType.h"
 #include "tarnwell/charts/StatisticsData.h"
-#include "tarnwell/modules/Settings.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
 namespace {
@@ -66,7 +66,7 @@ void BM_SelectYearOfPickups(benchmark::State& state) {
   YearStore store(static_cast<int>(state.range(0)));
   const Date start = Date::now().startOfYear(), end = Date::now().endOfYear();
   auto connection = store::Store::open();
-  auto& select = connection.statement(
+  auto& select = connection.connection().cached(
       "SELECT start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ?1 AND "
       "(start BETWEEN ?2 AND ?3 OR \"end\" BETWEEN ?2 AND ?3)");
   const std::string device = Settings::deviceId();
@@ -76,12 +76,11 @@ void BM_SelectYearOfPickups(benchmark::State& state) {
     rows = 0;
     select.bind(1, std::string_view(device));
     select.bind(2, start.timeIntervalSinceReferenceDate()).bind(3, end.timeIntervalSinceReferenceDate());
-    while (select.step()) {
-      const double from = select.real(0), to = select.real(1);
+    for (sqlite::Cursor cursor(select); cursor.next();) {
+      const double from = cursor->real(0), to = cursor->real(1);
       perDay[static_cast<std::size_t>((from - start.timeIntervalSinceReferenceDate()) / 86400.0)] += to - from;
       ++rows;
     }
-    select.reset();
     benchmark::DoNotOptimize(perDay);
   }
   state.counters["rows"] = static_cast<double>(rows);

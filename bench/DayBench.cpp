@@ -8,9 +8,9 @@
 
 #include "tarnwell/analytics/EventsOfDay.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/records/Focus.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
 namespace {
@@ -72,7 +72,7 @@ void BM_SelectRowsOfAHeavyDay(benchmark::State& state) {
   HeavyStore store;
   const Date day = Date::now().addingDay(-400).startOfDay();
   auto connection = store::Store::open();
-  auto& select = connection.statement(
+  auto& select = connection.connection().cached(
       "SELECT id, start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ?1 AND (start BETWEEN ?2 AND ?3 OR "
       "\"end\" BETWEEN ?2 AND ?3) UNION ALL "
       "SELECT id, start, \"end\" FROM Walk WHERE isDeleted = 0 AND deviceId = ?1 AND (start BETWEEN ?2 AND ?3 OR "
@@ -91,8 +91,9 @@ void BM_SelectRowsOfAHeavyDay(benchmark::State& state) {
     std::vector<Row> day_rows;
     select.bind(1, std::string_view(device));
     select.bind(2, day.timeIntervalSinceReferenceDate()).bind(3, (day + 86400.0).timeIntervalSinceReferenceDate());
-    while (select.step()) day_rows.push_back({select.text(0), select.real(1), select.real(2)});
-    select.reset();
+    for (sqlite::Cursor cursor(select); cursor.next();) {
+      day_rows.push_back({cursor->text(0), cursor->real(1), cursor->real(2)});
+    }
     rows = day_rows.size();
     benchmark::DoNotOptimize(day_rows);
   }

@@ -4,9 +4,9 @@
 #include <benchmark/benchmark.h>
 
 #include "BenchEnvironment.h"
-#include "tarnwell/modules/Logger.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/settings/Logger.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace {
 

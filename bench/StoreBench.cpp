@@ -5,10 +5,10 @@
 
 #include "BenchEnvironment.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Logger.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Sqlite.h"
 #include "tarnwell/platform/Uuid.h"
+#include "tarnwell/settings/Logger.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
 namespace {

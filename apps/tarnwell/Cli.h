@@ -14,7 +14,7 @@
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/Promise.h"
-#include "tarnwell/store/Schema.h"
+#include "tarnwell/records/Properties.h"
 #include "tarnwell/widgets/FocusType.h"
 
 namespace tarnwell {
@@ -148,7 +148,7 @@ T await(const Promise<T>& promise) {
 template <class Record>
 nlohmann::ordered_json recordJSON(const Record& record) {
   nlohmann::ordered_json json = nlohmann::ordered_json::object();
-  store::forEachProperty<Record>(
+  records::forEachProperty<Record>(
       [&](const auto& p) { json[std::string(p.name)] = json_detail::value(record.*(p.member)); });
   return json;
 }

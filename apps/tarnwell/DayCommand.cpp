@@ -105,8 +105,8 @@ std::string bar(std::optional<double> seconds) {
 std::string dayText(const EventsOfDay& day) {
   const Date date = day.startOfDay();
   const DateInterval& interval = day.eventsOfInterval().interval();
-  std::string text = "Day " + date.iso8601().substr(0, 10) + ", " + interval.start().iso8601() + " to " +
-                     interval.end().iso8601() + "\n";
+  std::string text = "Day " + date.iso8601().substr(0, 10) + ", " + wallTime(interval.start(), date) + " to " +
+                     wallTime(interval.end(), date) + "\n";
   const auto row = [&text](const char* label, const std::string& value) {
     std::string line = label;
     line.resize(20, ' ');
@@ -123,7 +123,10 @@ std::string dayText(const EventsOfDay& day) {
   row("Last pickup", wallTime(day.lastPickupDate(), date));
   row("First pickup", wallTime(day.firstPickupDate(), date));
   row("Asleep at", wallTime(day.asleepAt(), date));
-  row("Sleep", clock(day.sleepTime()) + " by " + day.sleepSourceDisplayName() + spans(day.sleeps(), date));
+  // The night's pieces follow on lines of their own; without a night there are none.
+  const auto sleeps = day.sleeps();
+  row("Sleep", clock(day.sleepTime()) + " by " + day.sleepSourceDisplayName() +
+                   (sleeps.empty() ? std::string() : spans(sleeps, date)));
   row("Breaks", std::to_string(day.breaks().size()));
   row("No data", spans(day.noDatas(), date));
   text += "Hours\n";

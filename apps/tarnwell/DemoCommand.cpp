@@ -15,8 +15,8 @@
 #include "Cli.h"
 #include "tarnwell/analytics/EventsOfDay.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/records/Device.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
 namespace tarnwell::cli {

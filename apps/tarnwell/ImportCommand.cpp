@@ -26,8 +26,8 @@
 #include <map>
 
 #include "Cli.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/records/EventRecords.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
 namespace tarnwell::cli {

@@ -1,9 +1,9 @@
 #include "Cli.h"
-#include "tarnwell/modules/AppEnvironment.h"
-#include "tarnwell/modules/AppInfo.h"
-#include "tarnwell/modules/Logger.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/settings/AppEnvironment.h"
+#include "tarnwell/settings/AppInfo.h"
+#include "tarnwell/settings/Logger.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell::cli {
 

@@ -7,7 +7,7 @@
 #include "Cli.h"
 #include "tarnwell/extensions/Strings.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell::cli {
 namespace {

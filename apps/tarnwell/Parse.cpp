@@ -6,7 +6,7 @@
 
 #include "Cli.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell::cli {
 

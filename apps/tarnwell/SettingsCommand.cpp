@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "Cli.h"
-#include "tarnwell/modules/Settings.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell::cli {
 namespace {

@@ -7,8 +7,8 @@
 #include <iostream>
 
 #include "Cli.h"
-#include "tarnwell/modules/Logger.h"
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/settings/Logger.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include "tarnwell/analytics/EventsCombo.h"
 
 #include "tarnwell/analytics/EventsOfDay.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
 namespace {

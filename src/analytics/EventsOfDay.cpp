@@ -3,11 +3,10 @@
 #include <algorithm>
 
 #include "tarnwell/analytics/Metrics.h"
-#include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/HealthManager.h"
-#include "tarnwell/modules/Settings.h"
+#include "tarnwell/health/HealthManager.h"
 #include "tarnwell/records/Focus.h"
-#include "tarnwell/store/Store.h"
+#include "tarnwell/settings/Settings.h"
+#include "tarnwell/store/Reads.h"
 
 namespace tarnwell {
 namespace {
@@ -22,18 +21,6 @@ constexpr double kStillAwake = 60.0;       // a last pickup this recent is no be
 DateInterval daySpan(Date date) {
   const double shift = Settings::startOfDayScreenTime();
   return DateInterval(date.startOfDay() + shift, date.addingDay(1).startOfDay() + shift);
-}
-
-// The pickup that `find` names, read again by id; nothing on any failure.
-template <class Find>
-std::optional<Pickup> pickupNamedBy(Find find) {
-  try {
-    const auto id = find();
-    if (!id) return std::nullopt;
-    return Database::getPickup(*id);
-  } catch (const sqlite::Error&) {
-    return std::nullopt;
-  }
 }
 
 // Of equal lengths the earlier in the list stays first.
@@ -55,17 +42,7 @@ std::vector<DateInterval> outsideNight(std::vector<DateInterval> breaks, Date la
 
 }  // namespace
 
-std::vector<std::string> EventsOfDay::defaultDeviceIds() {
-  std::vector<std::string> ids{Settings::deviceId()};
-  try {
-    if (const auto device = Database::getCurrentDevice()) {
-      ids.insert(ids.end(), device->deviceIds.begin(), device->deviceIds.end());
-    }
-  } catch (const sqlite::Error&) {
-    // This device alone.
-  }
-  return ids;
-}
+std::vector<std::string> EventsOfDay::defaultDeviceIds() { return store::defaultDeviceIds(); }
 
 EventsOfDay::EventsOfDay(Date date, const std::optional<std::vector<std::string>>& deviceIds)
     : EventsOfDay(date.startOfDay(), EventsOfInterval(daySpan(date), deviceIds), std::nullopt) {
@@ -97,13 +74,12 @@ void EventsOfDay::resolveNight() {
   const auto& devices = eventsOfInterval_.deviceIds();
 
   std::optional<Date> last, first;
-  if (const auto pickup = pickupNamedBy([&] {
-        return Database::getLastPickup(DateInterval::getDateIntervalForFindingLastPickup(day, fourAM), devices);
-      })) {
+  if (const auto pickup = store::orNoData(
+          [&] { return store::lastPickup(DateInterval::getDateIntervalForFindingLastPickup(day, fourAM), devices); })) {
     last = pickup->end;
   }
-  if (const auto pickup = pickupNamedBy([&] {
-        return Database::getFirstPickup(DateInterval::getDateIntervalForFindingFirstPickup(day, fourAM), devices);
+  if (const auto pickup = store::orNoData([&] {
+        return store::firstPickup(DateInterval::getDateIntervalForFindingFirstPickup(day, fourAM), devices);
       })) {
     first = pickup->start;
   }
@@ -170,14 +146,8 @@ std::vector<FocusData> EventsOfDay::focuseDatas() const {
   std::vector<FocusData> focuses;
   if (!eventsOfInterval_.excludesFocusTime()) return focuses;
   for (const auto& event : eventsOfInterval_.focusEvents) {
-    std::optional<Focus> focus;
-    try {
-      focus = store::Store::open().object<Focus>(event.id);
-    } catch (const sqlite::Error&) {
-      continue;
-    }
-    if (!focus || focus->isDeleted) continue;
-    focuses.push_back({focus->id, focus->tagId, focus->interval(), focus->progress, focus->failed()});
+    const auto focus = store::orNoData([&event] { return store::liveObject<Focus>(event.id); });
+    if (focus) focuses.push_back(FocusData::of(*focus));
   }
   return focuses;
 }
@@ -214,9 +184,9 @@ std::optional<Date> EventsOfDay::healthFirstPickupDate() const {
   if (!sleepsWithSource_ || sleepsWithSource_->sleeps.empty()) return std::nullopt;
   Date wake = sleepsWithSource_->sleeps.front().end();
   for (const auto& sleep : sleepsWithSource_->sleeps) wake = std::max(wake, sleep.end());
-  const auto pickup = pickupNamedBy([&] {
-    return Database::getFirstPickup(DateInterval::getDateIntervalForFindingFirstPickup(startOfDay_, wake),
-                                    eventsOfInterval_.deviceIds());
+  const auto pickup = store::orNoData([&] {
+    return store::firstPickup(DateInterval::getDateIntervalForFindingFirstPickup(startOfDay_, wake),
+                              eventsOfInterval_.deviceIds());
   });
   if (!pickup || !pickup->start) return wake;
   // Never before the end of the sleep.
@@ -227,9 +197,9 @@ std::optional<Date> EventsOfDay::healthLastPickupDate() const {
   if (!sleepsWithSource_ || sleepsWithSource_->sleeps.empty()) return std::nullopt;
   Date asleep = sleepsWithSource_->sleeps.front().start();
   for (const auto& sleep : sleepsWithSource_->sleeps) asleep = std::min(asleep, sleep.start());
-  const auto pickup = pickupNamedBy([&] {
-    return Database::getLastPickup(DateInterval::getDateIntervalForFindingLastPickup(startOfDay_, asleep),
-                                   eventsOfInterval_.deviceIds());
+  const auto pickup = store::orNoData([&] {
+    return store::lastPickup(DateInterval::getDateIntervalForFindingLastPickup(startOfDay_, asleep),
+                             eventsOfInterval_.deviceIds());
   });
   if (!pickup || !pickup->start) return asleep;
   // With a sleep application the date marks where the last pickup began.

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 
-#include "modules/EventQueries.h"
-#include "tarnwell/analytics/EventsOfDay.h"
 #include "tarnwell/analytics/Metrics.h"
-#include "tarnwell/modules/Settings.h"
-#include "tarnwell/store/Store.h"
+#include "tarnwell/settings/Settings.h"
+#include "tarnwell/store/Reads.h"
 
 namespace tarnwell {
 namespace {
@@ -22,46 +20,39 @@ void removeId(std::vector<EventsOfInterval::EventData>& events, const std::strin
   std::erase_if(events, [&id](const auto& event) { return event.id == id; });
 }
 
-// Reads one kind of the span; a store that cannot be read leaves it empty.
+// Reads one kind of the span, each event clipped to it; a store that cannot
+// be read leaves the kind empty.
 template <class Read>
 std::vector<EventsOfInterval::EventData> readKind(const DateInterval& span, Read read) {
-  std::vector<EventsOfInterval::EventData> events;
-  try {
+  return store::orNoData([&] {
+    std::vector<EventsOfInterval::EventData> events;
     read([&](const std::string& id, const DateInterval& interval) {
       if (auto clipped = interval.intersection(span)) events.push_back({id, *clipped});
     });
-  } catch (const sqlite::Error&) {
-    events.clear();
-  }
-  return events;
+    return events;
+  });
 }
 
 // The record's interval again, by key: nothing when it is gone or deleted
 // (`found` false), or when it has no interval.
 template <class Record>
 std::optional<DateInterval> reread(const std::string& id, bool& found) {
-  found = false;
-  try {
-    const auto record = store::Store::open().object<Record>(id);
-    if (!record || record->isDeleted) return std::nullopt;
-    found = true;
-    return std::optional<DateInterval>(record->interval());
-  } catch (const sqlite::Error&) {
-    return std::nullopt;
-  }
+  const auto record = store::orNoData([&id] { return store::liveObject<Record>(id); });
+  found = record.has_value();
+  if (!record) return std::nullopt;
+  return record->interval();
 }
 
 }  // namespace
 
 EventsOfInterval::EventsOfInterval(DateInterval interval, const std::optional<std::vector<std::string>>& deviceIds)
     : interval_(interval),
-      deviceIds_(deviceIds ? *deviceIds : EventsOfDay::defaultDeviceIds()),
+      deviceIds_(deviceIds ? *deviceIds : store::defaultDeviceIds()),
       excludeFocusTime_(Settings::excludeFocusTime()) {
-  using namespace event_queries;
-  aliveEvents = readKind(interval_, [&](auto each) { forEachInSpan<Alive>(interval_, deviceIds_, each); });
-  pickupEvents = readKind(interval_, [&](auto each) { forEachInSpan<Pickup>(interval_, deviceIds_, each); });
-  walkEvents = readKind(interval_, [&](auto each) { forEachInSpan<Walk>(interval_, deviceIds_, each); });
-  focusEvents = readKind(interval_, [&](auto each) { forEachFocusInSpan(interval_, deviceIds_, each); });
+  aliveEvents = readKind(interval_, [&](auto each) { store::forEachEvent<Alive>(interval_, deviceIds_, each); });
+  pickupEvents = readKind(interval_, [&](auto each) { store::forEachEvent<Pickup>(interval_, deviceIds_, each); });
+  walkEvents = readKind(interval_, [&](auto each) { store::forEachEvent<Walk>(interval_, deviceIds_, each); });
+  focusEvents = readKind(interval_, [&](auto each) { store::forEachFocus(interval_, deviceIds_, each); });
 }
 
 std::vector<DateInterval> EventsOfInterval::walks() const { return intervalsOf(walkEvents); }

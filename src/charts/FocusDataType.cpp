@@ -1,9 +1,8 @@
 #include "tarnwell/charts/FocusDataType.h"
 
 #include "tarnwell/charts/Focuses.h"
-#include "tarnwell/modules/Database.h"
 #include "tarnwell/platform/Localization.h"
-#include "tarnwell/platform/Sqlite.h"
+#include "tarnwell/store/Reads.h"
 
 namespace tarnwell {
 namespace {
@@ -33,11 +32,7 @@ DateInterval period(Date date, StatisticsDateRange range) {
 
 std::optional<Tag> FocusDataType::tag() const {
   if (!tagId_) return std::nullopt;
-  try {
-    return Database::getTag(*tagId_);
-  } catch (const sqlite::Error&) {
-    return std::nullopt;
-  }
+  return store::orNoData([this] { return store::liveObject<Tag>(*tagId_); });
 }
 
 std::string FocusDataType::identifier() const {

@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "tarnwell/modules/Database.h"
 #include "tarnwell/platform/FatalError.h"
-#include "tarnwell/store/Store.h"
+#include "tarnwell/store/Reads.h"
 
 namespace tarnwell {
 
@@ -21,16 +20,8 @@ void sortByStart(std::vector<FocusData>& focuses) {
 Focuses::Focuses(std::optional<DateInterval> asked, const std::optional<std::string>& tagId) : interval(asked) {
   std::vector<std::string> ids;
   try {
-    if (asked && tagId) {
-      ids = Database::getFocuses(*tagId, *asked);
-    } else if (asked) {
-      ids = Database::getFocuses(*asked);
-    } else if (tagId) {
-      ids = Database::getFocuses(*tagId);
-    } else {
-      ids = Database::getFocuses();
-    }
-  } catch (const std::exception&) {
+    ids = store::focusIds(tagId, asked);
+  } catch (const sqlite::Error&) {
     return;  // no snapshot: `focuses` stays empty-handed
   }
   std::vector<FocusData> datas;
@@ -38,14 +29,8 @@ Focuses::Focuses(std::optional<DateInterval> asked, const std::optional<std::str
   for (const auto& id : ids) {
     // The list and the records are not read in one transaction: a session
     // deleted in between is skipped.
-    std::optional<Focus> focus;
-    try {
-      focus = Database::getFocus(id);
-    } catch (const std::exception&) {
-      continue;
-    }
-    if (!focus || !focus->start || !focus->end) continue;
-    datas.push_back(FocusData{focus->id, focus->tagId, focus->interval(), focus->progress, focus->failed()});
+    const auto focus = store::orNoData([&id] { return store::liveObject<Focus>(id); });
+    if (focus && focus->start && focus->end) datas.push_back(FocusData::of(*focus));
   }
   sortByStart(datas);
   focuses = std::move(datas);

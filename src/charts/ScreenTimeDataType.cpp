@@ -5,9 +5,9 @@
 #include <nlohmann/json.hpp>
 
 #include "tarnwell/analytics/EventsOfDays.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/Localization.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
 namespace {

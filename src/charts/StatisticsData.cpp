@@ -6,9 +6,9 @@
 #include <limits>
 #include <utility>
 
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
 

@@ -1,12 +1,10 @@
 #include "tarnwell/modules/Database.h"
 
 #include "modules/DatabaseSupport.h"
-#include "modules/EventQueries.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
@@ -15,6 +13,7 @@
 #include "tarnwell/platform/Timer.h"
 #include "tarnwell/records/App.h"
 #include "tarnwell/records/Focus.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
 namespace tarnwell {
@@ -62,52 +61,6 @@ std::vector<store::TableSchema> tables() {
   return {store::tableSchema<Records>()...};
 }
 
-using event_queries::live;
-using event_queries::touching;
-
-// Ids of the records touching the interval, by start, of positive length.
-template <class Record>
-std::vector<std::string> rangeQuery(DateInterval between, const std::vector<std::string>& deviceIds) {
-  std::vector<std::string> ids;
-  event_queries::forEachInSpan<Record>(between, deviceIds,
-                                       [&ids](const std::string& id, const DateInterval&) { ids.push_back(id); });
-  return ids;
-}
-
-// The record that ends last.
-template <class Record>
-std::optional<Record> latest(const std::vector<std::string>& deviceIds) {
-  auto records = Store::open().objects<Record>(live(deviceIds).sorted("\"end\" DESC").limited(1));
-  if (records.empty()) return std::nullopt;
-  return std::move(records.front());
-}
-
-// Adds a new record of this device and logs "✍️ Add <Class>: id start end".
-template <class Record>
-std::string addEvent(Date start, Date end, std::string_view function) {
-  Record record(start, end);
-  Store::open().write([&record](WriteTransaction& t) { t.add(record, UpdatePolicy::all); });
-  log.info("✍️ Add " + std::string(Record::className) + ": " + *record.id + " " + start.description() + " " +
-               end.description(),
-           {.function = function});
-  return *record.id;
-}
-
-EventsOfInterval::EventsChangeType pickupChange(const std::string& id) {
-  return EventsOfInterval::EventsChangeType::pickup(id);
-}
-
-// The id of the first or last pickup of a query, as `Query` orders it.
-std::optional<std::string> firstId(const Query& query) {
-  Store store = Store::open();
-  auto& select = store.statement(Store::selectSQL(Pickup::className, "id", query));
-  Store::bind(select, query.arguments);
-  std::optional<std::string> id;
-  if (select.step() && !select.isNull(0)) id = select.text(0);
-  select.reset();
-  return id;
-}
-
 }  // namespace
 
 namespace database_support {
@@ -124,34 +77,9 @@ DatabaseState::DatabaseState(Environment& environment) : queue("org.vostra.tarnw
 
 DatabaseState& state() { return Environment::current().component<DatabaseState>(); }
 
-std::vector<std::string> selectIds(std::string_view className, std::string_view column, const Query& query) {
-  Store store = Store::open();
-  auto& select = store.statement(Store::selectSQL(className, column, query));
-  Store::bind(select, query.arguments);
-  std::vector<std::string> ids;
-  try {
-    while (select.step()) {
-      if (!select.isNull(0)) ids.push_back(select.text(0));
-    }
-  } catch (...) {
-    select.reset();
-    throw;
-  }
-  select.reset();
-  return ids;
-}
-
 void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes) {
   EventsOfDay changed = Database::eventsOfToday().appliedChange(changes);
   Database::queue().safeSync([&changed] { setEventsOfToday(std::move(changed)); });
-}
-
-std::optional<Device> currentDeviceForEdit() {
-  try {
-    return Database::getCurrentDevice();
-  } catch (const sqlite::Error&) {
-    return std::nullopt;
-  }
 }
 
 void setEventsOfToday(EventsOfDay today) {
@@ -360,198 +288,6 @@ void Database::migrate(sqlite::Connection& connection, std::uint64_t v) {
     }
   }
   if (v <= 11) run("UPDATE Focus SET watchName = NULL");
-}
-
-std::optional<Device> Database::getCurrentDevice() { return liveObject<Device>(Settings::deviceId()); }
-
-std::optional<std::string> Database::setCurrentDeviceLastSyncDate(Date date) {
-  const auto device = currentDeviceForEdit();
-  if (!device) return std::nullopt;
-  log.info("✍️ Edit Device: " + *device->id + ", updated at " + date.description(),
-           {.function = "setCurrentDeviceLastSyncDate(_:)"});
-  Store::open().write([&](WriteTransaction& t) { t.updateObject<Device>(*device->id, {{"lastSyncDate", date}}); });
-  return device->id;
-}
-
-std::vector<std::string> Database::getDevices() {
-  Store store = Store::open();
-  auto& select = store.statement("SELECT id FROM Device WHERE isDeleted = 0 AND id IS NOT NULL ORDER BY rowid");
-  std::vector<std::string> ids;
-  while (select.step()) ids.push_back(select.text(0));
-  select.reset();
-  return ids;
-}
-
-std::optional<Device> Database::getDevice(const std::string& id) { return liveObject<Device>(id); }
-
-std::optional<std::vector<std::string>> Database::getDevicesRelatedToCurrentDevice() {
-  const auto device = getCurrentDevice();
-  if (!device) return std::nullopt;
-  return device->deviceIds;
-}
-
-std::vector<std::string> Database::getPickups(DateInterval between, const std::vector<std::string>& deviceIds) {
-  return rangeQuery<Pickup>(between, deviceIds);
-}
-
-std::optional<Pickup> Database::getPickup(const std::string& id) { return liveObject<Pickup>(id); }
-
-std::optional<std::string> Database::getFirstPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
-  Query query;
-  query.filter("isDeleted = 0 AND isIgnoredForSleepTime = 0").filterIn("deviceId", deviceIds);
-  query.filter("start BETWEEN ? AND ?", {between.start(), between.end()}).sorted("start ASC").limited(1);
-  return firstId(query);
-}
-
-std::optional<std::string> Database::getLastPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
-  Query query;
-  query.filter("isDeleted = 0 AND isIgnoredForSleepTime = 0").filterIn("deviceId", deviceIds);
-  // The last of the rows sorted by end ascending, ties in store order.
-  touching(query, between).sorted("\"end\" DESC, rowid DESC").limited(1);
-  return firstId(query);
-}
-
-std::optional<Pickup> Database::getPickup(Date start, Date end, const std::vector<std::string>& deviceIds) {
-  auto pickups =
-      Store::open().objects<Pickup>(live(deviceIds).filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
-  if (pickups.empty()) return std::nullopt;
-  return std::move(pickups.front());
-}
-
-std::optional<Pickup> Database::getLatestPickup(const std::vector<std::string>& deviceIds) {
-  return latest<Pickup>(deviceIds);
-}
-
-double Database::getScreenTime(const std::string& deviceId) {
-  Store store = Store::open();
-  auto& select =
-      store.statement("SELECT start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ? ORDER BY rowid");
-  select.bind(1, std::string_view(deviceId));
-  double seconds = 0;
-  while (select.step()) {
-    Pickup pickup;
-    store::readValue(select, 0, pickup.start);
-    store::readValue(select, 1, pickup.end);
-    if (const auto interval = pickup.interval()) seconds += interval->duration();
-  }
-  select.reset();
-  return seconds;
-}
-
-std::string Database::addPickup(Date start, Date end) {
-  const std::string id = addEvent<Pickup>(start, end, "addPickup(start:end:)");
-  updateEventsOfToday({pickupChange(id)});
-  return id;
-}
-
-std::string Database::editPickup(const std::string& id, Date end) {
-  editLiveObject<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(),
-                         "editPickup(id:end:)");
-  // Also when nothing was written: the day is replaced all the same.
-  updateEventsOfToday({pickupChange(id)});
-  return id;
-}
-
-std::vector<std::string> Database::editPickups(DateInterval between, bool isIgnoredForSleepTime,
-                                               const std::vector<std::string>& deviceIds) {
-  Query query = live(deviceIds);
-  touching(query, between);
-  std::vector<std::string> ids;
-  Store::open().write([&](WriteTransaction& t) {
-    ids = t.update<Pickup>({{"isIgnoredForSleepTime", isIgnoredForSleepTime}}, query);
-  });
-  log.info("✍️ Edit Pickup Between: " + between.description() +
-               ", isIgnoredForSleepTime: " + (isIgnoredForSleepTime ? "true" : "false"),
-           {.function = "editPickups(between:isIgnoredForSleepTime:deviceIds:)"});
-  std::vector<EventsOfInterval::EventsChangeType> changes;
-  for (const auto& id : ids) changes.push_back(pickupChange(id));
-  updateEventsOfToday(changes);
-  return ids;
-}
-
-void Database::deletePickup(const std::string& id) {
-  if (editLiveObject<Pickup>(id, {{"isDeleted", true}}, "✍️ Delete Pickup: " + id, "deletePickup(id:)")) {
-    updateEventsOfToday({pickupChange(id)});
-  }
-}
-
-std::vector<std::string> Database::getWalks(DateInterval between, const std::vector<std::string>& deviceIds) {
-  return rangeQuery<Walk>(between, deviceIds);
-}
-
-std::optional<Walk> Database::getWalk(const std::string& id) { return liveObject<Walk>(id); }
-
-std::optional<Walk> Database::getLatestWalk(const std::vector<std::string>& deviceIds) {
-  return latest<Walk>(deviceIds);
-}
-
-std::string Database::addWalk(Date start, Date end) {
-  const std::string id = addEvent<Walk>(start, end, "addWalk(start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id)});
-  return id;
-}
-
-std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& intervals) {
-  std::vector<Walk> walks;
-  walks.reserve(intervals.size());
-  for (const auto& interval : intervals) walks.emplace_back(interval.start(), interval.end());
-  Store::open().write([&walks](WriteTransaction& t) {
-    for (const auto& walk : walks) t.add(walk, UpdatePolicy::error);
-  });
-  std::vector<std::string> ids;
-  std::vector<EventsOfInterval::EventsChangeType> changes;
-  for (const auto& walk : walks) {
-    ids.push_back(*walk.id);
-    changes.push_back(EventsOfInterval::EventsChangeType::walk(*walk.id));
-  }
-  updateEventsOfToday(changes);
-  return ids;
-}
-
-std::string Database::editWalk(const std::string& id, Date start, Date end) {
-  editLiveObject<Walk>(id, {{"start", start}, {"end", end}},
-                       "✍️ Edit Walk: " + id + " " + start.description() + " " + end.description(),
-                       "editWalk(id:start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id)});
-  return id;
-}
-
-std::vector<std::string> Database::getAlives(DateInterval between, const std::vector<std::string>& deviceIds) {
-  return rangeQuery<Alive>(between, deviceIds);
-}
-
-std::optional<Alive> Database::getAlive(const std::string& id) { return liveObject<Alive>(id); }
-
-std::optional<Alive> Database::getLatestAlive(const std::vector<std::string>& deviceIds) {
-  return latest<Alive>(deviceIds);
-}
-
-std::string Database::addAlive(Date start, Date end) {
-  const std::string id = addEvent<Alive>(start, end, "addAlive(start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::alive(id)});
-  return id;
-}
-
-// Unlike a walk's, an alive span's edit leaves today's older alive list as it is.
-std::string Database::editAlive(const std::string& id, Date start, Date end) {
-  editLiveObject<Alive>(id, {{"start", start}, {"end", end}},
-                        "✍️ Edit Alive: " + id + " " + start.description() + " " + end.description(),
-                        "editAlive(id:start:end:)");
-  return id;
-}
-
-void Database::clearAlivePickupWalk() {
-  const Date now = Date::now();
-  Store::open().write([now](WriteTransaction& t) {
-    // Deleted rows are marked again: the filters leave isDeleted aside.
-    const Query backwards = Query().filter("start >= \"end\""), future = Query().filter("\"end\" > ?", {now});
-    t.update<Alive>({{"isDeleted", true}}, backwards);
-    t.update<Pickup>({{"isDeleted", true}}, backwards);
-    t.update<Walk>({{"isDeleted", true}}, backwards);
-    t.update<Alive>({{"isDeleted", true}}, future);
-    t.update<Pickup>({{"isDeleted", true}}, future);
-    t.update<Walk>({{"isDeleted", true}}, future);
-  });
 }
 
 }  // namespace tarnwell

@@ -5,7 +5,7 @@
 
 #include "modules/DatabaseSupport.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
 

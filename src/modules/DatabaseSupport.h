@@ -18,6 +18,7 @@
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/Log.h"
 #include "tarnwell/platform/Timer.h"
+#include "tarnwell/store/Reads.h"
 #include "tarnwell/store/Store.h"
 
 namespace tarnwell::database_support {
@@ -44,17 +45,6 @@ struct DatabaseState {
 
 DatabaseState& state();
 
-// By primary key, unless soft-deleted.
-template <class Record>
-std::optional<Record> liveObject(std::string_view id) {
-  auto record = store::Store::open().object<Record>(id);
-  if (record && record->isDeleted) return std::nullopt;
-  return record;
-}
-
-// The first column of the rows `query` selects, as texts, skipping nulls.
-std::vector<std::string> selectIds(std::string_view className, std::string_view column, const store::Query& query);
-
 // Carries changes of the store into today without a rebuild. Read, apply,
 // install: no lock spans the three, so of two writers the later wins.
 void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes);
@@ -67,12 +57,8 @@ void setEventsOfToday(EventsOfDay today);
 template <class Record>
 bool editLiveObject(std::string_view id, const std::vector<std::pair<std::string_view, store::QueryValue>>& assignments,
                     const std::string& line, std::string_view function) {
-  std::optional<store::Store> store;
-  try {
-    store = store::Store::open();
-  } catch (const sqlite::Error&) {
-    return false;  // dropped on purpose: an edit of something that cannot be read is skipped
-  }
+  auto store = store::orNoData([] { return std::optional<store::Store>(store::Store::open()); });
+  if (!store) return false;
   // Reading the record and writing it, fused: the row changes only when it
   // exists and is not soft-deleted, which is the edit's own condition.
   bool edited = false;
@@ -81,10 +67,6 @@ bool editLiveObject(std::string_view id, const std::vector<std::pair<std::string
   if (edited) log.info(line, {.function = function});
   return edited;
 }
-
-// This device's row for an edit of it: a store that does not open reads as
-// no row, which the edit then skips.
-std::optional<Device> currentDeviceForEdit();
 
 // A default tag as a new installation makes it.
 Tag makeDefaultTag(DefaultTagType type);

@@ -1,16 +1,17 @@
-// Tags, their repairs, allowed apps and the relation between devices.
+// Tags and the two repairs that keep each default tag in one row.
 
 #include <algorithm>
 #include <limits>
 
 #include "modules/DatabaseSupport.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
 #include "tarnwell/platform/Log.h"
 #include "tarnwell/platform/NotificationCenter.h"
 #include "tarnwell/platform/Uuid.h"
+#include "tarnwell/settings/Settings.h"
+#include "tarnwell/store/Reads.h"
 
 namespace tarnwell {
 
@@ -73,7 +74,7 @@ std::vector<std::string> Database::getTags(bool archived, bool discardDefault) {
   if (discardDefault) query.filter("isDefault = 0");
   // Sorted by sort, then (applied last, so it wins) by isDefault descending.
   query.sorted("isDefault DESC, sort ASC");
-  const auto rows = selectIds(Tag::className, "id", query);
+  const auto rows = store::selectIds(Tag::className, "id", query);
   std::vector<std::string> ids;
   for (const auto& row : rows) {
     std::string id = normalizedTagId(row);
@@ -84,7 +85,7 @@ std::vector<std::string> Database::getTags(bool archived, bool discardDefault) {
   return ids;
 }
 
-std::optional<Tag> Database::getTag(const std::string& id) { return liveObject<Tag>(id); }
+std::optional<Tag> Database::getTag(const std::string& id) { return store::liveObject<Tag>(id); }
 
 Tag Database::getDefaultTag() {
   Store store = Store::open();
@@ -98,13 +99,14 @@ std::string Database::addTag(const std::string& title, const std::optional<std::
                              const widgets::FocusType& focusType, const std::optional<FocusGoal>& focusGoal,
                              const std::optional<FocusNotification>& notification, bool syncToMindfulness,
                              const std::optional<std::vector<std::int64_t>>& stateOfMindAssociationsRawValue) {
-  log.info("✍️ Add Tag: " + title + " " + emoji.value_or(""), {.function = "addTag"});
+  log.info("✍️ Add Tag: " + title + " " + emoji.value_or(""),
+           {.function = "addTag(title:emoji:color:focusType:focusGoal:notification:syncToMindfulness:"
+                        "stateOfMindAssociationsRawValue:)"});
   Store store = Store::open();
   std::int64_t last = -1;
   {
-    auto& select = store.statement("SELECT MAX(sort) FROM Tag");
-    if (select.step() && !select.isNull(0)) last = select.int64(0);
-    select.reset();
+    auto rows = store.select("SELECT MAX(sort) FROM Tag");
+    if (rows.next() && !rows->isNull(0)) last = rows->int64(0);
   }
   // An unplaced tag would overflow here; the repair at start keeps them away.
   if (last == Tag::kUnplacedSort) fatalError("addTag: a tag without a place (sort " + std::to_string(last) + ")");
@@ -122,7 +124,8 @@ std::string Database::editTag(const std::string& id, const TagEdit& edit) {
   const auto tag = getTag(id);
   if (!tag) return id;
   log.info("✍️ Edit Tag: " + id + " " + edit.title.value_or("-") + " " + edit.emoji.value_or("-"),
-           {.function = "editTag"});
+           {.function = "editTag(id:title:emoji:color:focusType:updateFocusGoal:updateNotification:syncToMindfulness:"
+                        "stateOfMindAssociationsRawValue:)"});
   // Only the given fields are written, so that a concurrent change of another
   // field survives. The blobs are made by the typed views of a copy.
   Tag typed = *tag;
@@ -225,7 +228,7 @@ void Database::clearTags() {
     }
     const auto strays = store.objects<Tag>(strayTags.sorted("created ASC"));
     const auto strayFocuses = Query().filter("isDeleted = 0 AND instr(tagId, ?) = 1 AND tagId != ?", {id, id});
-    if (strays.empty() && selectIds(Focus::className, "id", strayFocuses).empty()) continue;
+    if (strays.empty() && store::selectIds(Focus::className, "id", strayFocuses).empty()) continue;
 
     const auto real = store.object<Tag>(id);
     Tag tag = real && !real->isDeleted ? *real : makeDefaultTag(type);
@@ -259,10 +262,8 @@ void Database::resetInvalidateTagSort() {
   if (unplaced.empty()) return;
   std::int64_t last = 0;
   {
-    auto& select = store.statement("SELECT MAX(sort) FROM Tag WHERE sort != ?1");
-    select.bind(1, Tag::kUnplacedSort);
-    if (select.step() && !select.isNull(0)) last = select.int64(0);
-    select.reset();
+    auto rows = store.select("SELECT MAX(sort) FROM Tag WHERE sort != ?1", {Tag::kUnplacedSort});
+    if (rows.next() && !rows->isNull(0)) last = rows->int64(0);
   }
   store.write([&](WriteTransaction& t) {
     for (const auto& tag : unplaced) {
@@ -271,42 +272,6 @@ void Database::resetInvalidateTagSort() {
       t.updateObject<Tag>(*tag.id, {{"sort", sort}});
     }
   });
-}
-
-std::vector<std::string> Database::getApps() {
-  return selectIds(App::className, "trackId", Query().filter("isDeleted = 0").sorted("created ASC"));
-}
-
-std::optional<App> Database::getApp(const std::string& trackId) { return liveObject<App>(trackId); }
-
-std::optional<std::string> Database::addApp(const AppStructure& data) {
-  const App app(data.trackId(), data.trackName, data.artworkUrl100, data.primaryGenreNameInEnglish, data.urlScheme);
-  Store::open().write([&app](WriteTransaction& t) { t.add(app, UpdatePolicy::all); });
-  log.info("✍️ Add App: " + *app.trackId + " " + data.trackName, {.function = "addApp(data:)"});
-  return app.trackId;
-}
-
-void Database::deleteApp(const std::string& trackId) {
-  editLiveObject<App>(trackId, {{"isDeleted", true}}, "✍️ Delete App: " + trackId, "deleteApp(id:)");
-}
-
-std::optional<std::string> Database::setCurrentDeviceRelation(const std::string& deviceId, bool isRelated) {
-  const auto device = currentDeviceForEdit();
-  if (!device) return std::nullopt;
-  log.info("✍️ Edit Device: " + *device->id + (isRelated ? ", Merge with " : ", Unmerge with ") + deviceId,
-           {.function = "setCurrentDeviceRelation(with:isRelated:)"});
-  Store store = Store::open();
-  store.write([&](WriteTransaction& t) {
-    // Read again inside the transaction: the list is replaced whole.
-    auto current = store.object<Device>(*device->id);
-    if (!current) return;
-    auto ids = current->deviceIds;
-    const auto found = std::find(ids.begin(), ids.end(), deviceId);
-    if (isRelated && found == ids.end()) ids.push_back(deviceId);
-    if (!isRelated && found != ids.end()) ids.erase(found);
-    if (ids != current->deviceIds) t.updateObject<Device>(*device->id, {{"deviceIds", ids}});
-  });
-  return device->id;
 }
 
 }  // namespace tarnwell

@@ -74,7 +74,7 @@ void Statement::execute() {
   reset();
 }
 
-void Statement::reset() { sqlite3_reset(statement_); }
+void Statement::reset() noexcept { sqlite3_reset(statement_); }
 void Statement::clearBindings() { sqlite3_clear_bindings(statement_); }
 
 int Statement::columnCount() const { return sqlite3_column_count(statement_); }

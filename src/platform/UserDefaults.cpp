@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Sqlite.h"
 
 namespace tarnwell {
@@ -45,11 +46,19 @@ UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() { return Environment::current().standardUserDefaults(); }
 
+UserDefaults& UserDefaults::appGroup() {
+  UserDefaults* suite = Environment::current().userDefaults(Environment::kAppGroupIdentifier);
+  if (!suite) fatalError("The preferences of the app group group.org.vostra.tarnwell cannot be opened");
+  return *suite;
+}
+
 std::optional<DefaultsValue> UserDefaults::object(std::string_view key) const {
   std::lock_guard lock(mutex_);
-  auto& query = connection_->cached("SELECT kind, value FROM defaults WHERE key = ?1");
-  query.bind(1, key);
-  if (!query.step()) return std::nullopt;
+  auto& select = connection_->cached("SELECT kind, value FROM defaults WHERE key = ?1");
+  select.bind(1, key);
+  sqlite::Cursor rows(select);
+  if (!rows.next()) return std::nullopt;
+  const sqlite::Statement& query = *rows;
   const std::string kind = query.text(0);
   std::optional<DefaultsValue> value;
   if (kind == "bool") {
@@ -74,7 +83,6 @@ std::optional<DefaultsValue> UserDefaults::object(std::string_view key) const {
     }
     value = std::move(strings);
   }
-  query.reset();
   return value;
 }
 
@@ -193,10 +201,10 @@ void UserDefaults::setJSON(std::string_view key, const nlohmann::json& value) { 
 
 std::vector<std::string> UserDefaults::keys() const {
   std::lock_guard lock(mutex_);
-  auto& query = connection_->cached("SELECT key FROM defaults ORDER BY key");
   std::vector<std::string> keys;
-  while (query.step()) keys.push_back(query.text(0));
-  query.reset();
+  for (sqlite::Cursor rows(connection_->cached("SELECT key FROM defaults ORDER BY key")); rows.next();) {
+    keys.push_back(rows->text(0));
+  }
   return keys;
 }
 

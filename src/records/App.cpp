@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "tarnwell/modules/AppInfo.h"
 #include "tarnwell/platform/Localization.h"
 #include "tarnwell/records/EventRecords.h"
 #include "tarnwell/records/JSONCoding.h"
+#include "tarnwell/settings/AppInfo.h"
 
 namespace tarnwell {
 

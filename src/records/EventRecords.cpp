@@ -1,8 +1,8 @@
 #include "tarnwell/records/EventRecords.h"
 
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Uuid.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
 namespace records {

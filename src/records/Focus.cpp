@@ -1,11 +1,11 @@
 #include "tarnwell/records/Focus.h"
 
 #include "tarnwell/extensions/Strings.h"
-
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/platform/Uuid.h"
 #include "tarnwell/records/EventRecords.h"
+#include "tarnwell/records/FocusData.h"
 #include "tarnwell/records/JSONCoding.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
 
@@ -78,6 +78,10 @@ DateInterval Focus::interval() const {
   const auto [from, to] = records::requireDates(className, start, end);
   if (to > from + progress) return DateInterval(from, to);
   return DateInterval(from, progress);
+}
+
+FocusData FocusData::of(const Focus& focus) {
+  return FocusData{focus.id, focus.tagId, focus.interval(), focus.progress, focus.failed()};
 }
 
 std::optional<nlohmann::json> Focus::metadata() const {

@@ -7,10 +7,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "extensions/DateFormatting.h"
 #include "platform/Icu.h"
 #include "platform/RegionImpl.h"
 #include "tarnwell/extensions/Strings.h"
+#include "tarnwell/platform/DateFormatting.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
 #include "tarnwell/platform/Region.h"

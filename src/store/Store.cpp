@@ -290,6 +290,12 @@ void Store::bind(sqlite::Statement& statement, const std::vector<QueryValue>& ar
   }
 }
 
+sqlite::Cursor Store::select(std::string_view sql, const std::vector<QueryValue>& arguments) {
+  auto& statement = connection_->cached(sql);
+  bind(statement, arguments);
+  return sqlite::Cursor(statement);
+}
+
 std::string Store::selectSQL(std::string_view className, std::string_view columns, const Query& query) {
   std::string sql = "SELECT ";
   sql += columns;
@@ -352,10 +358,9 @@ std::vector<std::string> selectKeys(sqlite::Connection& connection, std::string_
   auto& select = connection.cached(Store::selectSQL(className, quoteIdentifier(key), where));
   Store::bind(select, where.arguments);
   std::vector<std::string> keys;
-  while (select.step()) {
-    if (!select.isNull(0)) keys.push_back(select.text(0));
+  for (sqlite::Cursor rows(select); rows.next();) {
+    if (!rows->isNull(0)) keys.push_back(rows->text(0));
   }
-  select.reset();
   return keys;
 }
 

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "analytics/DayFixture.h"
+#include "support/DayFixture.h"
 
 namespace tarnwell {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "analytics/DayFixture.h"
-#include "tarnwell/modules/HealthManager.h"
+#include "support/DayFixture.h"
+#include "tarnwell/health/HealthManager.h"
 
 namespace tarnwell {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "support/TestEnvironment.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
+#include "tarnwell/settings/Settings.h"
 
 extern char** environ;
 

@@ -10,8 +10,8 @@
 
 #include "support/TestEnvironment.h"
 #include "tarnwell/modules/Database.h"
-#include "tarnwell/modules/Settings.h"
 #include "tarnwell/records/Focus.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
 namespace {
@@ -236,6 +236,16 @@ TEST_F(MigrationTest, MissingColumnsArriveWithTheirDefaults) {
   EXPECT_FALSE(pickup->isIgnoredForSleepTime);
   EXPECT_FALSE(pickup->isDeleted);
   EXPECT_EQ(pickup->deviceId, Settings::deviceId());  // step 1
+}
+
+TEST(SchemaTest, TablesDeriveFromTheDeclaration) {
+  EXPECT_EQ(store::createTableSQL<Walk>(),
+            R"(CREATE TABLE IF NOT EXISTS "Walk" ("id" TEXT PRIMARY KEY, "deviceId" TEXT NOT NULL DEFAULT '', )"
+            R"("start" REAL DEFAULT NULL, "end" REAL DEFAULT NULL, "isDeleted" INTEGER NOT NULL DEFAULT 0))");
+  EXPECT_EQ(store::primaryKeyName<App>(), "trackId");
+  EXPECT_NE(store::createTableSQL<Tag>().find(R"("sort" INTEGER NOT NULL DEFAULT 9223372036854775807)"),
+            std::string::npos);
+  EXPECT_NE(store::createTableSQL<Device>().find(R"("deviceIds" TEXT NOT NULL DEFAULT '[]')"), std::string::npos);
 }
 
 }  // namespace

@@ -20,9 +20,9 @@
 #include "tarnwell/analytics/EventsOfHour.h"
 #include "tarnwell/analytics/EventsOfInterval.h"
 #include "tarnwell/analytics/ItemLikeEventsOfDay.h"
-#include "tarnwell/charts/FocusData.h"
-#include "tarnwell/health/SleepDataSource.h"
 #include "tarnwell/platform/Date.h"
+#include "tarnwell/records/FocusData.h"
+#include "tarnwell/settings/SleepDataSource.h"
 
 namespace tarnwell {
 

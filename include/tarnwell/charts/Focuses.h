@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "tarnwell/charts/FocusData.h"
 #include "tarnwell/platform/Date.h"
+#include "tarnwell/records/FocusData.h"
 
 namespace tarnwell {
 

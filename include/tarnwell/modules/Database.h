@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/analytics/FocusCombo.h"
 #include "tarnwell/platform/Color.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/DispatchQueue.h"
@@ -59,19 +60,6 @@ class SafeSyncQueue {
   std::string label_;
   DispatchQueue queue_;
   DispatchSpecificKey<std::string> queueKey_;
-};
-
-// A tag's run of days, counted back from a day: reached its goal (`streak`),
-// broke its limit (`fail`), or simply had sessions (`focus`).
-struct FocusCombo {
-  enum class Kind { streak, fail, focus };
-  Kind kind;
-  int days;
-
-  static FocusCombo streak(int days) { return {Kind::streak, days}; }
-  static FocusCombo fail(int days) { return {Kind::fail, days}; }
-  static FocusCombo focus(int days) { return {Kind::focus, days}; }
-  friend bool operator==(const FocusCombo&, const FocusCombo&) = default;
 };
 
 // The fields editFocus changes; those left empty stay as they are.

@@ -67,8 +67,8 @@ class Date {
 
   // --- The calendar, in Date::defaultRegion() ---
   //
-  // These are defined by TarnwellKit, since the week and bedtime rules read
-  // Settings. "Day" is always the calendar day of the region. The end of a
+  // The week and bedtime rules also read the user's two calendar preferences
+  // (CalendarPreferences.h). "Day" is always the calendar day of the region. The end of a
   // day, week, month or year is one second before the start of the next one
   // (23:59:59), so a whole day's interval lasts 86399 seconds.
 
@@ -82,7 +82,7 @@ class Date {
   // other count, 0 included: calendar days added, keeping the time of day.
   Date addingDay(int days) const;
   // The week starts on the locale's first weekday, except that a Monday
-  // locale starts on Sunday when Settings::weekStartsFromMonday() is false and
+  // locale starts on Sunday when weekStartsFromMonday is false and
   // a Sunday locale on Monday when it is true; a Saturday locale is left be.
   Date startOfWeek() const;
   Date endOfWeek() const;
@@ -101,7 +101,7 @@ class Date {
   // Twelve o'clock noon, whatever the name says.
   Date twelveAM() const { return getTime(12, 0, 0); }
   // The bedtime of the night this instant belongs to: after 04:00 this day's
-  // start plus Settings::defaultTimeForBed(), at 04:00 or before the day before's.
+  // start plus defaultTimeForBed, at 04:00 or before the day before's.
   Date timeForBed() const;
 
   int hour() const;

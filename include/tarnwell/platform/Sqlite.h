@@ -59,8 +59,9 @@ class Statement {
   bool step();
   // Runs a statement that returns no rows.
   void execute();
-  // Ready to run again; bindings are kept until rebound or cleared.
-  void reset();
+  // Ready to run again, and no longer reading; bindings are kept until
+  // rebound or cleared.
+  void reset() noexcept;
   void clearBindings();
 
   // Columns count from 0.
@@ -81,6 +82,34 @@ class Statement {
 
   sqlite3* database_ = nullptr;
   sqlite3_stmt* statement_ = nullptr;
+};
+
+// The rows of a statement being read. The cursor resets the statement when
+// it goes out of scope, so that a statement the connection keeps for reuse
+// is ready for its next user and holds no read open, however the reading
+// ended: after the last row, at an early return or at an exception. Move-only.
+//
+//   for (auto rows = Cursor(statement); rows.next();) ids.push_back(rows->text(0));
+class Cursor {
+ public:
+  // `statement` is bound and not yet stepped.
+  explicit Cursor(Statement& statement) : statement_(&statement) {}
+  Cursor(Cursor&& other) noexcept : statement_(other.statement_) { other.statement_ = nullptr; }
+  Cursor& operator=(Cursor&&) = delete;
+  Cursor(const Cursor&) = delete;
+  Cursor& operator=(const Cursor&) = delete;
+  ~Cursor() {
+    if (statement_) statement_->reset();
+  }
+
+  // Advances to the next row: true while there is one.
+  bool next() { return statement_->step(); }
+  // The current row's columns.
+  const Statement& operator*() const { return *statement_; }
+  const Statement* operator->() const { return statement_; }
+
+ private:
+  Statement* statement_;
 };
 
 class Connection {

@@ -47,6 +47,9 @@ class UserDefaults {
 
   // The installed Environment's standard store.
   static UserDefaults& standard();
+  // The installed Environment's app-group suite, "group.org.vostra.tarnwell",
+  // which the widget processes read too. The process ends when it cannot be opened.
+  static UserDefaults& appGroup();
 
   std::optional<DefaultsValue> object(std::string_view key) const;
   bool contains(std::string_view key) const { return object(key).has_value(); }

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "tarnwell/platform/Date.h"
-#include "tarnwell/store/Schema.h"
+#include "tarnwell/records/Properties.h"
 
 namespace tarnwell {
 
@@ -45,13 +45,13 @@ struct App {
   std::string csvRecord() const;
 
   static constexpr auto properties() {
-    return std::tuple{store::primaryKey("trackId", &App::trackId),
-                      store::property("trackName", &App::trackName),
-                      store::property("artworkUrl100", &App::artworkUrl100),
-                      store::property("primaryGenreName", &App::primaryGenreName),
-                      store::property("urlScheme", &App::urlScheme),
-                      store::property("created", &App::created),
-                      store::property("isDeleted", &App::isDeleted)};
+    return std::tuple{records::primaryKey("trackId", &App::trackId),
+                      records::property("trackName", &App::trackName),
+                      records::property("artworkUrl100", &App::artworkUrl100),
+                      records::property("primaryGenreName", &App::primaryGenreName),
+                      records::property("urlScheme", &App::urlScheme),
+                      records::property("created", &App::created),
+                      records::property("isDeleted", &App::isDeleted)};
   }
   friend bool operator==(const App&, const App&) = default;
 };

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tarnwell/platform/Date.h"
-#include "tarnwell/store/Schema.h"
+#include "tarnwell/records/Properties.h"
 
 namespace tarnwell {
 
@@ -39,10 +39,10 @@ struct Device {
   std::string csvRecord() const;
 
   static constexpr auto properties() {
-    return std::tuple{store::primaryKey("id", &Device::id), store::property("name", &Device::name),
-                      store::property("lastSyncDate", &Device::lastSyncDate),
-                      store::property("isDeleted", &Device::isDeleted),
-                      store::property("deviceIds", &Device::deviceIds)};
+    return std::tuple{records::primaryKey("id", &Device::id), records::property("name", &Device::name),
+                      records::property("lastSyncDate", &Device::lastSyncDate),
+                      records::property("isDeleted", &Device::isDeleted),
+                      records::property("deviceIds", &Device::deviceIds)};
   }
   friend bool operator==(const Device&, const Device&) = default;
 };

@@ -18,7 +18,7 @@
 #include <tuple>
 
 #include "tarnwell/platform/Date.h"
-#include "tarnwell/store/Schema.h"
+#include "tarnwell/records/Properties.h"
 
 namespace tarnwell {
 
@@ -44,12 +44,12 @@ struct Pickup {
   std::string csvRecord() const;
 
   static constexpr auto properties() {
-    return std::tuple{store::primaryKey("id", &Pickup::id),
-                      store::property("deviceId", &Pickup::deviceId),
-                      store::indexed("start", &Pickup::start),
-                      store::indexed("end", &Pickup::end),
-                      store::property("isIgnoredForSleepTime", &Pickup::isIgnoredForSleepTime),
-                      store::property("isDeleted", &Pickup::isDeleted)};
+    return std::tuple{records::primaryKey("id", &Pickup::id),
+                      records::property("deviceId", &Pickup::deviceId),
+                      records::indexed("start", &Pickup::start),
+                      records::indexed("end", &Pickup::end),
+                      records::property("isIgnoredForSleepTime", &Pickup::isIgnoredForSleepTime),
+                      records::property("isDeleted", &Pickup::isDeleted)};
   }
   friend bool operator==(const Pickup&, const Pickup&) = default;
 };
@@ -73,9 +73,9 @@ struct Walk {
   std::string csvRecord() const;
 
   static constexpr auto properties() {
-    return std::tuple{store::primaryKey("id", &Walk::id), store::property("deviceId", &Walk::deviceId),
-                      store::indexed("start", &Walk::start), store::indexed("end", &Walk::end),
-                      store::property("isDeleted", &Walk::isDeleted)};
+    return std::tuple{records::primaryKey("id", &Walk::id), records::property("deviceId", &Walk::deviceId),
+                      records::indexed("start", &Walk::start), records::indexed("end", &Walk::end),
+                      records::property("isDeleted", &Walk::isDeleted)};
   }
   friend bool operator==(const Walk&, const Walk&) = default;
 };
@@ -99,9 +99,9 @@ struct Alive {
   std::string csvRecord() const;
 
   static constexpr auto properties() {
-    return std::tuple{store::primaryKey("id", &Alive::id), store::property("deviceId", &Alive::deviceId),
-                      store::indexed("start", &Alive::start), store::indexed("end", &Alive::end),
-                      store::property("isDeleted", &Alive::isDeleted)};
+    return std::tuple{records::primaryKey("id", &Alive::id), records::property("deviceId", &Alive::deviceId),
+                      records::indexed("start", &Alive::start), records::indexed("end", &Alive::end),
+                      records::property("isDeleted", &Alive::isDeleted)};
   }
   friend bool operator==(const Alive&, const Alive&) = default;
 };

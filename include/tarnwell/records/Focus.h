@@ -14,7 +14,7 @@
 #include <tuple>
 
 #include "tarnwell/platform/Date.h"
-#include "tarnwell/store/Schema.h"
+#include "tarnwell/records/Properties.h"
 #include "tarnwell/widgets/FocusType.h"
 
 namespace tarnwell {
@@ -75,17 +75,17 @@ struct Focus {
   std::string csvRecord() const;
 
   static constexpr auto properties() {
-    return std::tuple{store::primaryKey("id", &Focus::id),
-                      store::property("deviceId", &Focus::deviceId),
-                      store::indexed("tagId", &Focus::tagId),
-                      store::indexed("start", &Focus::start),
-                      store::indexed("end", &Focus::end),
-                      store::property("goal", &Focus::goal),
-                      store::property("progress", &Focus::progress),
-                      store::property("typeString", &Focus::typeString),
-                      store::property("modeString", &Focus::modeString),
-                      store::property("isDeleted", &Focus::isDeleted),
-                      store::property("watchName", &Focus::watchName)};
+    return std::tuple{records::primaryKey("id", &Focus::id),
+                      records::property("deviceId", &Focus::deviceId),
+                      records::indexed("tagId", &Focus::tagId),
+                      records::indexed("start", &Focus::start),
+                      records::indexed("end", &Focus::end),
+                      records::property("goal", &Focus::goal),
+                      records::property("progress", &Focus::progress),
+                      records::property("typeString", &Focus::typeString),
+                      records::property("modeString", &Focus::modeString),
+                      records::property("isDeleted", &Focus::isDeleted),
+                      records::property("watchName", &Focus::watchName)};
   }
   friend bool operator==(const Focus&, const Focus&) = default;
 };

@@ -21,7 +21,7 @@
 #include "tarnwell/platform/Color.h"
 #include "tarnwell/platform/Data.h"
 #include "tarnwell/platform/Date.h"
-#include "tarnwell/store/Schema.h"
+#include "tarnwell/records/Properties.h"
 #include "tarnwell/widgets/FocusType.h"
 #include "tarnwell/widgets/WidgetFocusGoal.h"
 
@@ -186,20 +186,20 @@ struct Tag : FocusTagObject<Tag> {
   ThreadSafeTag threadSafeTag() const;
 
   static constexpr auto properties() {
-    return std::tuple{store::primaryKey("id", &Tag::id),
-                      store::property("created", &Tag::created),
-                      store::property("title", &Tag::title),
-                      store::property("emoji", &Tag::emoji),
-                      store::property("syncToMindfulness", &Tag::syncToMindfulness),
-                      store::property("typeData", &Tag::typeData),
-                      store::property("sort", &Tag::sort),
-                      store::property("isDefault", &Tag::isDefault),
-                      store::property("isDeleted", &Tag::isDeleted),
-                      store::property("isArchived", &Tag::isArchived),
-                      store::property("colorHex", &Tag::colorHex),
-                      store::property("focusGoalData", &Tag::focusGoalData),
-                      store::property("notificationData", &Tag::notificationData),
-                      store::property("stateOfMindAssociationsList", &Tag::stateOfMindAssociationsList)};
+    return std::tuple{records::primaryKey("id", &Tag::id),
+                      records::property("created", &Tag::created),
+                      records::property("title", &Tag::title),
+                      records::property("emoji", &Tag::emoji),
+                      records::property("syncToMindfulness", &Tag::syncToMindfulness),
+                      records::property("typeData", &Tag::typeData),
+                      records::property("sort", &Tag::sort),
+                      records::property("isDefault", &Tag::isDefault),
+                      records::property("isDeleted", &Tag::isDeleted),
+                      records::property("isArchived", &Tag::isArchived),
+                      records::property("colorHex", &Tag::colorHex),
+                      records::property("focusGoalData", &Tag::focusGoalData),
+                      records::property("notificationData", &Tag::notificationData),
+                      records::property("stateOfMindAssociationsList", &Tag::stateOfMindAssociationsList)};
   }
   friend bool operator==(const Tag&, const Tag&) = default;
 };

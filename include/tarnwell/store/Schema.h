@@ -1,17 +1,11 @@
-// The one declaration of a record's stored properties.
+// The SQL form of the records' one declaration (records/Properties.h).
 //
-// Each record type lists its properties once, in order, as a tuple of
-// Property values (name, member pointer, primary key and index flags); the
-// type, optionality and list-ness follow from the member's C++ type. The SQL
-// table, the column list, the row binding and reading, and later the cloud
-// record's fields are all derived from that tuple:
-//
-//   static constexpr auto properties() {
-//     return std::tuple{store::primaryKey("id", &Pickup::id), store::property("deviceId", &Pickup::deviceId), ...};
-//   }
-//
-// Storage: text as TEXT, dates as REAL seconds since 2001-01-01, booleans
-// and integers as INTEGER, doubles as REAL, bytes as BLOB, lists as JSON text.
+// The table, its columns with their defaults, its indexes, the column list
+// and the binding and reading of rows are all derived from a record's
+// properties() tuple, so that adding a property to a record is the whole
+// change. Storage: text as TEXT, dates as REAL seconds since 2001-01-01,
+// booleans and integers as INTEGER, doubles as REAL, bytes as BLOB, lists as
+// JSON text.
 
 #pragma once
 
@@ -19,100 +13,19 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <tuple>
-#include <type_traits>
 #include <vector>
 
 #include "tarnwell/platform/Data.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/Sqlite.h"
+#include "tarnwell/records/Properties.h"
 
 namespace tarnwell::store {
 
-enum class PropertyType { integer, boolean, string, date, real, data };
-
-// What a member's C++ type says about the stored property.
-template <class T>
-struct PropertyTraits;
-
-template <>
-struct PropertyTraits<std::string> {
-  static constexpr PropertyType type = PropertyType::string;
-  static constexpr bool optional = false, list = false;
-};
-template <>
-struct PropertyTraits<Date> {
-  static constexpr PropertyType type = PropertyType::date;
-  static constexpr bool optional = false, list = false;
-};
-template <>
-struct PropertyTraits<bool> {
-  static constexpr PropertyType type = PropertyType::boolean;
-  static constexpr bool optional = false, list = false;
-};
-template <>
-struct PropertyTraits<std::int64_t> {
-  static constexpr PropertyType type = PropertyType::integer;
-  static constexpr bool optional = false, list = false;
-};
-template <>
-struct PropertyTraits<double> {
-  static constexpr PropertyType type = PropertyType::real;
-  static constexpr bool optional = false, list = false;
-};
-template <>
-struct PropertyTraits<Data> {
-  static constexpr PropertyType type = PropertyType::data;
-  static constexpr bool optional = false, list = false;
-};
-template <class T>
-struct PropertyTraits<std::optional<T>> : PropertyTraits<T> {
-  static constexpr bool optional = true;
-};
-template <class T>
-struct PropertyTraits<std::vector<T>> : PropertyTraits<T> {
-  static constexpr bool list = true;
-};
-
-template <class Record, class Member>
-struct Property {
-  using Traits = PropertyTraits<Member>;
-  using Value = Member;
-
-  std::string_view name;
-  Member Record::*member;
-  bool isPrimaryKey = false;
-  bool isIndexed = false;
-};
-
-template <class Record, class Member>
-constexpr Property<Record, Member> property(std::string_view name, Member Record::*member) {
-  return {name, member, false, false};
-}
-template <class Record, class Member>
-constexpr Property<Record, Member> primaryKey(std::string_view name, Member Record::*member) {
-  return {name, member, true, false};
-}
-template <class Record, class Member>
-constexpr Property<Record, Member> indexed(std::string_view name, Member Record::*member) {
-  return {name, member, false, true};
-}
-
-// Calls f(property) for each property of Record, in declaration order.
-template <class Record, class F>
-constexpr void forEachProperty(F&& f) {
-  std::apply([&f](const auto&... each) { (f(each), ...); }, Record::properties());
-}
-
-// The primary key's column name.
-template <class Record>
-std::string_view primaryKeyName() {
-  std::string_view name;
-  forEachProperty<Record>([&name](const auto& p) {
-    if (p.isPrimaryKey) name = p.name;
-  });
-  return name;
-}
+using records::forEachProperty;
+using records::primaryKeyName;
+using records::propertyCount;
+using records::PropertyType;
 
 // `"name"`, quoted so that words such as "end" are plain column names.
 std::string quoteIdentifier(std::string_view name);
@@ -239,11 +152,6 @@ Record readRecord(const sqlite::Statement& statement, int first = 0) {
   int column = first;
   forEachProperty<Record>([&](const auto& p) { readValue(statement, column++, record.*(p.member)); });
   return record;
-}
-
-template <class Record>
-constexpr int propertyCount() {
-  return static_cast<int>(std::tuple_size_v<decltype(Record::properties())>);
 }
 
 }  // namespace tarnwell::store

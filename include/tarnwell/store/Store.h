@@ -159,8 +159,14 @@ class Store {
   template <class Record>
   std::vector<Record> objects(const Query& query = {});
 
-  // A statement over the connection, prepared once and reset for reuse.
-  sqlite::Statement& statement(std::string_view sql) { return connection_->cached(sql); }
+  // Every read of rows: `sql`, prepared once per connection, with `arguments`
+  // bound to its parameters 1..n. The cursor resets the statement when it
+  // goes, however the reading ends.
+  sqlite::Cursor select(std::string_view sql, const std::vector<QueryValue>& arguments = {});
+  // SELECT `columns` FROM the class's table with the query's condition and order.
+  sqlite::Cursor select(std::string_view className, std::string_view columns, const Query& query) {
+    return select(selectSQL(className, columns, query), query.arguments);
+  }
   // Binds `arguments` to parameters 1..n of a statement.
   static void bind(sqlite::Statement& statement, const std::vector<QueryValue>& arguments, int first = 1);
 
@@ -248,22 +254,21 @@ class WriteTransaction {
 
 template <class Record>
 std::optional<Record> Store::object(std::string_view primaryKey) {
-  auto& select = statement("SELECT " + columnList<Record>() + " FROM " + quoteIdentifier(Record::className) +
-                           " WHERE " + quoteIdentifier(primaryKeyName<Record>()) + " = ?1");
-  select.bind(1, primaryKey);
-  std::optional<Record> record;
-  if (select.step()) record = readRecord<Record>(select);
-  select.reset();
-  return record;
+  static const std::string sql = "SELECT " + columnList<Record>() + " FROM " + quoteIdentifier(Record::className) +
+                                 " WHERE " + quoteIdentifier(primaryKeyName<Record>()) + " = ?1";
+  auto& statement = connection_->cached(sql);
+  statement.bind(1, primaryKey);
+  sqlite::Cursor rows(statement);
+  if (!rows.next()) return std::nullopt;
+  return readRecord<Record>(*rows);
 }
 
 template <class Record>
 std::vector<Record> Store::objects(const Query& query) {
-  auto& select = statement(selectSQL(Record::className, columnList<Record>(), query));
-  bind(select, query.arguments);
   std::vector<Record> records;
-  while (select.step()) records.push_back(readRecord<Record>(select));
-  select.reset();
+  for (auto rows = select(Record::className, columnList<Record>(), query); rows.next();) {
+    records.push_back(readRecord<Record>(*rows));
+  }
   return records;
 }
 

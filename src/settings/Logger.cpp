@@ -1,0 +1,152 @@
+#include "tarnwell/settings/Logger.h"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/version.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+
+#include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/FatalError.h"
+#include "tarnwell/settings/AppEnvironment.h"
+#include "tarnwell/settings/AppInfo.h"
+
+namespace tarnwell {
+namespace {
+
+// The logger's parts that live as long as the Environment.
+struct LoggerState {
+  explicit LoggerState(Environment& environment)
+      : queue(std::make_shared<DispatchQueue>("org.vostra.tarnwell.logger", environment.clock())) {
+    const auto container = environment.containerURL(Environment::kAppGroupIdentifier);
+    if (!container) fatalError("The app group container group.org.vostra.tarnwell cannot be found");
+    logFileURL = *container / "console.log";
+  }
+
+  std::filesystem::path logFileURL;
+  std::shared_ptr<DispatchQueue> queue;
+};
+
+LoggerState& state() { return Environment::current().component<LoggerState>(); }
+
+// "console.log" with index 2 is "console.2.log", as the rotating sink names its archives.
+std::filesystem::path archiveName(const std::filesystem::path& file, std::size_t index) {
+  auto archive = file;
+  archive.replace_filename(file.stem().string() + "." + std::to_string(index) + file.extension().string());
+  return archive;
+}
+
+void logAppDetails() {
+  const std::string pid = std::to_string(::getpid());
+  const LogOptions options{.function = "logAppDetails(selectedDestination:)"};
+  log.info(AppInfo::displayName() + " Version: " + AppInfo::versionString() + " Build: " + AppInfo::buildString() +
+               " PID: " + pid,
+           options);
+  log.info("spdlog Version: " + std::to_string(SPDLOG_VER_MAJOR) + "." + std::to_string(SPDLOG_VER_MINOR) + "." +
+               std::to_string(SPDLOG_VER_PATCH) + " - Level: " +
+               std::string(logLevelName(log.destination(Logger::kFileDestinationIdentifier)->outputLevel())),
+           options);
+  log.info("Logging to: " + Logger::logFileURL().string(), options);
+}
+
+}  // namespace
+
+struct AutoRotatingFileDestination::Writer {
+  std::shared_ptr<spdlog::logger> logger;
+  // Lines handed to the queue and not yet written; the file is flushed when
+  // it drops to zero, so a burst costs one flush and a quiet log is on disk.
+  std::atomic<int> pending{0};
+};
+
+AutoRotatingFileDestination::AutoRotatingFileDestination(Options options)
+    : identifier_(std::move(options.identifier)),
+      outputLevel_(options.outputLevel),
+      file_(std::move(options.writeToFile)),
+      targetMaxLogFiles_(options.targetMaxLogFiles),
+      queue_(std::move(options.queue)),
+      writer_(std::make_shared<Writer>()) {
+  std::error_code error;
+  if (!options.shouldAppend) std::filesystem::remove(file_, error);
+  const bool appending = std::filesystem::file_size(file_, error) > 0 && !error;
+  try {
+    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(file_.string(), options.maxFileSize,
+                                                                       options.targetMaxLogFiles, false);
+    writer_->logger = std::make_shared<spdlog::logger>(identifier_, std::move(sink));
+    writer_->logger->set_pattern("%v");
+    writer_->logger->set_level(spdlog::level::trace);
+    if (appending && !options.appendMarker.empty()) writer_->logger->log(spdlog::level::info, options.appendMarker);
+  } catch (const spdlog::spdlog_ex& failure) {
+    // The log is not worth stopping the app for: it is simply not written.
+    std::fprintf(stderr, "The log file %s cannot be opened: %s\n", file_.c_str(), failure.what());
+    writer_->logger.reset();
+  }
+}
+
+AutoRotatingFileDestination::~AutoRotatingFileDestination() = default;
+
+void AutoRotatingFileDestination::write(const LogRecord& record) {
+  if (!writer_->logger) return;
+  ++writer_->pending;
+  // The caller pays for the copy only; the text is made on the log's queue.
+  queue_->async([writer = writer_, record, zone = Region::current().timeZoneId()] {
+    writer->logger->log(spdlog::level::info, formatLogRecord(record, zone));
+    if (--writer->pending == 0) writer->logger->flush();
+  });
+}
+
+void AutoRotatingFileDestination::flush() {
+  if (!writer_->logger) return;
+  queue_->sync([writer = writer_] { writer->logger->flush(); });
+}
+
+std::vector<std::filesystem::path> AutoRotatingFileDestination::archivedFileURLs() const {
+  std::vector<std::filesystem::path> archives;
+  for (std::size_t index = 1; index <= targetMaxLogFiles_; ++index) {
+    auto archive = archiveName(file_, index);
+    if (std::filesystem::exists(archive)) archives.push_back(std::move(archive));
+  }
+  return archives;
+}
+
+const std::filesystem::path& Logger::logFileURL() { return state().logFileURL; }
+
+std::shared_ptr<DispatchQueue> Logger::logQueue() { return state().queue; }
+
+void Logger::start() {
+  const auto& file = logFileURL();
+  if (!std::filesystem::exists(file)) std::ofstream{file};  // a failure shows up when the destination opens it
+
+  auto destination = std::make_shared<AutoRotatingFileDestination>(AutoRotatingFileDestination::Options{
+      .writeToFile = file,
+      .identifier = std::string(kFileDestinationIdentifier),
+      .shouldAppend = true,
+      .appendMarker = "-- ** ** ** --",
+      .maxFileSize = kMaxFileSize,
+      .targetMaxLogFiles = kTargetMaxLogFiles,
+      .outputLevel = AppEnvironment::isTestFlight() ? LogLevel::debug : LogLevel::info,
+      .queue = logQueue(),
+  });
+  log.add(std::move(destination));
+  logAppDetails();
+
+  const DeviceInfo& device = Environment::current().device();
+  log.info("=== Device Information ===\nName: " + device.name + "\nSystem Name: " + device.systemName +
+               "\nSystem Version: " + device.systemVersion + "\nModel: " + device.model + "\nLocalized Model: " +
+               device.localizedModel + "\nIdentifier for Vender: " + device.identifierForVendor.value_or("-"),
+           {.function = "configureLogger()"});
+}
+
+std::vector<std::filesystem::path> Logger::getArchivedFileURLs() {
+  std::vector<std::filesystem::path> files{logFileURL()};
+  const auto destination =
+      std::dynamic_pointer_cast<AutoRotatingFileDestination>(log.destination(kFileDestinationIdentifier));
+  if (destination) {
+    for (auto& archive : destination->archivedFileURLs()) files.push_back(std::move(archive));
+  }
+  return files;
+}
+
+}  // namespace tarnwell

@@ -1,0 +1,94 @@
+#include "tarnwell/store/Reads.h"
+
+#include "tarnwell/settings/Settings.h"
+
+namespace tarnwell::store {
+namespace {
+
+// The first record `query` selects, unless it has no id.
+std::optional<Pickup> firstWithId(const Query& query) {
+  auto pickups = Store::open().objects<Pickup>(query);
+  if (pickups.empty() || !pickups.front().id) return std::nullopt;
+  return std::move(pickups.front());
+}
+
+Query liveFocuses() { return Query().filter("isDeleted = 0"); }
+
+Query& startingInside(Query& query, const DateInterval& interval) {
+  return query.filter("start BETWEEN ? AND ?", {interval.start(), interval.end()});
+}
+
+}  // namespace
+
+std::vector<std::string> selectIds(std::string_view className, std::string_view column, const Query& query) {
+  std::vector<std::string> ids;
+  Store store = Store::open();
+  for (auto rows = store.select(className, column, query); rows.next();) {
+    if (!rows->isNull(0)) ids.push_back(rows->text(0));
+  }
+  return ids;
+}
+
+Query liveEvents(const std::vector<std::string>& deviceIds) {
+  Query query;
+  query.filter("isDeleted = 0").filterIn("deviceId", deviceIds);
+  return query;
+}
+
+Query& touching(Query& query, DateInterval span) {
+  return query.filter("(start BETWEEN ? AND ? OR \"end\" BETWEEN ? AND ?)",
+                      {span.start(), span.end(), span.start(), span.end()});
+}
+
+std::optional<Pickup> firstPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
+  Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
+  return firstWithId(startingInside(query, between).sorted("start ASC").limited(1));
+}
+
+std::optional<Pickup> lastPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
+  Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
+  // The last of the rows sorted by end ascending, ties in store order.
+  return firstWithId(touching(query, between).sorted("\"end\" DESC, rowid DESC").limited(1));
+}
+
+std::optional<Device> currentDevice() { return liveObject<Device>(Settings::deviceId()); }
+
+std::vector<std::string> defaultDeviceIds() {
+  std::vector<std::string> ids{Settings::deviceId()};
+  if (const auto device = orNoData(currentDevice)) {
+    ids.insert(ids.end(), device->deviceIds.begin(), device->deviceIds.end());
+  }
+  return ids;
+}
+
+std::vector<std::string> focusIds(const std::optional<std::string>& tagId,
+                                  const std::optional<DateInterval>& startsBetween) {
+  Query query = liveFocuses();
+  if (tagId) query.filter("tagId = ?", {*tagId});
+  if (startsBetween) startingInside(query, *startsBetween);
+  if (tagId && startsBetween) query.sorted("start ASC");
+  return selectIds(Focus::className, "id", query);
+}
+
+FocusProgress focusProgress(const std::string& tagId, DateInterval startsBetween) {
+  Query query = liveFocuses().filter("tagId = ?", {tagId});
+  startingInside(query, startsBetween).sorted("start ASC");
+  FocusProgress sum;
+  Store store = Store::open();
+  for (auto rows = store.select(Focus::className, "id, progress", query); rows.next();) {
+    if (rows->isNull(0)) continue;
+    ++sum.count;
+    sum.seconds += rows->isNull(1) ? 0.0 : rows->real(1);
+  }
+  return sum;
+}
+
+std::optional<Date> firstFocusStart(const std::string& tagId) {
+  std::optional<Date> start;
+  Store store = Store::open();
+  auto rows = store.select("SELECT MIN(start) FROM Focus WHERE isDeleted = 0 AND tagId = ?1", {tagId});
+  if (rows.next()) readValue(*rows, 0, start);
+  return start;
+}
+
+}  // namespace tarnwell::store

@@ -1,0 +1,114 @@
+// The shared reads: cursors that let go of the store however they end, the
+// one rule for a store that fails, and the edge rules of the night's pickups
+// and of the default devices.
+
+#include "tarnwell/store/Reads.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include "support/TestEnvironment.h"
+#include "tarnwell/modules/Database.h"
+#include "tarnwell/settings/Settings.h"
+
+namespace tarnwell {
+namespace {
+
+using store::Store;
+
+const Date t0 = testing::defaultTestNow();
+
+class ReadsTest : public testing::EnvironmentTest {
+ protected:
+  void SetUp() override { Database::start(); }
+  std::vector<std::string> me() { return {Settings::deviceId()}; }
+
+  // Writes a pickup on another thread, so on another connection.
+  static void addPickupElsewhere(Date start, Date end) {
+    std::thread([=] { Database::addPickup(start, end); }).join();
+  }
+  static std::size_t pickupCount() { return Database::getPickups(DateInterval(t0, t0 + 3600), {Settings::deviceId()}).size(); }
+};
+
+// A statement that is stepped but never reset keeps its read open, and the
+// connection then keeps seeing the store as it was: the next read would miss
+// every later commit. Each way out of a cursor must let go.
+TEST_F(ReadsTest, ACursorLeftEarlyOrByAThrowLetsGoOfItsRead) {
+  Database::addPickup(t0, t0 + 10);
+  Database::addPickup(t0 + 20, t0 + 30);
+  const std::string sql = "SELECT id FROM Pickup ORDER BY rowid";
+  {
+    auto rows = Store::open().select(sql);
+    ASSERT_TRUE(rows.next());  // one row of two, then left
+  }
+  addPickupElsewhere(t0 + 40, t0 + 50);
+  EXPECT_EQ(pickupCount(), 3u);
+
+  EXPECT_THROW(
+      {
+        for (auto rows = Store::open().select(sql); rows.next();) throw std::runtime_error("stop");
+      },
+      std::runtime_error);
+  addPickupElsewhere(t0 + 60, t0 + 70);
+  EXPECT_EQ(pickupCount(), 4u);
+  // The cached statement comes back ready, from its first row.
+  auto again = Store::open().select(sql);
+  int count = 0;
+  while (again.next()) ++count;
+  EXPECT_EQ(count, 4);
+}
+
+TEST_F(ReadsTest, AFailingStoreReadsAsNoDataAndNothingElseIsSwallowed) {
+  const auto empty = store::orNoData([]() -> std::vector<std::string> { throw sqlite::Error(11, "malformed"); });
+  EXPECT_TRUE(empty.empty());
+  EXPECT_EQ(store::orNoData([]() -> std::optional<Pickup> { throw sqlite::Error(5, "busy"); }), std::nullopt);
+  EXPECT_THROW(store::orNoData([]() -> std::optional<int> { throw std::logic_error("a bug"); }), std::logic_error);
+}
+
+TEST_F(ReadsTest, OfEqualEndsTheLastPickupIsTheOneAddedLast) {
+  const DateInterval evening(t0, t0 + 100);
+  Database::addPickup(t0 + 10, t0 + 50);
+  const std::string later = Database::addPickup(t0 + 30, t0 + 50);
+  EXPECT_EQ(store::lastPickup(evening, me())->id, later);
+  // The first is by start, whatever the order of adding.
+  const std::string earliest = Database::addPickup(t0 + 5, t0 + 6);
+  EXPECT_EQ(store::firstPickup(evening, me())->id, earliest);
+}
+
+TEST_F(ReadsTest, APickupWithoutAnIdBoundsNoNight) {
+  Pickup stray(t0 + 10, t0 + 20);
+  stray.id.reset();
+  Store::open().write([&](auto& t) { t.add(stray, store::UpdatePolicy::error); });
+  EXPECT_FALSE(store::firstPickup(DateInterval(t0, t0 + 100), me()));
+  EXPECT_FALSE(store::lastPickup(DateInterval(t0, t0 + 100), me()));
+}
+
+TEST_F(ReadsTest, TheDefaultDevicesAreThisOneThenTheRelatedOnes) {
+  Database::setCurrentDeviceRelation("TABLET", true);
+  EXPECT_EQ(store::defaultDeviceIds(), (std::vector<std::string>{Settings::deviceId(), "TABLET"}));
+  // A store that cannot be read still has this device.
+  std::filesystem::remove_all(Database::fileURL().parent_path());
+  std::filesystem::create_directories(Database::fileURL());  // a folder where the file was
+  Store::invalidate(Database::fileURL());
+  EXPECT_THROW(store::currentDevice(), sqlite::Error);
+  EXPECT_EQ(store::defaultDeviceIds(), std::vector<std::string>{Settings::deviceId()});
+}
+
+TEST_F(ReadsTest, FocusIdsAreByStartOnlyForATagsSpan) {
+  const auto add = [](const std::string& tag, Date start) {
+    return Database::addFocus(std::nullopt, start, start + 60, tag, 60, 60, std::nullopt, std::nullopt, std::nullopt);
+  };
+  const std::string late = add("working", t0 + 600), early = add("working", t0), other = add("studying", t0 + 300);
+  const DateInterval hour(t0, t0 + 3600);
+  EXPECT_EQ(store::focusIds("working", hour), (std::vector<std::string>{early, late}));
+  EXPECT_EQ(store::focusIds(std::nullopt, hour), (std::vector<std::string>{late, early, other}));
+  EXPECT_EQ(store::focusProgress("working", hour).count, 2u);
+  EXPECT_EQ(store::firstFocusStart("working"), t0);
+  EXPECT_EQ(store::firstFocusStart("reading"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace tarnwell
