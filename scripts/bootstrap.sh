@@ -6,7 +6,7 @@ packages=(
   cmake ninja-build g++ pkg-config
   libsqlite3-dev libicu-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libcli11-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang-format
+  clang-format python3
 )
 
 missing=()

@@ -18,15 +18,11 @@ void sortByStart(std::vector<FocusData>& focuses) {
 }  // namespace
 
 Focuses::Focuses(std::optional<DateInterval> asked, const std::optional<std::string>& tagId) : interval(asked) {
-  std::vector<std::string> ids;
-  try {
-    ids = store::focusIds(tagId, asked);
-  } catch (const sqlite::Error&) {
-    return;  // no snapshot: `focuses` stays empty-handed
-  }
+  const auto ids = store::orNoData([&] { return std::optional(store::focusIds(tagId, asked)); });
+  if (!ids) return;  // no snapshot: `focuses` stays empty-handed
   std::vector<FocusData> datas;
-  datas.reserve(ids.size());
-  for (const auto& id : ids) {
+  datas.reserve(ids->size());
+  for (const auto& id : *ids) {
     // The list and the records are not read in one transaction: a session
     // deleted in between is skipped.
     const auto focus = store::orNoData([&id] { return store::liveObject<Focus>(id); });

@@ -14,6 +14,7 @@
 #include "tarnwell/records/App.h"
 #include "tarnwell/records/Focus.h"
 #include "tarnwell/settings/Settings.h"
+#include "tarnwell/store/Reads.h"
 #include "tarnwell/store/Store.h"
 
 namespace tarnwell {
@@ -230,13 +231,8 @@ void Database::setupRealmData() {
   if (!getTags(false, false).empty() && !Settings::shouldCreateDefaultTags()) return;
   Settings::setShouldCreateDefaultTags(false);
   for (const auto type : DefaultTagTypes::initialTags) {
-    std::optional<Tag> existing;
-    try {
-      existing = Store::open().object<Tag>(info(type).id);
-    } catch (const sqlite::Error&) {
-      // Counts as not found: the tag is built again.
-    }
-    if (existing && !existing->isDeleted) continue;
+    // A tag that cannot be read counts as not found: it is built again.
+    if (store::orNoData([type] { return store::liveObject<Tag>(info(type).id); })) continue;
     const Tag tag = makeDefaultTag(type);
     Store::open().write([&tag](WriteTransaction& t) { t.add(tag, UpdatePolicy::all); });
   }

@@ -20,7 +20,8 @@ namespace {
 template <class Record>
 std::vector<std::string> rangeQuery(DateInterval between, const std::vector<std::string>& deviceIds) {
   std::vector<std::string> ids;
-  store::forEachEvent<Record>(between, deviceIds, [&ids](const std::string& id, const DateInterval&) { ids.push_back(id); });
+  store::forEachEvent<Record>(between, deviceIds,
+                              [&ids](const std::string& id, const DateInterval&) { ids.push_back(id); });
   return ids;
 }
 
@@ -66,8 +67,8 @@ std::optional<std::string> Database::getLastPickup(DateInterval between, const s
 }
 
 std::optional<Pickup> Database::getPickup(Date start, Date end, const std::vector<std::string>& deviceIds) {
-  auto pickups =
-      Store::open().objects<Pickup>(store::liveEvents(deviceIds).filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
+  auto pickups = Store::open().objects<Pickup>(
+      store::liveEvents(deviceIds).filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
   if (pickups.empty()) return std::nullopt;
   return std::move(pickups.front());
 }

@@ -30,7 +30,9 @@ class ReadsTest : public testing::EnvironmentTest {
   static void addPickupElsewhere(Date start, Date end) {
     std::thread([=] { Database::addPickup(start, end); }).join();
   }
-  static std::size_t pickupCount() { return Database::getPickups(DateInterval(t0, t0 + 3600), {Settings::deviceId()}).size(); }
+  static std::size_t pickupCount() {
+    return Database::getPickups(DateInterval(t0, t0 + 3600), {Settings::deviceId()}).size();
+  }
 };
 
 // A statement that is stepped but never reset keeps its read open, and the

@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → settings → extensions → records → store → health → [analytics] → charts → modules.
+//
 // EventsOfDay: the metrics of one day, for one list of devices.
 //
 // A day of this system lasts 24 hours from the calendar day's start plus the

@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → settings → extensions → records → store → health → analytics → [charts] → modules.
+//
 // The model behind every chart: a metric (StatisticsDataType) read for a
 // date and a range becomes entries with their labels, both axes, the
 // baseline and average lines, and today's value, total, average, minimum

@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → settings → [extensions] → records → store → health → analytics → charts → modules.
+//
 // The texts every number a user reads passes through: durations (1h30m),
 // timer faces (25:00), clock times, date captions and counts.
 //

@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → settings → extensions → records → store → [health] → analytics → charts → modules.
+//
 // HealthManager: the one object that talks to the health store.
 //
 // When the user picks another application as the source of sleep, its

@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → settings → extensions → records → store → health → analytics → charts → [modules].
+//
 // Database: the one facade of the store.
 //
 // Everything persistent goes through these static members. Database::start()

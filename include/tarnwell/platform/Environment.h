@@ -1,3 +1,5 @@
+// Layers, bottom to top: [platform] → widgets → settings → extensions → records → store → health → analytics → charts → modules.
+//
 // Environment: everything the outside world provides, in one replaceable place.
 //
 // One Environment is installed per process. It owns the folders of the

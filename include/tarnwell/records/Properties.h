@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → settings → extensions → [records] → store → health → analytics → charts → modules.
+//
 // The one declaration of a record's stored properties.
 //
 // Each record type lists its properties once, in order, as a tuple of

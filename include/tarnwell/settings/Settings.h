@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → [settings] → extensions → records → store → health → analytics → charts → modules.
+//
 // Settings: the user's preferences and a few pieces of shared state.
 //
 // Every setting is a static property backed by a preference store: most live

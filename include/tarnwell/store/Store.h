@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → widgets → settings → extensions → records → [store] → health → analytics → charts → modules.
+//
 // Store: the embedded object store, one SQLite file of records.
 //
 // A Store is a handle on the calling thread's connection to the file; every

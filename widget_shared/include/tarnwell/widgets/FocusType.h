@@ -1,3 +1,5 @@
+// Layers, bottom to top: platform → [widgets] → settings → extensions → records → store → health → analytics → charts → modules.
+//
 // The kinds of focus timer, shared with the widget and intent extensions.
 //
 // AbstractFocusType names a kind; FocusType is a kind with its parameters,
