@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <tuple>
 
 #include "Cli.h"
 #include "tarnwell/analytics/EventsCombo.h"
@@ -179,22 +180,22 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       ->required();
   chart->add_option("--range", a->range, "day, week, month or year (default: week)");
   chart->add_option("--date", a->date, "ISO 8601 (default: now)");
-  chart->callback([&options, &action, a] {
-    action = [&options, a] {
-      const auto range = statisticsDateRangeFromRawValue(a->range);
-      if (!range) refuse("--range", a->range, "day, week, month or year");
-      const Date date = a->date ? parseInstant(*a->date) : Date::now();
-      const auto dataType = parseMetric(a->metric);
-      startStore();
-      const StatisticsData model(date, *range, dataType);
-      Output(options).print(chartJSON(model), chartText(model));
-    };
-  });
+  onRun(
+      chart, action,
+      [a] {
+        const auto range = statisticsDateRangeFromRawValue(a->range);
+        if (!range) refuse("--range", a->range, "day, week, month or year");
+        const Date date = parseInstantOrNow(a->date);
+        return std::tuple(date, *range, parseMetric(a->metric));
+      },
+      [&options](const auto& input) {
+        const auto& [date, range, dataType] = input;
+        const StatisticsData model(date, range, dataType);
+        Output(options).print(chartJSON(model), chartText(model));
+      });
 
-  app.add_subcommand("streaks", "Days in a row the screen-time, pickup and sleep goals were kept or missed")
-      ->callback([&options, &action] {
-        action = [&options] {
-          startStore();
+  onRun(app.add_subcommand("streaks", "Days in a row the screen-time, pickup and sleep goals were kept or missed"),
+        action, [&options] {
           const EventsCombo combo = EventsCombo::currentCombo();
           Output(options).print({{"date", combo.date().iso8601()},
                                  {"screenTimeCombo", comboJSON(combo.screenTimeCombo)},
@@ -202,55 +203,55 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
                                  {"sleepTimeCombo", comboJSON(combo.sleepTimeCombo)}},
                                 "Screen time  " + comboText(combo.screenTimeCombo) + "\nPickups      " +
                                     comboText(combo.pickupCombo) + "\nSleep        " + comboText(combo.sleepTimeCombo));
-        };
-      });
+        });
 
   auto* summary = app.add_subcommand("summary", "Totals and averages of a run of days");
   summary->add_option("--from", a->from, "ISO 8601 first day (default: 6 days ago)");
   summary->add_option("--count", a->count, "Number of days (default: 7)");
-  summary->callback([&options, &action, a] {
-    action = [&options, a] {
-      if (a->count < 0 || a->count > 3660) refuse("--count", std::to_string(a->count), "a number of days, 0 to 3660");
-      const Date from = a->from ? parseInstant(*a->from) : Date::now().startOfDay().addingDay(-6);
-      startStore();
-      const EventsOfDays days(from.startOfDay(), a->count);
-      const auto clock = [](const DateComponents& time) {
-        char text[16];
-        std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
-        return std::string(text);
-      };
-      const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
-      const auto [screenTotal, screenAverage] = days.screenTime();
-      const auto [pickupTotal, pickupAverage] = days.pickupTimes();
-      const auto [walkTotal, walkAverage] = days.walkingLife();
-      const auto [indoorTotal, indoorAverage] = days.indoorLife();
-      const auto longest = days.longestPickup();
-      nlohmann::ordered_json json = {{"start", from.startOfDay().iso8601()},
-                                     {"count", a->count},
-                                     {"screenTime", {{"total", screenTotal}, {"average", screenAverage}}},
-                                     {"pickupTimes", {{"total", pickupTotal}, {"average", pickupAverage}}},
-                                     {"walkingLife", {{"total", walkTotal}, {"average", walkAverage}}},
-                                     {"indoorLife", {{"total", indoorTotal}, {"average", indoorAverage}}},
-                                     {"longestPickup", optionalJSON(longest)},
-                                     {"averageCheckingEvery", days.averageCheckingEvery()},
-                                     {"averageBestBreak", days.averageBestBreak()},
-                                     {"averageContinuouslyUsage", days.averageContinuouslyUsage()},
-                                     {"averageSleepTime", days.averageSleepTime()},
-                                     {"averageFirstPickup", clock(days.averageFirstPickup())},
-                                     {"averageLastPickup", clock(days.averageLastPickup())}};
-      const std::string text =
-          "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
-          "Pickups             " + std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)\n" +
-          "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
-          "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
-          "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
-          duration(days.averageCheckingEvery()) + "\n" + "Best break          " + duration(days.averageBestBreak()) +
-          "\n" + "Continuous use      " + duration(days.averageContinuouslyUsage()) + "\n" + "Sleep               " +
-          duration(days.averageSleepTime()) + "\n" + "First pickup        " + clock(days.averageFirstPickup()) + "\n" +
-          "Last pickup         " + clock(days.averageLastPickup());
-      Output(options).print(json, text);
-    };
-  });
+  onRun(
+      summary, action,
+      [a] {
+        if (a->count < 0 || a->count > 3660) refuse("--count", std::to_string(a->count), "a number of days, 0 to 3660");
+        return a->from ? parseInstant(*a->from) : Date::now().startOfDay().addingDay(-6);
+      },
+      [&options, a](Date from) {
+        const EventsOfDays days(from.startOfDay(), a->count);
+        const auto clock = [](const DateComponents& time) {
+          char text[16];
+          std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
+          return std::string(text);
+        };
+        const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
+        const auto [screenTotal, screenAverage] = days.screenTime();
+        const auto [pickupTotal, pickupAverage] = days.pickupTimes();
+        const auto [walkTotal, walkAverage] = days.walkingLife();
+        const auto [indoorTotal, indoorAverage] = days.indoorLife();
+        const auto longest = days.longestPickup();
+        nlohmann::ordered_json json = {{"start", from.startOfDay().iso8601()},
+                                       {"count", a->count},
+                                       {"screenTime", {{"total", screenTotal}, {"average", screenAverage}}},
+                                       {"pickupTimes", {{"total", pickupTotal}, {"average", pickupAverage}}},
+                                       {"walkingLife", {{"total", walkTotal}, {"average", walkAverage}}},
+                                       {"indoorLife", {{"total", indoorTotal}, {"average", indoorAverage}}},
+                                       {"longestPickup", optionalJSON(longest)},
+                                       {"averageCheckingEvery", days.averageCheckingEvery()},
+                                       {"averageBestBreak", days.averageBestBreak()},
+                                       {"averageContinuouslyUsage", days.averageContinuouslyUsage()},
+                                       {"averageSleepTime", days.averageSleepTime()},
+                                       {"averageFirstPickup", clock(days.averageFirstPickup())},
+                                       {"averageLastPickup", clock(days.averageLastPickup())}};
+        const std::string text =
+            "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
+            "Pickups             " + std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)\n" +
+            "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
+            "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
+            "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
+            duration(days.averageCheckingEvery()) + "\n" + "Best break          " + duration(days.averageBestBreak()) +
+            "\n" + "Continuous use      " + duration(days.averageContinuouslyUsage()) + "\n" + "Sleep               " +
+            duration(days.averageSleepTime()) + "\n" + "First pickup        " + clock(days.averageFirstPickup()) +
+            "\n" + "Last pickup         " + clock(days.averageLastPickup());
+        Output(options).print(json, text);
+      });
 }
 
 }  // namespace tarnwell::cli

@@ -9,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 #include "tarnwell/platform/Base64.h"
 #include "tarnwell/platform/Date.h"
@@ -57,8 +59,20 @@ std::string plainText(const nlohmann::ordered_json& value);
 
 // An ISO 8601 instant in the current region's zone; InputError otherwise.
 Date parseInstant(std::string_view text);
+// The instant given, or now when none was.
+Date parseInstantOrNow(const std::optional<std::string>& text);
 // Two instants, the start not after the end.
 std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end);
+
+// --from and --to of a command that reads a stretch of time, each end open
+// when left out. Held with the command's arguments: the options write here.
+struct RangeOptions {
+  std::optional<std::string> from, to;
+  void addTo(CLI::App* command, const std::string& fromHelp = "ISO 8601 (default: any time)",
+             const std::string& toHelp = "ISO 8601 (default: any time)");
+  // Nothing when neither was given; InputError for a bad instant or a --from after --to.
+  std::optional<DateInterval> parse() const;
+};
 
 // Option values; InputError naming the option `name` otherwise.
 [[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts);
@@ -102,6 +116,39 @@ nlohmann::ordered_json recordJSON(const Record& record);
 // Starts the store as the app does at launch; a store that had to be set
 // aside is reported as bad input in one line.
 void startStore();
+
+// When `command` is chosen, `action` becomes: `parse` the input, start the
+// store, hand what `parse` returned to `body`. Bad input never opens the store.
+template <class Parse, class Body>
+void onRun(CLI::App* command, Action& action, Parse parse, Body body) {
+  command->callback([&action, parse, body] {
+    action = [parse, body] {
+      if constexpr (std::is_void_v<decltype(parse())>) {
+        parse();
+        startStore();
+        body();
+      } else {
+        auto input = parse();
+        startStore();
+        body(input);
+      }
+    };
+  });
+}
+
+// A command with no input to check before the store starts.
+template <class Body>
+void onRun(CLI::App* command, Action& action, Body body) {
+  const auto nothingToParse = [] {};
+  onRun(command, action, nothingToParse, std::move(body));
+}
+
+// When `command` is chosen, `action` becomes `body` alone: for the commands
+// that must not open the store (info, settings, format).
+template <class Body>
+void onRunWithoutStore(CLI::App* command, Action& action, Body body) {
+  command->callback([&action, body] { action = body; });
+}
 
 // Today's or any day's metrics, night and hours.
 void printDay(const GlobalOptions& options, const EventsOfDay& day);

@@ -157,16 +157,14 @@ void addDayCommand(CLI::App& app, const GlobalOptions& options, Action& action) 
   auto* day = app.add_subcommand("day", "Every metric of a day, its night and its hours");
   day->add_option("DATE", arguments->date, "ISO 8601 date or time (default: today)");
   day->add_option("--devices", arguments->devices, "Device ids (default: this device and related ones)");
-  day->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      const Date date = arguments->date ? parseInstant(*arguments->date) : Date::now();
-      startStore();
-      const EventsOfDay events(date, arguments->devices.empty()
-                                         ? std::nullopt
-                                         : std::optional<std::vector<std::string>>(arguments->devices));
-      printDay(options, events);
-    };
-  });
+  onRun(
+      day, action, [arguments] { return parseInstantOrNow(arguments->date); },
+      [&options, arguments](Date date) {
+        const EventsOfDay events(date, arguments->devices.empty()
+                                           ? std::nullopt
+                                           : std::optional<std::vector<std::string>>(arguments->devices));
+        printDay(options, events);
+      });
 }
 
 }  // namespace tarnwell::cli

@@ -141,36 +141,33 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
   demo->add_option("--days", arguments->days, "Days of history, today included (default 14)")
       ->check(CLI::Range(1, 3660));
   demo->add_option("--seed", arguments->seed, "Seed of the made-up history (default 20261122)");
-  demo->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      startStore();
-      const std::string phone = Settings::deviceId();
-      if (!Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {phone}).empty()) {
-        throw InputError("this installation already has events; give demo a fresh --container");
-      }
-      Random random(arguments->seed);
-      const std::string tablet = random.uuid();
-      const Date now = Date::now();
-      History history;
-      for (int back = arguments->days - 1; back >= 0; --back) {
-        makeDay(random, now.addingDay(-back), now, back == std::min(3, arguments->days - 1), phone, tablet, history);
-      }
+  onRun(demo, action, [&options, arguments] {
+    const std::string phone = Settings::deviceId();
+    if (!Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {phone}).empty()) {
+      throw InputError("this installation already has events; give demo a fresh --container");
+    }
+    Random random(arguments->seed);
+    const std::string tablet = random.uuid();
+    const Date now = Date::now();
+    History history;
+    for (int back = arguments->days - 1; back >= 0; --back) {
+      makeDay(random, now.addingDay(-back), now, back == std::min(3, arguments->days - 1), phone, tablet, history);
+    }
 
-      auto thisDevice = Database::getCurrentDevice().value_or(Device(phone, "Phone"));
-      thisDevice.appendDeviceId(tablet);
-      store::Store::open().write([&](store::WriteTransaction& t) {
-        t.add(thisDevice);
-        t.add(Device(tablet, "Demo tablet"));
-        for (const auto& pickup : history.pickups) t.add(pickup, store::UpdatePolicy::error);
-        for (const auto& walk : history.walks) t.add(walk, store::UpdatePolicy::error);
-        for (const auto& alive : history.alives) t.add(alive, store::UpdatePolicy::error);
-      });
-      if (!options.json) {
-        std::printf("Made %zu pickups, %zu walks and %zu alive spans over %d days on this device and a tablet.\n\n",
-                    history.pickups.size(), history.walks.size(), history.alives.size(), arguments->days);
-      }
-      printDay(options, EventsOfDay(now, std::nullopt));
-    };
+    auto thisDevice = Database::getCurrentDevice().value_or(Device(phone, "Phone"));
+    thisDevice.appendDeviceId(tablet);
+    store::Store::open().write([&](store::WriteTransaction& t) {
+      t.add(thisDevice);
+      t.add(Device(tablet, "Demo tablet"));
+      for (const auto& pickup : history.pickups) t.add(pickup, store::UpdatePolicy::error);
+      for (const auto& walk : history.walks) t.add(walk, store::UpdatePolicy::error);
+      for (const auto& alive : history.alives) t.add(alive, store::UpdatePolicy::error);
+    });
+    if (!options.json) {
+      std::printf("Made %zu pickups, %zu walks and %zu alive spans over %d days on this device and a tablet.\n\n",
+                  history.pickups.size(), history.walks.size(), history.alives.size(), arguments->days);
+    }
+    printDay(options, EventsOfDay(now, std::nullopt));
   });
 }
 

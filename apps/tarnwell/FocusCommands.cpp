@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <regex>
+#include <tuple>
 
 #include "Cli.h"
 #include "tarnwell/extensions/Strings.h"
@@ -17,8 +18,8 @@ using widgets::FocusType;
 struct Arguments {
   std::string id, title, start, end, after;
   std::vector<std::string> ids;
-  std::optional<std::string> emoji, color, goal, type, mode, tag, from, to, date, migrateTo, newId, progress, mindful,
-      focusStart;
+  std::optional<std::string> emoji, color, goal, type, mode, tag, date, migrateTo, newId, progress, mindful, focusStart;
+  RangeOptions range;
   bool archived = false, noDefault = false, mindfulFlag = false;
 };
 
@@ -97,6 +98,11 @@ void printTag(const GlobalOptions& options, const std::string& id) {
   Output(options).print(tag ? tagJSON(*tag) : nlohmann::ordered_json(nullptr), tag ? tagLine(*tag) : id);
 }
 
+void printFocus(const GlobalOptions& options, const std::string& id) {
+  const auto row = Database::getFocus(id);
+  Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), row ? focusLine(*row) : id);
+}
+
 // The options add and edit share; `edit` offers "none" to clear the goal.
 void addTagOptions(CLI::App* command, Arguments& a, bool edit) {
   command->add_option("--emoji", a.emoji, "One emoji");
@@ -115,62 +121,60 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   auto* list = tag->add_subcommand("list", "Tags in the user's order, the default tag first");
   list->add_flag("--archived", a->archived, "The archived tags instead");
   list->add_flag("--no-default", a->noDefault, "Leave out the default tag");
-  list->callback([&options, &action, a] {
-    action = [&options, a] {
-      startStore();
-      printRows(options, Database::getTags(a->archived, a->noDefault), &Database::getTag, tagJSON, tagLine);
-    };
+  onRun(list, action, [&options, a] {
+    printRows(options, Database::getTags(a->archived, a->noDefault), &Database::getTag, tagJSON, tagLine);
   });
 
   auto* add = tag->add_subcommand("add", "Make a tag; prints it");
   add->add_option("TITLE", a->title)->required();
   addTagOptions(add, *a, false);
   add->add_flag("--mindful", a->mindfulFlag, "Write its sessions to the health store as mindful time");
-  add->callback([&options, &action, a] {
-    action = [&options, a] {
-      if (a->title.empty()) throw InputError("a tag needs a title");
-      const Color color = parseColor(a->color.value_or(std::string(TagColors::defaultColor)));
-      const auto goal = a->goal ? std::optional(parseGoal(*a->goal)) : std::nullopt;
-      const FocusType type = a->type ? parseFocusType("--type", *a->type) : FocusType::defaultType();
-      startStore();
-      const std::string id =
-          Database::addTag(a->title, a->emoji, color, type, goal, std::nullopt, a->mindfulFlag, std::nullopt);
-      printTag(options, id);
-    };
-  });
+  onRun(
+      add, action,
+      [a] {
+        if (a->title.empty()) throw InputError("a tag needs a title");
+        const Color color = parseColor(a->color.value_or(std::string(TagColors::defaultColor)));
+        const auto goal = a->goal ? std::optional(parseGoal(*a->goal)) : std::nullopt;
+        const FocusType type = a->type ? parseFocusType("--type", *a->type) : FocusType::defaultType();
+        return std::tuple(color, goal, type);
+      },
+      [&options, a](const auto& input) {
+        const auto& [color, goal, type] = input;
+        printTag(options,
+                 Database::addTag(a->title, a->emoji, color, type, goal, std::nullopt, a->mindfulFlag, std::nullopt));
+      });
 
   auto* edit = tag->add_subcommand("edit", "Change a tag's fields; the others stay");
   edit->add_option("ID", a->id)->required();
   edit->add_option("--title", a->title, "New title");
   addTagOptions(edit, *a, true);
   edit->add_option("--mindful", a->mindful, "true or false");
-  edit->callback([&options, &action, a] {
-    action = [&options, a] {
-      TagEdit changes;
-      if (!a->title.empty()) changes.title = a->title;
-      changes.emoji = a->emoji;
-      if (a->color) changes.color = parseColor(*a->color);
-      if (a->goal) changes.focusGoal = *a->goal == "none" ? std::nullopt : std::optional(parseGoal(*a->goal));
-      if (a->type) changes.focusType = parseFocusType("--type", *a->type);
-      if (a->mindful) changes.syncToMindfulness = parseBool("--mindful", *a->mindful);
-      startStore();
-      requireTag(a->id);
-      printTag(options, Database::editTag(a->id, changes));
-    };
-  });
+  onRun(
+      edit, action,
+      [a] {
+        TagEdit changes;
+        if (!a->title.empty()) changes.title = a->title;
+        changes.emoji = a->emoji;
+        if (a->color) changes.color = parseColor(*a->color);
+        if (a->goal) changes.focusGoal = *a->goal == "none" ? std::nullopt : std::optional(parseGoal(*a->goal));
+        if (a->type) changes.focusType = parseFocusType("--type", *a->type);
+        if (a->mindful) changes.syncToMindfulness = parseBool("--mindful", *a->mindful);
+        return changes;
+      },
+      [&options, a](const TagEdit& changes) {
+        requireTag(a->id);
+        printTag(options, Database::editTag(a->id, changes));
+      });
 
   auto* move = tag->add_subcommand("move", "Put a tag in the place of another");
   move->add_option("ID", a->id)->required();
   move->add_option("--after", a->after, "The tag whose place it takes")->required();
-  move->callback([&options, &action, a] {
-    action = [&options, a] {
-      startStore();
-      requireTag(a->id);
-      requireTag(a->after);
-      Database::moveTag(a->id, a->after);
-      const auto ids = Database::getTags(false, false);
-      Output(options).print(ids, joinLines(ids));
-    };
+  onRun(move, action, [&options, a] {
+    requireTag(a->id);
+    requireTag(a->after);
+    Database::moveTag(a->id, a->after);
+    const auto ids = Database::getTags(false, false);
+    Output(options).print(ids, joinLines(ids));
   });
 
   for (const bool archive : {true, false}) {
@@ -178,62 +182,52 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
         tag->add_subcommand(archive ? "archive" : "unarchive",
                             archive ? "Hide tags from pickers, keeping their statistics" : "Show tags again");
     command->add_option("ID", a->ids)->required();
-    command->callback([&options, &action, a, archive] {
-      action = [&options, a, archive] {
-        startStore();
-        for (const auto& id : a->ids) requireTag(id);
-        Database::archiveTags(a->ids, archive);
-        Output(options).print(a->ids, joinLines(a->ids));
-      };
+    onRun(command, action, [&options, a, archive] {
+      for (const auto& id : a->ids) requireTag(id);
+      Database::archiveTags(a->ids, archive);
+      Output(options).print(a->ids, joinLines(a->ids));
     });
   }
 
   auto* remove = tag->add_subcommand("delete", "Delete a tag; its sessions move to another or are deleted");
   remove->add_option("ID", a->id)->required();
   remove->add_option("--migrate-to", a->migrateTo, "The tag that takes the sessions");
-  remove->callback([&options, &action, a] {
-    action = [&options, a] {
-      startStore();
-      const auto row = Database::getTag(requireTag(a->id));
-      if (row->isDefault) throw InputError("the default tag cannot be deleted");
-      if (a->migrateTo) requireTag(*a->migrateTo);
-      Database::deleteTag(a->id, a->migrateTo);
-      Output(options).print({{"id", a->id}}, a->id);
-    };
+  onRun(remove, action, [&options, a] {
+    const auto row = Database::getTag(requireTag(a->id));
+    if (row->isDefault) throw InputError("the default tag cannot be deleted");
+    if (a->migrateTo) requireTag(*a->migrateTo);
+    Database::deleteTag(a->id, a->migrateTo);
+    Output(options).print({{"id", a->id}}, a->id);
   });
 
   auto* streak = tag->add_subcommand("streak", "The tag's run of days back from a day");
   streak->add_option("ID", a->id)->required();
   streak->add_option("--date", a->date, "ISO 8601 (default: now)");
-  streak->callback([&options, &action, a] {
-    action = [&options, a] {
-      const Date date = a->date ? parseInstant(*a->date) : Date::now();
-      startStore();
-      const auto combo = Database::getFocusCombo(a->id, date);
-      if (!combo) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
-      static constexpr const char* kKinds[] = {"streak", "fail", "focus"};
-      const char* kind = kKinds[static_cast<int>(combo->kind)];
-      Output(options).print(
-          {{"tagId", a->id}, {"combo", {{"kind", kind}, {"days", combo->days}}}},
-          std::string(kind) + " " + std::to_string(combo->days) + (combo->days == 1 ? " day" : " days"));
-    };
-  });
+  onRun(
+      streak, action, [a] { return parseInstantOrNow(a->date); },
+      [&options, a](Date date) {
+        const auto combo = Database::getFocusCombo(a->id, date);
+        if (!combo) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
+        static constexpr const char* kKinds[] = {"streak", "fail", "focus"};
+        const char* kind = kKinds[static_cast<int>(combo->kind)];
+        Output(options).print(
+            {{"tagId", a->id}, {"combo", {{"kind", kind}, {"days", combo->days}}}},
+            std::string(kind) + " " + std::to_string(combo->days) + (combo->days == 1 ? " day" : " days"));
+      });
 
   auto* progress = tag->add_subcommand("progress", "Seconds focused on a day over the tag's goal");
   progress->add_option("ID", a->id)->required();
   progress->add_option("--date", a->date, "ISO 8601 (default: now)");
-  progress->callback([&options, &action, a] {
-    action = [&options, a] {
-      const Date date = a->date ? parseInstant(*a->date) : Date::now();
-      startStore();
-      const auto value = Database::getGoalProgress(a->id, date);
-      const bool finite = value && std::isfinite(*value);
-      Output(options).print({{"tagId", a->id}, {"progress", finite ? nlohmann::ordered_json(*value) : nullptr}},
-                            !value   ? "no goal"
-                            : finite ? std::to_string(std::lround(*value * 100)) + "%"
-                                     : "-");
-    };
-  });
+  onRun(
+      progress, action, [a] { return parseInstantOrNow(a->date); },
+      [&options, a](Date date) {
+        const auto value = Database::getGoalProgress(a->id, date);
+        const bool finite = value && std::isfinite(*value);
+        Output(options).print({{"tagId", a->id}, {"progress", finite ? nlohmann::ordered_json(*value) : nullptr}},
+                              !value   ? "no goal"
+                              : finite ? std::to_string(std::lround(*value * 100)) + "%"
+                                       : "-");
+      });
 }
 
 void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
@@ -250,21 +244,22 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
   add->add_option("--type", a->type, "Timer: pomodoro:SECONDS, countdown:SECONDS or addTime");
   add->add_option("--mode", a->mode, "easy or strict");
   add->add_option("--id", a->newId, "Id; a session of that id is replaced");
-  add->callback([&options, &action, a] {
-    action = [&options, a] {
-      const auto [start, end] = parseSpan(a->start, a->end);
-      const double length = end - start;
-      const double goal = a->goal ? parseSeconds("--goal", *a->goal) : length;
-      const double progress = a->progress ? parseSeconds("--progress", *a->progress) : length;
-      const auto type = a->type ? std::optional(parseFocusType("--type", *a->type)) : std::nullopt;
-      const auto mode = a->mode ? std::optional(parseMode(*a->mode)) : std::nullopt;
-      startStore();
-      if (a->tag) requireTag(*a->tag);
-      const std::string id = Database::addFocus(a->newId, start, end, a->tag, goal, progress, type, mode, std::nullopt);
-      const auto row = Database::getFocus(id);
-      Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), row ? focusLine(*row) : id);
-    };
-  });
+  onRun(
+      add, action,
+      [a] {
+        const auto [start, end] = parseSpan(a->start, a->end);
+        const double length = end - start;
+        const double goal = a->goal ? parseSeconds("--goal", *a->goal) : length;
+        const double progress = a->progress ? parseSeconds("--progress", *a->progress) : length;
+        const auto type = a->type ? std::optional(parseFocusType("--type", *a->type)) : std::nullopt;
+        const auto mode = a->mode ? std::optional(parseMode(*a->mode)) : std::nullopt;
+        return std::tuple(start, end, goal, progress, type, mode);
+      },
+      [&options, a](const auto& input) {
+        const auto& [start, end, goal, progress, type, mode] = input;
+        if (a->tag) requireTag(*a->tag);
+        printFocus(options, Database::addFocus(a->newId, start, end, a->tag, goal, progress, type, mode, std::nullopt));
+      });
 
   auto* edit = focus->add_subcommand("edit", "Change a session; a new progress moves its end");
   edit->add_option("ID", a->id)->required();
@@ -274,65 +269,53 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
   edit->add_option("--goal", a->goal, "Seconds aimed at");
   edit->add_option("--type", a->type, "pomodoro, countdown or addTime");
   edit->add_option("--mode", a->mode, "easy or strict");
-  edit->callback([&options, &action, a] {
-    action = [&options, a] {
-      FocusEdit changes;
-      changes.tagId = a->tag;
-      if (a->focusStart) changes.start = parseInstant(*a->focusStart);
-      if (a->progress) changes.progress = parseSeconds("--progress", *a->progress);
-      if (a->goal) changes.goal = parseSeconds("--goal", *a->goal);
-      if (a->type) {
-        changes.type = widgets::abstractFocusTypeFromRawValue(*a->type);
-        if (!changes.type) refuse("--type", *a->type, "pomodoro, countdown or addTime");
-      }
-      if (a->mode) changes.mode = parseMode(*a->mode);
-      startStore();
-      if (a->tag) requireTag(*a->tag);
-      Database::editFocus(a->id, changes);
-      const auto row = Database::getFocus(a->id);
-      Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), row ? focusLine(*row) : a->id);
-    };
-  });
+  onRun(
+      edit, action,
+      [a] {
+        FocusEdit changes;
+        changes.tagId = a->tag;
+        if (a->focusStart) changes.start = parseInstant(*a->focusStart);
+        if (a->progress) changes.progress = parseSeconds("--progress", *a->progress);
+        if (a->goal) changes.goal = parseSeconds("--goal", *a->goal);
+        if (a->type) {
+          changes.type = widgets::abstractFocusTypeFromRawValue(*a->type);
+          if (!changes.type) refuse("--type", *a->type, "pomodoro, countdown or addTime");
+        }
+        if (a->mode) changes.mode = parseMode(*a->mode);
+        return changes;
+      },
+      [&options, a](const FocusEdit& changes) {
+        if (a->tag) requireTag(*a->tag);
+        Database::editFocus(a->id, changes);
+        printFocus(options, a->id);
+      });
 
   auto* remove = focus->add_subcommand("delete", "Delete a session; an unknown id changes nothing");
   remove->add_option("ID", a->id)->required();
-  remove->callback([&options, &action, a] {
-    action = [&options, a] {
-      startStore();
-      Database::deleteFocus(a->id);
-      Output(options).print({{"id", a->id}}, a->id);
-    };
+  onRun(remove, action, [&options, a] {
+    Database::deleteFocus(a->id);
+    Output(options).print({{"id", a->id}}, a->id);
   });
 
   auto* list = focus->add_subcommand("list", "Sessions by tag and by start");
   list->add_option("--tag", a->tag, "Tag id");
-  list->add_option("--from", a->from, "ISO 8601: sessions starting from then");
-  list->add_option("--to", a->to, "ISO 8601: sessions starting until then");
-  list->callback([&options, &action, a] {
-    action = [&options, a] {
-      const bool ranged = a->from || a->to;
-      const Date from = a->from ? parseInstant(*a->from) : Date::distantPast();
-      const Date to = a->to ? parseInstant(*a->to) : Date::distantFuture();
-      if (to < from) throw InputError("--from is after --to");
-      startStore();
-      const DateInterval span(from, to);
-      const auto ids = a->tag ? (ranged ? Database::getFocuses(*a->tag, span) : Database::getFocuses(*a->tag))
-                              : (ranged ? Database::getFocuses(span) : Database::getFocuses());
-      printRows(
-          options, ids, [](const std::string& id) { return Database::getFocus(id); }, recordJSON<Focus>, focusLine);
-    };
-  });
+  a->range.addTo(list, "ISO 8601: sessions starting from then", "ISO 8601: sessions starting until then");
+  onRun(
+      list, action, [a] { return a->range.parse(); },
+      [&options, a](const std::optional<DateInterval>& range) {
+        const auto ids = a->tag ? (range ? Database::getFocuses(*a->tag, *range) : Database::getFocuses(*a->tag))
+                                : (range ? Database::getFocuses(*range) : Database::getFocuses());
+        printRows(
+            options, ids, [](const std::string& id) { return Database::getFocus(id); }, recordJSON<Focus>, focusLine);
+      });
 
-  focus->add_subcommand("clean", "Delete copies of sessions that start less than a second apart")
-      ->callback([&options, &action] {
-        action = [&options] {
-          startStore();
+  onRun(focus->add_subcommand("clean", "Delete copies of sessions that start less than a second apart"), action,
+        [&options] {
           const std::size_t before = Database::getFocuses().size();
           Database::clearFocuses();
           const std::size_t removed = before - Database::getFocuses().size();
           Output(options).print({{"removed", removed}}, "removed " + std::to_string(removed));
-        };
-      });
+        });
 }
 
 }  // namespace

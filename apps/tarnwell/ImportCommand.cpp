@@ -212,48 +212,50 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
   command->add_option("--format", arguments->format, "tarnwell (kind,start,end) or aware (screen events)")
       ->check(CLI::IsMember({"tarnwell", "aware"}));
   command->add_option("--device", arguments->device, "Device the events belong to (default: this device)");
-  command->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      std::ifstream in(arguments->file);
-      if (!in) throw InputError("cannot read " + arguments->file);
-      startStore();
-      Imported imported;
-      {
-        Progress progress(arguments->file);
-        if (arguments->format == "aware") {
-          readAware(in, progress, imported);
-        } else {
-          readTarnwell(in, progress, imported);
+  onRun(
+      command, action,
+      [arguments] {
+        std::ifstream in(arguments->file);
+        if (!in) throw InputError("cannot read " + arguments->file);
+        return in;
+      },
+      [&options, arguments](std::ifstream& in) {
+        Imported imported;
+        {
+          Progress progress(arguments->file);
+          if (arguments->format == "aware") {
+            readAware(in, progress, imported);
+          } else {
+            readTarnwell(in, progress, imported);
+          }
         }
-      }
-      if (arguments->device) {
-        for (auto& pickup : imported.pickups) pickup.deviceId = *arguments->device;
-        for (auto& walk : imported.walks) walk.deviceId = *arguments->device;
-        for (auto& alive : imported.alives) alive.deviceId = *arguments->device;
-      }
-      store::Store::open().write([&imported](store::WriteTransaction& t) {
-        for (const auto& pickup : imported.pickups) t.add(pickup, store::UpdatePolicy::error);
-        for (const auto& walk : imported.walks) t.add(walk, store::UpdatePolicy::error);
-        for (const auto& alive : imported.alives) t.add(alive, store::UpdatePolicy::error);
+        if (arguments->device) {
+          for (auto& pickup : imported.pickups) pickup.deviceId = *arguments->device;
+          for (auto& walk : imported.walks) walk.deviceId = *arguments->device;
+          for (auto& alive : imported.alives) alive.deviceId = *arguments->device;
+        }
+        store::Store::open().write([&imported](store::WriteTransaction& t) {
+          for (const auto& pickup : imported.pickups) t.add(pickup, store::UpdatePolicy::error);
+          for (const auto& walk : imported.walks) t.add(walk, store::UpdatePolicy::error);
+          for (const auto& alive : imported.alives) t.add(alive, store::UpdatePolicy::error);
+        });
+        const nlohmann::ordered_json summary = {
+            {"rows", imported.rows},
+            {"pickups", imported.pickups.size()},
+            {"walks", imported.walks.size()},
+            {"alives", imported.alives.size()},
+            {"skipped", imported.skipped},
+            {"unclosed", imported.unclosed},
+            {"deviceId", arguments->device.value_or(Settings::deviceId())},
+        };
+        std::string text = "Imported " + std::to_string(imported.pickups.size()) + " pickups, " +
+                           std::to_string(imported.walks.size()) + " walks and " +
+                           std::to_string(imported.alives.size()) + " alive spans from " +
+                           std::to_string(imported.rows) + " rows";
+        if (imported.skipped) text += "; " + std::to_string(imported.skipped) + " bad rows skipped";
+        if (imported.unclosed) text += "; " + std::to_string(imported.unclosed) + " unlocks never closed";
+        Output(options).print(summary, text + ".");
       });
-      const nlohmann::ordered_json summary = {
-          {"rows", imported.rows},
-          {"pickups", imported.pickups.size()},
-          {"walks", imported.walks.size()},
-          {"alives", imported.alives.size()},
-          {"skipped", imported.skipped},
-          {"unclosed", imported.unclosed},
-          {"deviceId", arguments->device.value_or(Settings::deviceId())},
-      };
-      std::string text = "Imported " + std::to_string(imported.pickups.size()) + " pickups, " +
-                         std::to_string(imported.walks.size()) + " walks and " +
-                         std::to_string(imported.alives.size()) + " alive spans from " + std::to_string(imported.rows) +
-                         " rows";
-      if (imported.skipped) text += "; " + std::to_string(imported.skipped) + " bad rows skipped";
-      if (imported.unclosed) text += "; " + std::to_string(imported.unclosed) + " unlocks never closed";
-      Output(options).print(summary, text + ".");
-    };
-  });
 }
 
 }  // namespace tarnwell::cli

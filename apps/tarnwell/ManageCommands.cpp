@@ -13,7 +13,7 @@ namespace tarnwell::cli {
 namespace {
 
 struct Arguments {
-  std::string id, what, value;
+  std::string id, value;
   std::optional<std::string> name, artwork, genre, scheme, out;
   bool off = false, thisDevice = false;
 };
@@ -23,13 +23,10 @@ void addAppCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   auto* apps = app.add_subcommand("app", "The apps the user allows");
   apps->require_subcommand(1);
 
-  apps->add_subcommand("list", "Allowed apps, in the order they were added")->callback([&options, &action] {
-    action = [&options] {
-      startStore();
-      printRows(options, Database::getApps(), &Database::getApp, recordJSON<App>, [](const App& row) {
-        return *row.trackId + "  " + row.trackName.value_or("-") + "  " + row.primaryGenreName.value_or("-");
-      });
-    };
+  onRun(apps->add_subcommand("list", "Allowed apps, in the order they were added"), action, [&options] {
+    printRows(options, Database::getApps(), &Database::getApp, recordJSON<App>, [](const App& row) {
+      return *row.trackId + "  " + row.trackName.value_or("-") + "  " + row.primaryGenreName.value_or("-");
+    });
   });
 
   auto* add = apps->add_subcommand("add", "Allow an app: a store id with --name, or a system app's bundle id");
@@ -38,41 +35,40 @@ void addAppCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   add->add_option("--artwork", a->artwork, "URL of a 100-pixel icon");
   add->add_option("--genre", a->genre, "Genre, in English");
   add->add_option("--scheme", a->scheme, "URL scheme that opens the app");
-  add->callback([&options, &action, a] {
-    action = [&options, a] {
-      std::optional<AppStructure> data;
-      for (const auto known : {AppStructure::SystemAppWithoutID::safari, AppStructure::SystemAppWithoutID::message,
-                               AppStructure::SystemAppWithoutID::health, AppStructure::SystemAppWithoutID::photos,
-                               AppStructure::SystemAppWithoutID::appStore}) {
-        if (AppStructure::rawValue(known) == a->id) data = AppStructure::make(known);
-      }
-      if (!data) {
-        if (!a->name || a->name->empty()) throw InputError("app add: --name is required for " + a->id);
-        data.emplace();
-        data->bundleId = a->id;
-        if (a->id.find_first_not_of("0123456789") == std::string::npos && a->id.size() < 19) {
-          data->trackIdInNumber = std::stoll(a->id);
+  onRun(
+      add, action,
+      [a] {
+        std::optional<AppStructure> data;
+        for (const auto known : {AppStructure::SystemAppWithoutID::safari, AppStructure::SystemAppWithoutID::message,
+                                 AppStructure::SystemAppWithoutID::health, AppStructure::SystemAppWithoutID::photos,
+                                 AppStructure::SystemAppWithoutID::appStore}) {
+          if (AppStructure::rawValue(known) == a->id) data = AppStructure::make(known);
         }
-      }
-      if (a->name) data->trackName = *a->name;
-      if (a->artwork) data->artworkUrl100 = a->artwork;
-      if (a->genre) data->primaryGenreNameInEnglish = a->genre;
-      if (a->scheme) data->urlScheme = a->scheme;
-      startStore();
-      const auto id = Database::addApp(*data);
-      const auto row = id ? Database::getApp(*id) : std::nullopt;
-      Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), id.value_or("-"));
-    };
-  });
+        if (!data) {
+          if (!a->name || a->name->empty()) throw InputError("app add: --name is required for " + a->id);
+          data.emplace();
+          data->bundleId = a->id;
+          if (a->id.find_first_not_of("0123456789") == std::string::npos && a->id.size() < 19) {
+            data->trackIdInNumber = std::stoll(a->id);
+          }
+        }
+        if (a->name) data->trackName = *a->name;
+        if (a->artwork) data->artworkUrl100 = a->artwork;
+        if (a->genre) data->primaryGenreNameInEnglish = a->genre;
+        if (a->scheme) data->urlScheme = a->scheme;
+        return *data;
+      },
+      [&options](const AppStructure& data) {
+        const auto id = Database::addApp(data);
+        const auto row = id ? Database::getApp(*id) : std::nullopt;
+        Output(options).print(row ? recordJSON(*row) : nlohmann::ordered_json(nullptr), id.value_or("-"));
+      });
 
   auto* remove = apps->add_subcommand("delete", "Stop allowing an app; an unknown id changes nothing");
   remove->add_option("TRACKID", a->id)->required();
-  remove->callback([&options, &action, a] {
-    action = [&options, a] {
-      startStore();
-      Database::deleteApp(a->id);
-      Output(options).print({{"trackId", a->id}}, a->id);
-    };
+  onRun(remove, action, [&options, a] {
+    Database::deleteApp(a->id);
+    Output(options).print({{"trackId", a->id}}, a->id);
   });
 }
 
@@ -80,43 +76,37 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   auto a = std::make_shared<Arguments>();
   auto* devices = app.add_subcommand("device", "The devices that have written to this store");
   devices->require_subcommand(1);
-  devices->add_subcommand("list", "Every device row, this device marked")->callback([&options, &action] {
-    action = [&options] {
-      startStore();
-      const std::string current = Settings::deviceId();
-      printRows(options, Database::getDevices(), &Database::getDevice, recordJSON<Device>,
-                [&current](const Device& row) {
-                  std::string text = row.id.value_or("-") + "  " + row.name.value_or("-") + "  " +
-                                     (row.lastSyncDate ? row.lastSyncDate->iso8601() : "never synced") +
-                                     (row.id == current ? "  (this device)" : "");
-                  for (const auto& related : row.deviceIds) text += "\n    merges " + related;
-                  return text;
-                });
-    };
+  onRun(devices->add_subcommand("list", "Every device row, this device marked"), action, [&options] {
+    const std::string current = Settings::deviceId();
+    printRows(options, Database::getDevices(), &Database::getDevice, recordJSON<Device>, [&current](const Device& row) {
+      std::string text = row.id.value_or("-") + "  " + row.name.value_or("-") + "  " +
+                         (row.lastSyncDate ? row.lastSyncDate->iso8601() : "never synced") +
+                         (row.id == current ? "  (this device)" : "");
+      for (const auto& related : row.deviceIds) text += "\n    merges " + related;
+      return text;
+    });
   });
 
   auto* relate = devices->add_subcommand("relate", "Merge another device's events into this device's views");
   relate->add_option("ID", a->id)->required();
   relate->add_flag("--off", a->off, "Stop merging it");
-  relate->callback([&options, &action, a] {
-    action = [&options, a] {
-      if (a->id.empty()) throw InputError("device relate: the device id is empty");
-      startStore();
-      if (a->id == Settings::deviceId()) throw InputError("a device is always merged with itself");
-      const auto id = Database::setCurrentDeviceRelation(a->id, !a->off);
-      if (!id) throw InputError("this device has no row in the store");
-      const auto related = Database::getDevicesRelatedToCurrentDevice().value_or(std::vector<std::string>{});
-      Output(options).print({{"deviceId", *id}, {"related", related}}, joinLines(related));
-    };
-  });
+  onRun(
+      relate, action,
+      [a] {
+        if (a->id.empty()) throw InputError("device relate: the device id is empty");
+      },
+      [&options, a] {
+        if (a->id == Settings::deviceId()) throw InputError("a device is always merged with itself");
+        const auto id = Database::setCurrentDeviceRelation(a->id, !a->off);
+        if (!id) throw InputError("this device has no row in the store");
+        const auto related = Database::getDevicesRelatedToCurrentDevice().value_or(std::vector<std::string>{});
+        Output(options).print({{"deviceId", *id}, {"related", related}}, joinLines(related));
+      });
 
-  devices->add_subcommand("related", "The devices this device merges into its views")->callback([&options, &action] {
-    action = [&options] {
-      startStore();
-      const auto related = Database::getDevicesRelatedToCurrentDevice();
-      Output(options).print(related ? nlohmann::ordered_json(*related) : nlohmann::ordered_json(nullptr),
-                            joinLines(related.value_or(std::vector<std::string>{})));
-    };
+  onRun(devices->add_subcommand("related", "The devices this device merges into its views"), action, [&options] {
+    const auto related = Database::getDevicesRelatedToCurrentDevice();
+    Output(options).print(related ? nlohmann::ordered_json(*related) : nlohmann::ordered_json(nullptr),
+                          joinLines(related.value_or(std::vector<std::string>{})));
   });
 }
 
@@ -130,13 +120,10 @@ void addResetAndExportCommands(CLI::App& app, const GlobalOptions& options, Acti
         focus ? "Delete focus sessions (and, for all devices, every tag: the initial ones come back)"
               : "Delete pickups, walks and alive spans");
     command->add_flag("--this-device", a->thisDevice, "Only this device's (default: every device's)");
-    command->callback([&options, &action, a, focus] {
-      action = [&options, a, focus] {
-        startStore();
-        await(focus ? Database::resetFocusData(a->thisDevice) : Database::resetScreentimeData(a->thisDevice));
-        Output(options).print({{"reset", focus ? "focus" : "screen-time"}, {"onlyCurrentDevice", a->thisDevice}},
-                              "reset");
-      };
+    onRun(command, action, [&options, a, focus] {
+      await(focus ? Database::resetFocusData(a->thisDevice) : Database::resetScreentimeData(a->thisDevice));
+      Output(options).print({{"reset", focus ? "focus" : "screen-time"}, {"onlyCurrentDevice", a->thisDevice}},
+                            "reset");
     });
   }
 
@@ -144,16 +131,17 @@ void addResetAndExportCommands(CLI::App& app, const GlobalOptions& options, Acti
   exportCommand->require_subcommand(1);
   auto* csv = exportCommand->add_subcommand("csv", "One CSV file per kind of record; prints their paths");
   csv->add_option("--out", a->out, "Folder (default: the installation's temporary folder)");
-  csv->callback([&options, &action, a] {
-    action = [&options, a] {
-      if (a->out && !std::filesystem::is_directory(*a->out)) throw InputError("--out: no folder " + *a->out);
-      startStore();
-      const auto files = await(Database::exportCSVFile(a->out.value_or("")));
-      std::vector<std::string> paths;
-      for (const auto& file : files) paths.push_back(file.string());
-      Output(options).print(paths, joinLines(paths));
-    };
-  });
+  onRun(
+      csv, action,
+      [a] {
+        if (a->out && !std::filesystem::is_directory(*a->out)) throw InputError("--out: no folder " + *a->out);
+      },
+      [&options, a] {
+        const auto files = await(Database::exportCSVFile(a->out.value_or("")));
+        std::vector<std::string> paths;
+        for (const auto& file : files) paths.push_back(file.string());
+        Output(options).print(paths, joinLines(paths));
+      });
 }
 
 }  // namespace
@@ -171,22 +159,19 @@ void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& actio
   const auto add = [&](const char* what, const char* help) {
     auto* command = format->add_subcommand(what, help);
     command->add_option("SECONDS", a->value)->required();
-    command->callback([&options, &action, a, what] {
-      a->what = what;
-      action = [&options, a] {
-        const double seconds = parseNumber("SECONDS", a->value);
-        std::string text;
-        if (a->what == "duration") {
-          text = getTimeIntervalString(seconds);
-        } else if (a->what == "timer") {
-          text = getTimerString(seconds);
-        } else if (a->what == "time") {
-          text = getDateTimeString(seconds);
-        } else {
-          text = fileSizeString(seconds);
-        }
-        Output(options).print({{"seconds", seconds}, {a->what, text}}, text);
-      };
+    onRunWithoutStore(command, action, [&options, a, what = std::string(what)] {
+      const double seconds = parseNumber("SECONDS", a->value);
+      std::string text;
+      if (what == "duration") {
+        text = getTimeIntervalString(seconds);
+      } else if (what == "timer") {
+        text = getTimerString(seconds);
+      } else if (what == "time") {
+        text = getDateTimeString(seconds);
+      } else {
+        text = fileSizeString(seconds);
+      }
+      Output(options).print({{"seconds", seconds}, {what, text}}, text);
     });
   };
   add("duration", "1h30m: hours, minutes, and seconds under a minute");

@@ -5,8 +5,7 @@
 #include <cmath>
 
 #include "Cli.h"
-#include "tarnwell/modules/Database.h"
-#include "tarnwell/settings/Settings.h"
+#include "tarnwell/analytics/EventsOfDay.h"
 
 namespace tarnwell::cli {
 
@@ -71,12 +70,21 @@ std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end
   return {from, to};
 }
 
+void RangeOptions::addTo(CLI::App* command, const std::string& fromHelp, const std::string& toHelp) {
+  command->add_option("--from", from, fromHelp);
+  command->add_option("--to", to, toHelp);
+}
+
+std::optional<DateInterval> RangeOptions::parse() const {
+  if (!from && !to) return std::nullopt;
+  const Date start = from ? parseInstant(*from) : Date::distantPast();
+  const Date end = to ? parseInstant(*to) : Date::distantFuture();
+  if (end < start) throw InputError("--from is after --to");
+  return DateInterval(start, end);
+}
+
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked) {
-  if (!asked.empty()) return asked;
-  std::vector<std::string> ids{Settings::deviceId()};
-  if (auto related = Database::getDevicesRelatedToCurrentDevice())
-    ids.insert(ids.end(), related->begin(), related->end());
-  return ids;
+  return asked.empty() ? EventsOfDay::defaultDeviceIds() : asked;
 }
 
 }  // namespace tarnwell::cli

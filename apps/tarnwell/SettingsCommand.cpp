@@ -171,43 +171,37 @@ void addSettingsCommands(CLI::App& app, const GlobalOptions& options, Action& ac
   settings->require_subcommand(1);
 
   auto* list = settings->add_subcommand("list", "Every setting with its value");
-  list->callback([&options, &action] {
-    action = [&options] {
-      nlohmann::ordered_json all = nlohmann::ordered_json::array();
-      std::string text;
-      for (const auto& entry : catalogue()) {
-        all.push_back(named(entry));
-        std::string name = entry.name;
-        name.resize(36, ' ');
-        text += name + plainText(all.back()["value"]) + "\n";
-      }
-      text.pop_back();
-      Output(options).print(all, text);
-    };
+  onRunWithoutStore(list, action, [&options] {
+    nlohmann::ordered_json all = nlohmann::ordered_json::array();
+    std::string text;
+    for (const auto& entry : catalogue()) {
+      all.push_back(named(entry));
+      std::string name = entry.name;
+      name.resize(36, ' ');
+      text += name + plainText(all.back()["value"]) + "\n";
+    }
+    text.pop_back();
+    Output(options).print(all, text);
   });
 
   auto getName = std::make_shared<std::string>();
   auto* get = settings->add_subcommand("get", "The value of one setting");
   get->add_option("NAME", *getName, "Property name, such as defaultScreenTimeGoal")->required();
-  get->callback([&options, &action, getName] {
-    action = [&options, getName] {
-      const auto value = named(find(*getName));
-      Output(options).print(value, plainText(value["value"]));
-    };
+  onRunWithoutStore(get, action, [&options, getName] {
+    const auto value = named(find(*getName));
+    Output(options).print(value, plainText(value["value"]));
   });
 
   auto setArguments = std::make_shared<std::pair<std::string, std::string>>();
   auto* set = settings->add_subcommand("set", "Change one setting; the value is checked against its type");
   set->add_option("NAME", setArguments->first, "Property name")->required();
   set->add_option("VALUE", setArguments->second, "New value; null clears an optional setting")->required();
-  set->callback([&options, &action, setArguments] {
-    action = [&options, setArguments] {
-      const Entry& entry = find(setArguments->first);
-      if (!entry.set) throw InputError(entry.name + " cannot be set");
-      entry.set(setArguments->second);
-      const auto value = named(entry);
-      Output(options).print(value, plainText(value["value"]));
-    };
+  onRunWithoutStore(set, action, [&options, setArguments] {
+    const Entry& entry = find(setArguments->first);
+    if (!entry.set) throw InputError(entry.name + " cannot be set");
+    entry.set(setArguments->second);
+    const auto value = named(entry);
+    Output(options).print(value, plainText(value["value"]));
   });
 }
 

@@ -26,172 +26,157 @@ std::string line(const Record& record) {
   return text;
 }
 
+// What sets pickups, walks and alive spans apart. An edit moves only the end
+// of a pickup (editEnd) but both ends of the others (editSpan).
 template <class Record>
-void printRecords(const GlobalOptions& options, const std::vector<std::string>& ids,
-                  std::optional<Record> (*read)(const std::string&)) {
-  printRows(options, ids, read, recordJSON<Record>, line<Record>);
-}
+struct SpanKind {
+  const char* name;
+  const char* help;
+  const char* one;   // "a pickup", in help texts
+  const char* many;  // "Pickups"
+  std::string (*add)(Date, Date);
+  std::vector<std::string> (*list)(DateInterval, const std::vector<std::string>&);
+  std::optional<Record> (*read)(const std::string&);
+  std::string (*editEnd)(const std::string&, Date) = nullptr;
+  std::string (*editSpan)(const std::string&, Date, Date) = nullptr;
+  void (*remove)(const std::string&) = nullptr;
+};
+
+const SpanKind<Pickup> kPickups{.name = "pickup",
+                                .help = "Record and read pickups (stretches of phone use)",
+                                .one = "a pickup",
+                                .many = "Pickups",
+                                .add = &Database::addPickup,
+                                .list = &Database::getPickups,
+                                .read = &Database::getPickup,
+                                .editEnd = &Database::editPickup,
+                                .remove = &Database::deletePickup};
+const SpanKind<Walk> kWalks{.name = "walk",
+                            .help = "Record and read walk spans",
+                            .one = "a span",
+                            .many = "Spans",
+                            .add = &Database::addWalk,
+                            .list = &Database::getWalks,
+                            .read = &Database::getWalk,
+                            .editSpan = &Database::editWalk};
+const SpanKind<Alive> kAlives{.name = "alive",
+                              .help = "Record and read alive spans",
+                              .one = "a span",
+                              .many = "Spans",
+                              .add = &Database::addAlive,
+                              .list = &Database::getAlives,
+                              .read = &Database::getAlive,
+                              .editSpan = &Database::editAlive};
+
+constexpr const char* kDevicesHelp = "Device ids (default: this device and related ones)";
 
 // Arguments of the span commands, kept alive with the command line.
 struct SpanArguments {
   std::string id, start, end;
-  std::optional<std::string> from, to;
+  RangeOptions range;
   std::vector<std::string> devices;
   bool off = false;
 };
 
-// `add START END`, `edit ID START END` and `list` for walks and alive spans,
-// whose edits move both dates.
+void printId(const GlobalOptions& options, const std::string& id) { Output(options).print({{"id", id}}, id); }
+
+// `add START END`, `edit`, `delete ID` when the kind can be deleted, and
+// `list`, under the kind's name; returns that command.
 template <class Record>
-void addSpanCommands(CLI::App& parent, const GlobalOptions& options, Action& action, const char* noun,
-                     std::string (*add)(Date, Date), std::string (*edit)(const std::string&, Date, Date),
-                     std::vector<std::string> (*list)(DateInterval, const std::vector<std::string>&),
-                     std::optional<Record> (*read)(const std::string&)) {
-  auto arguments = std::make_shared<SpanArguments>();
-  auto* command = parent.add_subcommand(noun, std::string("Record and read ") + noun + " spans");
+CLI::App* addSpanCommands(CLI::App& app, const GlobalOptions& options, Action& action, const SpanKind<Record>& kind) {
+  auto a = std::make_shared<SpanArguments>();
+  auto* command = app.add_subcommand(kind.name, kind.help);
   command->require_subcommand(1);
 
-  auto* addCommand = command->add_subcommand("add", "Record a span; prints its id");
-  addCommand->add_option("START", arguments->start, "ISO 8601 start")->required();
-  addCommand->add_option("END", arguments->end, "ISO 8601 end")->required();
-  addCommand->callback([&options, &action, arguments, add, read] {
-    action = [&options, arguments, add, read] {
-      const auto [start, end] = parseSpan(arguments->start, arguments->end);
-      startStore();
-      const std::string id = add(start, end);
-      Output(options).print(json(read(id)), id);
-    };
-  });
+  auto* add = command->add_subcommand("add", std::string("Record ") + kind.one + "; prints its id");
+  add->add_option("START", a->start, "ISO 8601 start")->required();
+  add->add_option("END", a->end, "ISO 8601 end")->required();
+  onRun(
+      add, action, [a] { return parseSpan(a->start, a->end); },
+      [&options, kind](const std::pair<Date, Date>& span) {
+        const std::string id = kind.add(span.first, span.second);
+        Output(options).print(json(kind.read(id)), id);
+      });
 
-  auto* editCommand = command->add_subcommand("edit", "Move both ends of a span; an unknown id changes nothing");
-  editCommand->add_option("ID", arguments->id)->required();
-  editCommand->add_option("START", arguments->start)->required();
-  editCommand->add_option("END", arguments->end)->required();
-  editCommand->callback([&options, &action, arguments, edit] {
-    action = [&options, arguments, edit] {
-      const auto [start, end] = parseSpan(arguments->start, arguments->end);
-      startStore();
-      const std::string id = edit(arguments->id, start, end);
-      Output(options).print({{"id", id}}, id);
-    };
-  });
+  auto* edit = command->add_subcommand("edit", std::string(kind.editEnd ? "Move the end of " : "Move both ends of ") +
+                                                   kind.one + "; an unknown id changes nothing");
+  edit->add_option("ID", a->id)->required();
+  if (kind.editSpan) edit->add_option("START", a->start)->required();
+  edit->add_option("END", a->end)->required();
+  if (kind.editEnd) {
+    onRun(
+        edit, action, [a] { return parseInstant(a->end); },
+        [&options, a, kind](Date end) { printId(options, kind.editEnd(a->id, end)); });
+  } else {
+    onRun(
+        edit, action, [a] { return parseSpan(a->start, a->end); },
+        [&options, a, kind](const std::pair<Date, Date>& span) {
+          printId(options, kind.editSpan(a->id, span.first, span.second));
+        });
+  }
 
-  auto* listCommand = command->add_subcommand("list", "Spans with a start or end in a range, by start");
-  listCommand->add_option("--from", arguments->from, "ISO 8601 (default: any time)");
-  listCommand->add_option("--to", arguments->to, "ISO 8601 (default: any time)");
-  listCommand->add_option("--device", arguments->devices, "Device ids (default: this device and related ones)");
-  listCommand->callback([&options, &action, arguments, list, read] {
-    action = [&options, arguments, list, read] {
-      const Date from = arguments->from ? parseInstant(*arguments->from) : Date::distantPast();
-      const Date to = arguments->to ? parseInstant(*arguments->to) : Date::distantFuture();
-      if (to < from) throw InputError("--from is after --to");
-      startStore();
-      printRecords(options, list(DateInterval(from, to), deviceIdsOrDefault(arguments->devices)), read);
-    };
-  });
+  if (kind.remove) {
+    auto* remove =
+        command->add_subcommand("delete", std::string("Delete ") + kind.one + "; an unknown id changes nothing");
+    remove->add_option("ID", a->id)->required();
+    onRun(remove, action, [&options, a, kind] {
+      kind.remove(a->id);
+      printId(options, a->id);
+    });
+  }
+
+  auto* list = command->add_subcommand("list", std::string(kind.many) + " with a start or end in a range, by start");
+  a->range.addTo(list);
+  list->add_option("--device", a->devices, kDevicesHelp);
+  onRun(
+      list, action, [a] { return a->range.parse().value_or(DateInterval(Date::distantPast(), Date::distantFuture())); },
+      [&options, a, kind](const DateInterval& range) {
+        printRows(options, kind.list(range, deviceIdsOrDefault(a->devices)), kind.read, recordJSON<Record>,
+                  line<Record>);
+      });
+  return command;
 }
 
-void addPickupCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto arguments = std::make_shared<SpanArguments>();
-  auto* pickup = app.add_subcommand("pickup", "Record and read pickups (stretches of phone use)");
-  pickup->require_subcommand(1);
-
-  auto* add = pickup->add_subcommand("add", "Record a pickup; prints its id");
-  add->add_option("START", arguments->start, "ISO 8601 start")->required();
-  add->add_option("END", arguments->end, "ISO 8601 end")->required();
-  add->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      const auto [start, end] = parseSpan(arguments->start, arguments->end);
-      startStore();
-      const std::string id = Database::addPickup(start, end);
-      Output(options).print(json(Database::getPickup(id)), id);
-    };
-  });
-
-  auto* edit = pickup->add_subcommand("edit", "Move the end of a pickup; an unknown id changes nothing");
-  edit->add_option("ID", arguments->id)->required();
-  edit->add_option("END", arguments->end)->required();
-  edit->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      const Date end = parseInstant(arguments->end);
-      startStore();
-      const std::string id = Database::editPickup(arguments->id, end);
-      Output(options).print({{"id", id}}, id);
-    };
-  });
-
-  auto* remove = pickup->add_subcommand("delete", "Delete a pickup; an unknown id changes nothing");
-  remove->add_option("ID", arguments->id)->required();
-  remove->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      startStore();
-      Database::deletePickup(arguments->id);
-      Output(options).print({{"id", arguments->id}}, arguments->id);
-    };
-  });
-
-  auto* list = pickup->add_subcommand("list", "Pickups with a start or end in a range, by start");
-  list->add_option("--from", arguments->from, "ISO 8601 (default: any time)");
-  list->add_option("--to", arguments->to, "ISO 8601 (default: any time)");
-  list->add_option("--device", arguments->devices, "Device ids (default: this device and related ones)");
-  list->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      const Date from = arguments->from ? parseInstant(*arguments->from) : Date::distantPast();
-      const Date to = arguments->to ? parseInstant(*arguments->to) : Date::distantFuture();
-      if (to < from) throw InputError("--from is after --to");
-      startStore();
-      const auto ids = Database::getPickups(DateInterval(from, to), deviceIdsOrDefault(arguments->devices));
-      printRecords<Pickup>(options, ids, &Database::getPickup);
-    };
-  });
-
+// Pickups only: the sleep inference can be told to leave those of a span out.
+void addIgnoreForSleepCommand(CLI::App* pickup, const GlobalOptions& options, Action& action) {
+  auto a = std::make_shared<SpanArguments>();
   auto* ignore = pickup->add_subcommand("ignore-for-sleep", "Tell the sleep inference to ignore the pickups of a span");
-  ignore->add_option("FROM", arguments->start, "ISO 8601")->required();
-  ignore->add_option("TO", arguments->end, "ISO 8601")->required();
-  ignore->add_flag("--off", arguments->off, "Count them again");
-  ignore->add_option("--device", arguments->devices, "Device ids (default: this device and related ones)");
-  ignore->callback([&options, &action, arguments] {
-    action = [&options, arguments] {
-      const auto [from, to] = parseSpan(arguments->start, arguments->end);
-      startStore();
-      const auto ids =
-          Database::editPickups(DateInterval(from, to), !arguments->off, deviceIdsOrDefault(arguments->devices));
-      Output(options).print(ids, joinLines(ids));
-    };
-  });
+  ignore->add_option("FROM", a->start, "ISO 8601")->required();
+  ignore->add_option("TO", a->end, "ISO 8601")->required();
+  ignore->add_flag("--off", a->off, "Count them again");
+  ignore->add_option("--device", a->devices, kDevicesHelp);
+  onRun(
+      ignore, action, [a] { return parseSpan(a->start, a->end); },
+      [&options, a](const std::pair<Date, Date>& span) {
+        const auto ids =
+            Database::editPickups(DateInterval(span.first, span.second), !a->off, deviceIdsOrDefault(a->devices));
+        Output(options).print(ids, joinLines(ids));
+      });
 }
 
 }  // namespace
 
 void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  addPickupCommands(app, options, action);
-  addSpanCommands<Walk>(app, options, action, "walk", &Database::addWalk, &Database::editWalk, &Database::getWalks,
-                        &Database::getWalk);
-  addSpanCommands<Alive>(app, options, action, "alive", &Database::addAlive, &Database::editAlive, &Database::getAlives,
-                         &Database::getAlive);
+  addIgnoreForSleepCommand(addSpanCommands(app, options, action, kPickups), options, action);
+  addSpanCommands(app, options, action, kWalks);
+  addSpanCommands(app, options, action, kAlives);
 
   auto device = std::make_shared<std::optional<std::string>>();
   auto* screenTime = app.add_subcommand("screen-time", "Seconds of all pickups of a device, ever");
   screenTime->add_option("--device", *device, "Device id (default: this device)");
-  screenTime->callback([&options, &action, device] {
-    action = [&options, device] {
-      startStore();
-      const std::string id = device->value_or(Settings::deviceId());
-      const double seconds = Database::getScreenTime(id);
-      Output(options).print({{"deviceId", id}, {"screenTime", seconds}}, formatDouble(seconds));
-    };
+  onRun(screenTime, action, [&options, device] {
+    const std::string id = device->value_or(Settings::deviceId());
+    const double seconds = Database::getScreenTime(id);
+    Output(options).print({{"deviceId", id}, {"screenTime", seconds}}, formatDouble(seconds));
   });
 
   auto* store = app.add_subcommand("store", "Upkeep of the store");
   store->require_subcommand(1);
-  store->add_subcommand("repair", "Delete spans that end before they start or in the future")
-      ->callback([&options, &action] {
-        action = [&options] {
-          startStore();
+  onRun(store->add_subcommand("repair", "Delete spans that end before they start or in the future"), action,
+        [&options] {
           Database::clearAlivePickupWalk();
           Output(options).print({{"repaired", true}}, "repaired");
-        };
-      });
+        });
 }
 
 }  // namespace tarnwell::cli

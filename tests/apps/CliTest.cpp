@@ -286,6 +286,24 @@ TEST_F(CliTest, TheDayInJSONCarriesEveryMetric) {
   EXPECT_EQ(run("day 2026-13-01").status, 1);
 }
 
+// The sleep row once ran the source's name into the night's pieces, or into
+// "none" when there was no night.
+TEST_F(CliTest, TheDayAsTextPutsTheNightsPiecesOnLinesOfTheirOwn) {
+  const std::string day = "--tz UTC --now 2026-11-23T12:00:00Z day 2026-11-22";
+  const Outcome empty = run(day);
+  ASSERT_EQ(empty.status, 0) << empty.err;
+  EXPECT_EQ(empty.out.substr(0, empty.out.find('\n')), "Day 2026-11-22, 00:00:00 to 2026-11-23 00:00:00");
+  EXPECT_NE(empty.out.find("\nSleep               - by Tarnwell\nBreaks"), std::string::npos) << empty.out;
+
+  run("pickup add 2026-11-21T22:00:00Z 2026-11-21T22:10:00Z");
+  run("pickup add 2026-11-22T07:00:00Z 2026-11-22T07:05:00Z");
+  const Outcome night = run(day);
+  EXPECT_NE(night.out.find("\nSleep               8:50:00 by Tarnwell\n"
+                           "    2026-11-21 22:10:00 - 07:00:00 (8:50:00)\nBreaks"),
+            std::string::npos)
+      << night.out;
+}
+
 TEST_F(CliTest, TheDemoIsDeterministicAndWantsAFreshInstallation) {
   const std::string demo = "--tz Europe/Berlin --now 2026-11-22T21:00:00 --json demo --days 5 --seed 7";
   const Outcome first = run(demo);

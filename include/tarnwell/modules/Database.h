@@ -8,7 +8,9 @@
 // before anything else here. Every read and write then runs on the caller's
 // thread with that thread's own connection: records leave as plain values,
 // and range queries return ids. An edit or deletion of an id that is unknown
-// or soft-deleted is not an error: it is skipped and the id returned.
+// or soft-deleted is not an error: it is skipped and the id returned. The
+// reads rest on the store's shared ones (store/Reads.h), which the analytics
+// use too; the writes of events keep today (eventsOfToday) up to date.
 //
 // Failures of the store throw sqlite::Error (SQLite's code inside);
 // Database::start() reports a store it had to set aside as DatabaseError.

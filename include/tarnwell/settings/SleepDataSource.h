@@ -3,7 +3,8 @@
 // The system infers sleep from phone use by itself; the user may pick another
 // application's sleep instead. A source is named as the health store names
 // it; the applications the system knows have a display name, a logo and a
-// weight that orders them in lists.
+// weight that orders them in lists. The type lives with the settings, whose
+// value it is; the samples themselves are the health manager's.
 
 #pragma once
 
