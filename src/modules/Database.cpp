@@ -222,8 +222,7 @@ void Database::setupRealmData() {
   {
     Store store = Store::open();
     const std::string deviceId = Settings::deviceId();
-    const auto devices = store.objects<Device>(Query().filter("isDeleted = 0 AND id = ?", {deviceId}).limited(1));
-    if (devices.empty()) {
+    if (!store.first<Device>(store::liveRows().filter("id = ?", {deviceId}))) {
       const Device device(deviceId, Environment::current().device().name);
       store.write([&device](WriteTransaction& t) { t.add(device, UpdatePolicy::all); });
     }

@@ -8,13 +8,12 @@
 namespace tarnwell {
 
 using namespace database_support;
-using store::Query;
 using store::Store;
 using store::UpdatePolicy;
 using store::WriteTransaction;
 
 std::vector<std::string> Database::getApps() {
-  return store::selectIds(App::className, "trackId", Query().filter("isDeleted = 0").sorted("created ASC"));
+  return store::selectIds(App::className, "trackId", store::liveRows().sorted("created ASC"));
 }
 
 std::optional<App> Database::getApp(const std::string& trackId) { return store::liveObject<App>(trackId); }

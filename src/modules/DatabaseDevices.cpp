@@ -32,9 +32,7 @@ std::optional<std::string> Database::setCurrentDeviceLastSyncDate(Date date) {
   return device->id;
 }
 
-std::vector<std::string> Database::getDevices() {
-  return store::selectIds(Device::className, "id", store::Query().filter("isDeleted = 0"));
-}
+std::vector<std::string> Database::getDevices() { return store::selectIds(Device::className, "id", store::liveRows()); }
 
 std::optional<Device> Database::getDevice(const std::string& id) { return store::liveObject<Device>(id); }
 

@@ -28,9 +28,7 @@ std::vector<std::string> rangeQuery(DateInterval between, const std::vector<std:
 // The record that ends last.
 template <class Record>
 std::optional<Record> latest(const std::vector<std::string>& deviceIds) {
-  auto records = Store::open().objects<Record>(store::liveEvents(deviceIds).sorted("\"end\" DESC").limited(1));
-  if (records.empty()) return std::nullopt;
-  return std::move(records.front());
+  return Store::open().first<Record>(store::liveEvents(deviceIds).sorted("\"end\" DESC"));
 }
 
 // Adds a new record of this device and logs "✍️ Add <Class>: id start end".
@@ -67,10 +65,7 @@ std::optional<std::string> Database::getLastPickup(DateInterval between, const s
 }
 
 std::optional<Pickup> Database::getPickup(Date start, Date end, const std::vector<std::string>& deviceIds) {
-  auto pickups = Store::open().objects<Pickup>(
-      store::liveEvents(deviceIds).filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
-  if (pickups.empty()) return std::nullopt;
-  return std::move(pickups.front());
+  return Store::open().first<Pickup>(store::liveEvents(deviceIds).filter("(start = ? OR \"end\" = ?)", {start, end}));
 }
 
 std::optional<Pickup> Database::getLatestPickup(const std::vector<std::string>& deviceIds) {

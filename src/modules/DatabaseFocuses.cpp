@@ -20,8 +20,6 @@ using store::WriteTransaction;
 
 namespace {
 
-Query liveFocuses() { return Query().filter("isDeleted = 0"); }
-
 std::string describe(const std::optional<std::string>& text) { return text.value_or("nil"); }
 
 void updateEventsOfTodayWithFocus(const std::string& id) {
@@ -50,18 +48,14 @@ std::vector<std::string> Database::getFocuses(const DateInterval& between, const
 std::optional<Focus> Database::getFocus(const std::string& id) { return store::liveObject<Focus>(id); }
 
 std::optional<Focus> Database::getFocus(Date start, Date end) {
-  auto focuses =
-      Store::open().objects<Focus>(liveFocuses().filter("(start = ? OR \"end\" = ?)", {start, end}).limited(1));
-  if (focuses.empty()) return std::nullopt;
-  return std::move(focuses.front());
+  return Store::open().first<Focus>(store::liveRows().filter("(start = ? OR \"end\" = ?)", {start, end}));
 }
 
 std::optional<Focus> Database::getRecentFocus(Date date) {
-  Query query = liveFocuses().filter("start BETWEEN ? AND ?", {date.startOfDay(), date.endOfDay()});
+  Query query = store::liveRows();
+  store::startingInside(query, DateInterval(date.startOfDay(), date.endOfDay()));
   // The last of those sorted by start ascending: ties go to the later row.
-  auto focuses = Store::open().objects<Focus>(query.sorted("start DESC, rowid DESC").limited(1));
-  if (focuses.empty()) return std::nullopt;
-  return std::move(focuses.front());
+  return Store::open().first<Focus>(query.sorted("start DESC, rowid DESC"));
 }
 
 std::string Database::addFocus(const std::optional<std::string>& id, Date start, Date end,

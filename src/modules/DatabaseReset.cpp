@@ -18,8 +18,7 @@ namespace {
 
 // The rows a reset marks: this device's or every device's.
 Query resetSelection(bool onlyCurrentDevice) {
-  Query query;
-  query.filter("isDeleted = 0");
+  Query query = store::liveRows();
   if (onlyCurrentDevice) query.filter("deviceId = ?", {Settings::deviceId()});
   return query;
 }
@@ -52,7 +51,7 @@ void writeAtomically(const std::filesystem::path& file, const std::string& text)
 template <class Record>
 std::filesystem::path exportTable(Store& store, const std::filesystem::path& folder, const std::string& dateText) {
   std::string text(Record::csvColumns);
-  for (const auto& record : store.objects<Record>(Query().filter("isDeleted = 0"))) {
+  for (const auto& record : store.objects<Record>(store::liveRows())) {
     text += '\n';
     text += record.csvRecord();
   }
@@ -82,7 +81,7 @@ Promise<void> Database::resetFocusData(bool onlyCurrentDevice) {
     // Tags belong to every device: only a reset of all of them takes them,
     // and the initial ones are then made anew.
     if (!onlyCurrentDevice) {
-      store.write([](WriteTransaction& t) { t.update<Tag>({{"isDeleted", true}}, Query().filter("isDeleted = 0")); });
+      store.write([](WriteTransaction& t) { t.update<Tag>({{"isDeleted", true}}, store::liveRows()); });
     }
   });
 }

@@ -5,17 +5,11 @@
 namespace tarnwell::store {
 namespace {
 
-// The first record `query` selects, unless it has no id.
+// The first pickup `query` selects, unless it has no id.
 std::optional<Pickup> firstWithId(const Query& query) {
-  auto pickups = Store::open().objects<Pickup>(query);
-  if (pickups.empty() || !pickups.front().id) return std::nullopt;
-  return std::move(pickups.front());
-}
-
-Query liveFocuses() { return Query().filter("isDeleted = 0"); }
-
-Query& startingInside(Query& query, const DateInterval& interval) {
-  return query.filter("start BETWEEN ? AND ?", {interval.start(), interval.end()});
+  auto pickup = Store::open().first<Pickup>(query);
+  if (!pickup || !pickup->id) return std::nullopt;
+  return pickup;
 }
 
 }  // namespace
@@ -29,9 +23,11 @@ std::vector<std::string> selectIds(std::string_view className, std::string_view 
   return ids;
 }
 
+Query liveRows() { return Query().filter("isDeleted = 0"); }
+
 Query liveEvents(const std::vector<std::string>& deviceIds) {
-  Query query;
-  query.filter("isDeleted = 0").filterIn("deviceId", deviceIds);
+  Query query = liveRows();
+  query.filterIn("deviceId", deviceIds);
   return query;
 }
 
@@ -40,15 +36,19 @@ Query& touching(Query& query, DateInterval span) {
                       {span.start(), span.end(), span.start(), span.end()});
 }
 
+Query& startingInside(Query& query, DateInterval span) {
+  return query.filter("start BETWEEN ? AND ?", {span.start(), span.end()});
+}
+
 std::optional<Pickup> firstPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
   Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
-  return firstWithId(startingInside(query, between).sorted("start ASC").limited(1));
+  return firstWithId(startingInside(query, between).sorted("start ASC"));
 }
 
 std::optional<Pickup> lastPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
   Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
   // The last of the rows sorted by end ascending, ties in store order.
-  return firstWithId(touching(query, between).sorted("\"end\" DESC, rowid DESC").limited(1));
+  return firstWithId(touching(query, between).sorted("\"end\" DESC, rowid DESC"));
 }
 
 std::optional<Device> currentDevice() { return liveObject<Device>(Settings::deviceId()); }
@@ -63,7 +63,7 @@ std::vector<std::string> defaultDeviceIds() {
 
 std::vector<std::string> focusIds(const std::optional<std::string>& tagId,
                                   const std::optional<DateInterval>& startsBetween) {
-  Query query = liveFocuses();
+  Query query = liveRows();
   if (tagId) query.filter("tagId = ?", {*tagId});
   if (startsBetween) startingInside(query, *startsBetween);
   if (tagId && startsBetween) query.sorted("start ASC");
@@ -71,7 +71,7 @@ std::vector<std::string> focusIds(const std::optional<std::string>& tagId,
 }
 
 FocusProgress focusProgress(const std::string& tagId, DateInterval startsBetween) {
-  Query query = liveFocuses().filter("tagId = ?", {tagId});
+  Query query = liveRows().filter("tagId = ?", {tagId});
   startingInside(query, startsBetween).sorted("start ASC");
   FocusProgress sum;
   Store store = Store::open();

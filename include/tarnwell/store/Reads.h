@@ -52,11 +52,15 @@ std::vector<std::string> selectIds(std::string_view className, std::string_view 
 
 // --- Events: alive spans, pickups, walks and focus sessions ---
 
-// Rows not soft-deleted of these devices: the first filter of every event read.
+// Rows not soft-deleted: the first filter of every read of records.
+Query liveRows();
+// Live rows of these devices: the first filter of every event read.
 Query liveEvents(const std::vector<std::string>& deviceIds);
 // Adds the rows with a start or an end inside `span`, both ends included. A
 // row that starts before and ends after meets neither and is left out.
 Query& touching(Query& query, DateInterval span);
+// Adds the rows that start inside `span`, both ends included.
+Query& startingInside(Query& query, DateInterval span);
 
 // Calls each(id, interval) for the alive spans, pickups or walks of
 // `deviceIds` touching `span`, by start, that have an id and an interval of

@@ -160,6 +160,9 @@ class Store {
 
   template <class Record>
   std::vector<Record> objects(const Query& query = {});
+  // The first record `query` selects, if any.
+  template <class Record>
+  std::optional<Record> first(Query query);
 
   // Every read of rows: `sql`, prepared once per connection, with `arguments`
   // bound to its parameters 1..n. The cursor resets the statement when it
@@ -272,6 +275,13 @@ std::vector<Record> Store::objects(const Query& query) {
     records.push_back(readRecord<Record>(*rows));
   }
   return records;
+}
+
+template <class Record>
+std::optional<Record> Store::first(Query query) {
+  auto rows = select(Record::className, columnList<Record>(), query.limited(1));
+  if (!rows.next()) return std::nullopt;
+  return readRecord<Record>(*rows);
 }
 
 template <class F>
