@@ -19,11 +19,12 @@ import subprocess
 import sys
 
 # Bottom to top.
-LAYERS = ["platform", "widgets", "settings", "extensions", "records", "store", "health", "analytics", "charts",
+LAYERS = ["platform", "healthkit", "widgets", "settings", "extensions", "records", "store", "health", "analytics", "charts",
           "modules"]
 
 MAIN_HEADERS = {
     "platform": "include/tarnwell/platform/Environment.h",
+    "healthkit": "include/tarnwell/healthkit/HealthStore.h",
     "widgets": "widget_shared/include/tarnwell/widgets/FocusType.h",
     "settings": "include/tarnwell/settings/Settings.h",
     "extensions": "include/tarnwell/extensions/Strings.h",

@@ -108,6 +108,12 @@ void printRows(const GlobalOptions& options, const std::vector<std::string>& ids
 template <class T>
 T await(const Promise<T>& promise);
 
+// The same for a chain of the health manager, which may never settle (the
+// user left an authorization unanswered): once nothing is left to run, the
+// command gives up with one line.
+template <class T>
+T awaitHealth(const Promise<T>& promise, const std::string& command);
+
 // A record as JSON with its property names as keys: dates in ISO 8601 with
 // the zone's offset, nothing as null.
 template <class Record>
@@ -116,6 +122,9 @@ nlohmann::ordered_json recordJSON(const Record& record);
 // Starts the store as the app does at launch; a store that had to be set
 // aside is reported as bad input in one line.
 void startStore();
+// Lets what the launch set going run to its end before the command reads:
+// the health manager's first reload of other applications' sleep above all.
+void settleLaunch();
 
 // When `command` is chosen, `action` becomes: `parse` the input, start the
 // store, hand what `parse` returned to `body`. Bad input never opens the store.
@@ -126,10 +135,12 @@ void onRun(CLI::App* command, Action& action, Parse parse, Body body) {
       if constexpr (std::is_void_v<decltype(parse())>) {
         parse();
         startStore();
+        settleLaunch();
         body();
       } else {
         auto input = parse();
         startStore();
+        settleLaunch();
         body(input);
       }
     };
@@ -163,9 +174,12 @@ void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+// After addFocusCommands: it adds `focus state-of-mind` too.
+void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 
-// Drains Database.queue, then runs what is due on the main queue.
-void drainQueues();
+// Drains Database.queue, then runs what is due on the main queue and the
+// background queues; how many blocks ran there.
+std::size_t drainQueues();
 
 namespace json_detail {
 inline nlohmann::ordered_json value(const std::string& v) { return v; }
@@ -190,6 +204,16 @@ T await(const Promise<T>& promise) {
   while (promise.isPending()) drainQueues();
   if (promise.isRejected()) std::rethrow_exception(promise.error());
   if constexpr (!std::is_void_v<T>) return *promise.value();
+}
+
+template <class T>
+T awaitHealth(const Promise<T>& promise, const std::string& command) {
+  while (promise.isPending()) {
+    if (drainQueues() == 0 && promise.isPending()) {
+      throw InputError(command + ": the health store did not answer (was the request for authorization left open?)");
+    }
+  }
+  return await(promise);
 }
 
 template <class Record>

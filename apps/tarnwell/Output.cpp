@@ -33,9 +33,14 @@ std::string joinLines(const std::vector<std::string>& lines, const std::string& 
   return text;
 }
 
-void drainQueues() {
+std::size_t drainQueues() {
   Database::queue().safeSync([] {});
-  Environment::current().mainQueue().runPending();
+  return Environment::current().runPending();
+}
+
+void settleLaunch() {
+  while (drainQueues() > 0) {
+  }
 }
 
 void startStore() {

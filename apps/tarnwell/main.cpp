@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "tarnwell/health/HealthManager.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/settings/Logger.h"
 
@@ -14,6 +15,10 @@ namespace {
 
 using tarnwell::Environment;
 using namespace tarnwell::cli;
+
+// Seconds of deadlines a run waits for before it exits: the 0.1-second
+// debounce of announcements, not the day timer.
+constexpr double kSettleHorizon = 1.0;
 
 std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
   auto configuration = Environment::Configuration::system(
@@ -30,6 +35,9 @@ std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
     if (!now) throw InputError("--now: \"" + *options.now + "\" is not an ISO 8601 date or time");
     configuration.clock = std::make_shared<tarnwell::ManualClock>(*now);
   }
+  // Like the main queue, the background queues run when the command lets
+  // them: every asynchronous step of a run happens, in order, before it exits.
+  configuration.backgroundQueueMode = tarnwell::DispatchQueue::Mode::pumped;
   return std::make_unique<Environment>(std::move(configuration));
 }
 
@@ -60,6 +68,7 @@ int main(int argc, char** argv) {
   addManageCommands(app, options, action);
   addFormatCommand(app, options, action);
   addChartCommands(app, options, action);
+  addHealthCommands(app, options, action);
 
   try {
     app.parse(argc, argv);
@@ -76,9 +85,11 @@ int main(int argc, char** argv) {
   try {
     Environment::install(makeEnvironment(options));
     tarnwell::Logger::start();
+    tarnwell::HealthManager::shared().start();
     action();
-    // What the command handed to the main queue (announcements) runs before exit.
-    Environment::current().mainQueue().runPending();
+    // What the command left to the queues runs before exit: announcements,
+    // the debounced ones included, and the health store's writes.
+    Environment::current().settle(kSettleHorizon);
   } catch (const std::exception& error) {
     std::cerr << "tarnwell: " << error.what() << '\n';
     status = 1;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "tarnwell/analytics/EventsOfDays.h"
+#include "tarnwell/health/HealthManager.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
@@ -105,8 +107,9 @@ void debounce(std::shared_ptr<Timer> DatabaseState::*slot, std::function<void()>
 
 }  // namespace database_support
 
-SafeSyncQueue::SafeSyncQueue(std::string label) : label_(label), queue_(std::move(label)) {
-  queue_.setSpecific(queueKey_, label_);
+SafeSyncQueue::SafeSyncQueue(std::string label)
+    : label_(label), queue_(Environment::current().makeThreadQueue(std::move(label))) {
+  queue_->setSpecific(queueKey_, label_);
 }
 
 Database::DatabaseError Database::DatabaseError::realm(int errorCode) {
@@ -119,6 +122,19 @@ const std::vector<std::filesystem::path>& Database::fileURLs() { return state().
 SafeSyncQueue& Database::queue() { return state().queue; }
 
 void Database::start() {
+  // The health manager sits below today; it reaches it through these.
+  HealthManager::shared().setHooks({
+      .sleepDatasDidReload =
+          [] {
+            EventsOfDays::clearCaches();
+            refreshEventsOfToday();
+          },
+      .nightOfToday =
+          [] {
+            const EventsOfDay today = eventsOfToday();
+            return std::pair(today.inferredLastPickupDate(), today.inferredFirstPickupDate());
+          },
+  });
   configureRealm();
   testRealm();
   setupRealmData();

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "modules/DatabaseSupport.h"
+#include "tarnwell/health/HealthManager.h"
 #include "tarnwell/modules/Database.h"
 #include "tarnwell/platform/Log.h"
 #include "tarnwell/store/Reads.h"
@@ -67,6 +68,8 @@ std::string Database::addFocus(const std::optional<std::string>& id, Date start,
   log.info("✍️ Add Focus:  " + start.description() + " " + end.description() + " " + describe(tagId) + " " +
                formatDouble(goal) + " " + formatDouble(progress),
            {.function = "addFocus(id:start:end:tagId:goal:progress:type:mode:watchDeviceName:)"});
+  // Mirrored to the health store in the background; the caller does not hear how it went.
+  HealthManager::shared().syncFocusToHealthKit(*focus.id);
   updateEventsOfTodayWithFocus(*focus.id);
   return *focus.id;
 }
@@ -91,11 +94,13 @@ void Database::editFocus(const std::string& id, const FocusEdit& edit) {
     }
     log.info("✍️ Edit Focus: " + id, {.function = "editFocus(id:tagId:start:progress:goal:type:mode:)"});
   }
+  HealthManager::shared().syncFocusToHealthKit(id);
   updateEventsOfTodayWithFocus(id);
 }
 
 void Database::deleteFocus(const std::string& id) {
   editLiveObject<Focus>(id, {{"isDeleted", true}}, "✍️ Delete Focus: " + id, "deleteFocus(id:)");
+  HealthManager::shared().removeFocusFromHealthKit(id, std::nullopt, std::nullopt);
   updateEventsOfTodayWithFocus(id);
 }
 

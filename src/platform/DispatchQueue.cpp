@@ -64,12 +64,18 @@ struct DispatchQueue::State final : Clock::Observer {
   // A block is running, on the worker or on a caller of sync().
   bool busy = false;
   bool stopping = false;
+  bool closed = false;
 };
 
 DispatchQueue::DispatchQueue(std::string label, const Clock& clock, Mode mode)
     : label_(std::move(label)), mode_(mode), state_(std::make_shared<State>(clock)) {
   if (mode_ == Mode::pumped) state_->owner = std::this_thread::get_id();
   const_cast<Clock&>(clock).addObserver(state_);
+}
+
+DispatchQueue::DispatchQueue(std::string label, const Clock& clock, std::thread::id owner)
+    : DispatchQueue(std::move(label), clock, Mode::pumped) {
+  state_->owner = owner;
 }
 
 DispatchQueue::DispatchQueue(std::string label) : DispatchQueue(std::move(label), Environment::current().clock()) {}
@@ -117,9 +123,37 @@ void DispatchQueue::asyncAfter(double delay, std::function<void()> block) {
   asyncAfter(state_->clock.now() + delay, std::move(block));
 }
 
+void DispatchQueue::close() {
+  std::deque<std::shared_ptr<DispatchWorkItem>> dropped;
+  std::map<std::pair<Date, std::uint64_t>, std::shared_ptr<DispatchWorkItem>> droppedTimed;
+  std::thread worker;
+  {
+    std::lock_guard guard(state_->mutex);
+    state_->closed = true;
+    state_->stopping = true;
+    dropped.swap(state_->ready);
+    droppedTimed.swap(state_->timed);
+    state_->condition.notify_all();
+    worker = std::move(state_->worker);
+  }
+  // The dropped blocks die here, outside the lock: what they hold may submit again.
+  dropped.clear();
+  droppedTimed.clear();
+  if (!worker.joinable()) return;
+  if (worker.get_id() == std::this_thread::get_id()) {
+    worker.detach();
+  } else {
+    worker.join();
+  }
+}
+
 void DispatchQueue::enqueue(std::optional<Date> deadline, std::shared_ptr<DispatchWorkItem> item) {
   State& s = *state_;
-  std::lock_guard guard(s.mutex);
+  std::unique_lock guard(s.mutex);
+  if (s.closed) {
+    guard.unlock();
+    return;  // `item` dies outside the lock
+  }
   // Blocks whose time has come are ahead of anything submitted from now on.
   s.promoteDueBlocks(s.clock.now());
   if (deadline) {
@@ -217,6 +251,11 @@ std::size_t DispatchQueue::pendingCount() const {
 bool DispatchQueue::isOwnedByCurrentThread() const {
   std::lock_guard guard(state_->mutex);
   return state_->owner == std::this_thread::get_id();
+}
+
+std::thread::id DispatchQueue::owner() const {
+  std::lock_guard guard(state_->mutex);
+  return state_->owner;
 }
 
 void DispatchQueue::setSpecificValue(const void* key, std::any value) {

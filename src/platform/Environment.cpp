@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
 
@@ -126,6 +127,7 @@ Environment::Configuration Environment::Configuration::system(
   configuration.clock = std::make_shared<SystemClock>();
   configuration.preferredLanguages = hostPreferredLanguages();
   configuration.device = DeviceInfo::host(configuration.privateFolder / "Library" / "identifierForVendor");
+  configuration.healthFolder = folder / "HealthKit";
   return configuration;
 }
 
@@ -141,6 +143,12 @@ Environment::Environment(Configuration configuration)
       region_(configuration_.region ? *configuration_.region : Region::system()) {}
 
 Environment::~Environment() {
+  std::vector<std::shared_ptr<DispatchQueue>> queues;
+  {
+    std::lock_guard lock(mutex_);
+    queues = backgroundQueues_;
+  }
+  for (const auto& queue : queues) queue->close();
   std::vector<std::shared_ptr<void>> components;
   {
     std::lock_guard lock(componentsMutex_);
@@ -148,6 +156,68 @@ Environment::~Environment() {
     components.swap(componentsInOrder_);
   }
   while (!components.empty()) components.pop_back();
+}
+
+std::shared_ptr<DispatchQueue> Environment::makeQueue(std::string label) {
+  auto queue = configuration_.backgroundQueueMode == DispatchQueue::Mode::thread
+                   ? std::make_shared<DispatchQueue>(std::move(label), *clock_)
+                   : std::make_shared<DispatchQueue>(std::move(label), *clock_, mainQueue_->owner());
+  std::lock_guard lock(mutex_);
+  backgroundQueues_.push_back(queue);
+  return queue;
+}
+
+std::shared_ptr<DispatchQueue> Environment::makeThreadQueue(std::string label) {
+  auto queue = std::make_shared<DispatchQueue>(std::move(label), *clock_);
+  std::lock_guard lock(mutex_);
+  backgroundQueues_.push_back(queue);
+  return queue;
+}
+
+std::size_t Environment::runPending() {
+  std::size_t total = 0;
+  for (;;) {
+    std::vector<std::shared_ptr<DispatchQueue>> queues;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& queue : backgroundQueues_) {
+        if (queue->mode() == DispatchQueue::Mode::pumped) queues.push_back(queue);
+      }
+    }
+    std::size_t ran = mainQueue_->mode() == DispatchQueue::Mode::pumped ? mainQueue_->runPending() : 0;
+    for (const auto& queue : queues) ran += queue->runPending();
+    if (ran == 0) return total;
+    total += ran;
+  }
+}
+
+std::size_t Environment::settle(double horizon) {
+  std::size_t total = runPending();
+  const Date limit = clock_->now() + horizon;
+  for (;;) {
+    std::optional<Date> next;
+    auto consider = [&next](const DispatchQueue& queue) {
+      const auto deadline = queue.nextDeadline();
+      if (deadline && (!next || *deadline < *next)) next = deadline;
+    };
+    if (mainQueue_->mode() == DispatchQueue::Mode::pumped) consider(*mainQueue_);
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& queue : backgroundQueues_) {
+        if (queue->mode() == DispatchQueue::Mode::pumped) consider(*queue);
+      }
+    }
+    if (!next || *next > limit) return total;
+    if (auto* manual = dynamic_cast<ManualClock*>(clock_.get())) {
+      if (*next > manual->now()) manual->set(*next);
+    } else {
+      std::mutex mutex;
+      std::condition_variable condition;
+      std::unique_lock lock(mutex);
+      while (clock_->now() < *next) clock_->wait(lock, condition, *next);
+    }
+    total += runPending();
+  }
 }
 
 Environment& Environment::current() {

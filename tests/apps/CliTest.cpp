@@ -267,6 +267,72 @@ TEST_F(CliTest, ImportKeepsGoodRowsAndReportsBadOnes) {
   EXPECT_EQ(run("import '" + (folder.path() / "missing.csv").string() + "'").status, 1);
 }
 
+TEST_F(CliTest, AnotherApplicationsSleepIsSharedComparedAndChosen) {
+  const std::string at = "--tz UTC --now 2026-11-23T12:00:00Z ";
+  run("pickup add 2026-11-22T22:00:00Z 2026-11-22T22:30:00Z");
+  run("pickup add 2026-11-23T07:00:00Z 2026-11-23T07:10:00Z");
+  const Outcome added = run(at +
+                            "health add-sleep 2026-11-22T23:00:00Z 2026-11-23T06:30:00Z "
+                            "--source-bundle com.tantsissa.AutoSleep --source-name AutoSleep");
+  ASSERT_EQ(added.status, 0) << added.err;
+  EXPECT_EQ(json(run(at + "--json day"))["sleepTime"], 30600.0);  // still the inferred night
+  run(at + "--json day");
+  // The night went out once, however often the day is read, beside the other application's.
+  const auto samples = json(run("--json health samples --type sleep"));
+  ASSERT_EQ(samples.size(), 2u) << samples;
+  EXPECT_EQ(samples[0]["sourceName"], "Tarnwell");
+  EXPECT_EQ(samples[0]["end"], "2026-11-23T07:00:00Z");
+
+  const auto compared = json(run(at + "--json sleep compare --from 2026-11-22 --source com.tantsissa.AutoSleep"));
+  ASSERT_EQ(compared["nights"].size(), 2u);
+  EXPECT_TRUE(compared["nights"][0]["inferred"].is_null());
+  EXPECT_EQ(compared["nights"][1]["differenceMinutes"]["asleep"], -30.0);
+  EXPECT_EQ(compared["inference"]["durationMinutes"], 60.0);
+  EXPECT_EQ(run(at + "sleep compare").status, 1) << "no source named or chosen";
+  EXPECT_EQ(run(at + "sleep compare --from 1900-01-01 --source x").err,
+            "tarnwell: sleep compare: at most ten years at a time\n");
+
+  ASSERT_EQ(run("settings set defaultSleepDataSource com.tantsissa.AutoSleep").status, 0);
+  const auto chosen = json(run(at + "--json day"));
+  EXPECT_EQ(chosen["sleepTime"], 27000.0);
+  EXPECT_EQ(chosen["sleeps"][0]["start"], "2026-11-22T23:00:00Z");
+}
+
+TEST_F(CliTest, AHealthExportIsImportedWholeOrNotAtAll) {
+  const auto good = folder.path() / "export.xml", bad = folder.path() / "bad.xml";
+  std::ofstream(good)
+      << "<?xml version=\"1.0\"?>\n<HealthData locale=\"en_US\">\n"
+         " <Record type=\"HKQuantityTypeIdentifierStepCount\" sourceName=\"Phone\" "
+         "startDate=\"2026-11-22 10:00:00 +0000\" endDate=\"2026-11-22 10:05:00 +0000\" value=\"120\"/>\n"
+         " <Record type=\"HKCategoryTypeIdentifierSleepAnalysis\" sourceName=\"AutoSleep\" "
+         "startDate=\"2026-11-21 23:00:00 +0000\" endDate=\"2026-11-22 06:00:00 +0000\" "
+         "value=\"HKCategoryValueSleepAnalysisAsleepCore\"/>\n"
+         " <Record type=\"HKCategoryTypeIdentifierMindfulSession\" sourceName=\"Breathe\" "
+         "startDate=\"2026-11-22 12:00:00 +0000\" endDate=\"2026-11-22 12:05:00 +0000\" "
+         "value=\"HKCategoryValueNotApplicable\"/>\n</HealthData>\n";
+  std::ofstream(bad) << "<HealthData>\n <Record type=\"HKCategoryTypeIdentifierSleepAnalysis\" "
+                        "sourceName=\"AutoSleep\" startDate=\"2026-11-21 23:00:00 +0000\" "
+                        "endDate=\"2026-11-22 06:00:00 +0000\" value=\"3\"/>\n"
+                        " <Record type=\"HKCategoryTypeIdentifierSleepAnalysis\" sourceName=\"AutoSleep\" "
+                        "startDate=\"late\"/>\n</HealthData>\n";
+  const Outcome imported = run("--json health import '" + good.string() + "'");
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  EXPECT_EQ(json(imported)["imported"], 2);
+  const auto samples = json(run("--json health samples"));
+  ASSERT_EQ(samples.size(), 2u) << samples;
+  // A known sleep application keeps its identifier, so it can be chosen as the source.
+  EXPECT_EQ(samples[0]["sourceBundle"], "com.tantsissa.AutoSleep");
+  EXPECT_EQ(samples[1]["sourceBundle"], "export.Breathe");
+
+  const Outcome refused = run("health import '" + bad.string() + "'");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("line 3: the startDate \"late\" is not a date; nothing was imported"), std::string::npos)
+      << refused.err;
+  EXPECT_EQ(json(run("--json health samples")).size(), 2u);
+  EXPECT_EQ(run("health import '" + folder.path().string() + "'").err,
+            "tarnwell: health import: cannot read \"" + folder.path().string() + "\"\n");
+}
+
 TEST_F(CliTest, TheDayInJSONCarriesEveryMetric) {
   run("pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z");
   const auto day = json(run("--tz UTC --now 2026-11-23T12:00:00Z --json day 2026-11-22"));

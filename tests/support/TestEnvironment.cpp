@@ -29,6 +29,7 @@ Environment::Configuration TestEnvironment::configuration() const {
   configuration.keychainFolder = root() / "keychain";
   configuration.clock = clock_;
   configuration.mainQueueMode = Environment::MainQueueMode::pumped;
+  configuration.backgroundQueueMode = DispatchQueue::Mode::pumped;
   configuration.region = Region(options_.timeZone, options_.locale);
   configuration.preferredLanguages = {"en-US"};
   configuration.device =
@@ -42,8 +43,13 @@ void TestEnvironment::relaunch() {
   Environment::install(std::make_unique<Environment>(configuration()));
 }
 
-std::size_t TestEnvironment::pump() { return environment().mainQueue().runPending(); }
+std::size_t TestEnvironment::pump() { return environment().runPending(); }
 
-std::size_t TestEnvironment::advance(double seconds) { return environment().mainQueue().runFor(seconds); }
+std::size_t TestEnvironment::advance(double seconds) {
+  const Date end = clock_->now() + seconds;
+  std::size_t count = environment().settle(seconds);
+  if (clock_->now() < end) clock_->set(end);
+  return count + environment().runPending();
+}
 
 }  // namespace tarnwell::testing

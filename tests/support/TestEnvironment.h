@@ -2,8 +2,9 @@
 //
 // Everything lives in a new temporary folder that is removed afterwards: the
 // installation, the keychain, the XDG data home. The clock is manual and
-// starts at 2026-11-22 10:00:00 UTC, the main queue is pumped by the test,
-// and the zone and locale are fixed (UTC, en_US unless given).
+// starts at 2026-11-22 10:00:00 UTC, the main queue and the library's
+// background queues are pumped by the test, and the zone and locale are fixed
+// (UTC, en_US unless given).
 
 #pragma once
 
@@ -57,9 +58,9 @@ class TestEnvironment {
   // what a relaunch of the app would find.
   void relaunch();
 
-  // Runs what is due on the main queue now.
+  // Runs what is due now on the main queue and the background queues.
   std::size_t pump();
-  // Moves the clock forward, running main-queue work at each deadline.
+  // Moves the clock forward, running the queues' work at each deadline.
   std::size_t advance(double seconds);
 
  private:

@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → widgets → settings → extensions → records → store → health → [analytics] → charts → modules.
+// Layers, bottom to top: platform → healthkit → widgets → settings → extensions → records → store → health → [analytics] → charts → modules.
 //
 // EventsOfDay: the metrics of one day, for one list of devices.
 //
@@ -75,6 +75,10 @@ class EventsOfDay : public ItemLikeEventsOfDay {
   // When use began after the night, and when it ended before it.
   std::optional<Date> firstPickupDate() const override;
   std::optional<Date> lastPickupDate() const override;
+  // The night's ends as the pickups alone give them, whichever source of
+  // sleep is chosen: what this application writes to the health store.
+  std::optional<Date> inferredFirstPickupDate() const { return firstPickupDate_; }
+  std::optional<Date> inferredLastPickupDate() const { return lastPickupDate_; }
   // The middle of the night, or 04:00 when the night is not known.
   Date asleepAt() const;
   std::optional<DateInterval> bestBreak() const override;

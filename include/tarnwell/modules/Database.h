@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → widgets → settings → extensions → records → store → health → analytics → charts → [modules].
+// Layers, bottom to top: platform → healthkit → widgets → settings → extensions → records → store → health → analytics → charts → [modules].
 //
 // Database: the one facade of the store.
 //
@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -50,19 +51,20 @@ class SafeSyncQueue {
  public:
   explicit SafeSyncQueue(std::string label);
 
-  DispatchQueue& queue() { return queue_; }
+  DispatchQueue& queue() { return *queue_; }
   const DispatchSpecificKey<std::string>& queueKey() const { return queueKey_; }
 
   // Runs `block` on the queue and returns its result (or rethrows).
   template <class F>
   std::invoke_result_t<F&> safeSync(F&& block) {
     if (DispatchQueue::getSpecific(queueKey_) == label_) return block();
-    return queue_.sync(std::forward<F>(block));
+    return queue_->sync(std::forward<F>(block));
   }
 
  private:
   std::string label_;
-  DispatchQueue queue_;
+  // The Environment's, so that it is closed before the state it reaches goes.
+  std::shared_ptr<DispatchQueue> queue_;
   DispatchSpecificKey<std::string> queueKey_;
 };
 

@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 
@@ -60,6 +61,9 @@ class DispatchQueue {
 
   // `clock` must outlive the queue.
   DispatchQueue(std::string label, const Clock& clock, Mode mode = Mode::thread);
+  // A pumped queue run by the thread `owner` rather than by its maker, so
+  // that a queue made on any thread can be pumped with the main queue.
+  DispatchQueue(std::string label, const Clock& clock, std::thread::id owner);
   // A thread-backed queue on the installed Environment's clock; it must not
   // outlive that Environment (make it a component of it).
   explicit DispatchQueue(std::string label);
@@ -105,6 +109,12 @@ class DispatchQueue {
     return std::nullopt;
   }
 
+  // Stops the queue for good: blocks not yet started are dropped, a block
+  // that is running is waited for (unless it is the caller), and blocks
+  // submitted from now on are dropped as they come. What a closing world
+  // does to its queues, so that no block outlives the objects it reaches.
+  void close();
+
   // Pumped queues only, on the owner's thread. runPending() runs every block
   // that is due now, blocks they enqueue for now included, and returns how
   // many ran. runUntil() needs a ManualClock: it moves the clock forward to
@@ -119,8 +129,10 @@ class DispatchQueue {
   // Blocks waiting to run, due or not.
   std::size_t pendingCount() const;
 
-  // Which thread the main queue of the installed Environment belongs to.
+  // Whether the calling thread is the one that pumps this queue (for a
+  // thread-backed queue: its worker).
   bool isOwnedByCurrentThread() const;
+  std::thread::id owner() const;
 
  private:
   struct State;

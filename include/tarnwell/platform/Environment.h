@@ -1,4 +1,4 @@
-// Layers, bottom to top: [platform] → widgets → settings → extensions → records → store → health → analytics → charts → modules.
+// Layers, bottom to top: [platform] → healthkit → widgets → settings → extensions → records → store → health → analytics → charts → modules.
 //
 // Environment: everything the outside world provides, in one replaceable place.
 //
@@ -87,13 +87,21 @@ class Environment {
     // The system clock when absent.
     std::shared_ptr<Clock> clock;
     MainQueueMode mainQueueMode = MainQueueMode::pumped;
+    // How the library's background queues (the health manager's, the health
+    // store's) run: each on a thread of its own, as in an app, or pumped with
+    // the main queue by its thread, as in tests and the command-line host,
+    // where every asynchronous step then runs when the owner says so.
+    DispatchQueue::Mode backgroundQueueMode = DispatchQueue::Mode::thread;
+    // Where the installation's health store keeps its file; without one the
+    // health store lives in memory.
+    std::optional<std::filesystem::path> healthFolder;
     std::optional<Region> region;                 // Region::system() when absent
     std::vector<std::string> preferredLanguages;  // BCP 47 tags, most preferred first
     DeviceInfo device;
     BundleInfo bundle = BundleInfo::current();
 
-    // The folders of one installation: "<installation>/group.org.vostra.tarnwell"
-    // and "<installation>/org.vostra.tarnwell", with the keychain in
+    // The folders of one installation: "<installation>/group.org.vostra.tarnwell",
+    // "<installation>/org.vostra.tarnwell" and "<installation>/HealthKit", with the keychain in
     // "$XDG_DATA_HOME/tarnwell/keychain" (outside, so that it survives a
     // reinstall). Without an installation folder, "$XDG_DATA_HOME/tarnwell/container".
     // The device, region and languages are this host's.
@@ -132,6 +140,24 @@ class Environment {
   bool isMainThread() const { return mainQueue_->isOwnedByCurrentThread(); }
   NotificationCenter& notificationCenter() { return notificationCenter_; }
 
+  // A serial background queue of the library, run as `backgroundQueueMode`
+  // says. A pumped one belongs to the main queue's thread.
+  std::shared_ptr<DispatchQueue> makeQueue(std::string label);
+  // A queue of its own thread whatever the configuration says, for a queue
+  // that callers wait on with sync(); closed with the others.
+  std::shared_ptr<DispatchQueue> makeThreadQueue(std::string label);
+  // The main queue's thread only. Runs what is due on the main queue and on
+  // every pumped background queue, over and over, until none of them has
+  // anything due; returns how many blocks ran. Thread-backed queues go on by
+  // themselves.
+  std::size_t runPending();
+  // runPending(), then lets the deadlines of the next `horizon` seconds come
+  // (a manual clock is moved to each, the system clock is waited for) until
+  // no pumped queue has anything due within the horizon: what a host does
+  // before it answers or exits, so that debounced work is done.
+  std::size_t settle(double horizon);
+  const std::optional<std::filesystem::path>& healthFolder() const { return configuration_.healthFolder; }
+
   // The app's own store, "<private>/Library/Preferences/<bundle id>.sqlite".
   UserDefaults& standardUserDefaults();
   // A shared store, "<container>/Library/Preferences/<suite>.sqlite". Nothing
@@ -168,6 +194,8 @@ class Environment {
   Region region_;
   std::unique_ptr<UserDefaults> standardUserDefaults_;
   std::map<std::string, std::unique_ptr<UserDefaults>, std::less<>> suites_;
+  // Closed before the components go, so that no background block outlives what it reaches.
+  std::vector<std::shared_ptr<DispatchQueue>> backgroundQueues_;
 
   std::recursive_mutex componentsMutex_;
   std::map<std::type_index, std::shared_ptr<void>> components_;

@@ -18,6 +18,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "tarnwell/healthkit/Samples.h"
 #include "tarnwell/platform/Color.h"
 #include "tarnwell/platform/Data.h"
 #include "tarnwell/platform/Date.h"
@@ -122,6 +123,22 @@ struct FocusTagObject {
   std::string typeButtonTitle() const;
   // "Select Tag" for the default tag, else "Focus on", the emoji and the title.
   std::string typeButtonTitleWithPrefix() const;
+  // The stored raw values as the health store's associations, in order; a
+  // raw value the store does not know stays as it is (it reads "Others").
+  std::vector<HKStateOfMindAssociation> stateOfMindAssociations() const {
+    std::vector<HKStateOfMindAssociation> associations;
+    const auto& raws = [this]() -> const std::vector<std::int64_t>& {
+      if constexpr (requires { self().stateOfMindAssociationsList; }) {
+        return self().stateOfMindAssociationsList;  // the stored row
+      } else {
+        return self().stateOfMindAssociationsRawValue;  // the typed copy
+      }
+    }();
+    for (const auto raw : raws) {
+      associations.push_back(static_cast<HKStateOfMindAssociation>(raw));
+    }
+    return associations;
+  }
 
   friend bool operator==(const FocusTagObject&, const FocusTagObject&) = default;
 
