@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -27,23 +28,25 @@ struct Arguments {
   RangeOptions range;
 };
 
-constexpr const char* kTypeWords = "sleep, mindful or stateOfMind";
+constexpr const char* kTypeHelp = "sleep, mindful or stateOfMind";
+
+// The host's words for the sample types, in both directions.
+constexpr std::array<std::pair<HKSampleType, std::string_view>, 3> kTypeWords{{
+    {HKSampleType::sleepAnalysis, "sleep"},
+    {HKSampleType::mindfulSession, "mindful"},
+    {HKSampleType::stateOfMind, "stateOfMind"},
+}};
 
 HKSampleType parseType(const std::string& name, const std::string& text) {
-  if (text == "sleep") return HKSampleType::sleepAnalysis;
-  if (text == "mindful") return HKSampleType::mindfulSession;
-  if (text == "stateOfMind") return HKSampleType::stateOfMind;
-  refuse(name, text, kTypeWords);
+  for (const auto& [type, word] : kTypeWords) {
+    if (word == text) return type;
+  }
+  refuse(name, text, kTypeHelp);
 }
 
 std::string typeWord(HKSampleType type) {
-  switch (type) {
-    case HKSampleType::sleepAnalysis:
-      return "sleep";
-    case HKSampleType::mindfulSession:
-      return "mindful";
-    case HKSampleType::stateOfMind:
-      return "stateOfMind";
+  for (const auto& [known, word] : kTypeWords) {
+    if (known == type) return std::string(word);
   }
   return "";
 }
@@ -370,7 +373,7 @@ void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   });
 
   auto* samples = health->add_subcommand("samples", "What the health store holds, of every application");
-  samples->add_option("--type", a->typeFilter, kTypeWords);
+  samples->add_option("--type", a->typeFilter, kTypeHelp);
   a->range.addTo(samples);
   onRunWithoutStore(samples, action, [&options, a] {
     const auto type = a->typeFilter ? std::optional(parseType("--type", *a->typeFilter)) : std::nullopt;
@@ -388,7 +391,7 @@ void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   onRunWithoutStore(sources, action, [&options] { showSources(options); });
 
   auto* authorize = health->add_subcommand("authorize", "Script what the user answers when asked for a type");
-  authorize->add_option("type", a->type, kTypeWords)->required();
+  authorize->add_option("type", a->type, kTypeHelp)->required();
   authorize->add_option("--answer", a->answer, "grant, deny, silent or error")->required();
   onRunWithoutStore(authorize, action, [&options, a] {
     const HKSampleType type = parseType("type", a->type);
