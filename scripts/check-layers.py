@@ -19,17 +19,19 @@ import subprocess
 import sys
 
 # Bottom to top.
-LAYERS = ["platform", "healthkit", "widgets", "settings", "extensions", "records", "store", "health", "analytics", "charts",
-          "modules"]
+LAYERS = ["platform", "healthkit", "cloudkit", "widgets", "settings", "extensions", "records", "store", "sync", "health",
+          "analytics", "charts", "modules"]
 
 MAIN_HEADERS = {
     "platform": "include/tarnwell/platform/Environment.h",
     "healthkit": "include/tarnwell/healthkit/HealthStore.h",
+    "cloudkit": "include/tarnwell/cloudkit/Container.h",
     "widgets": "widget_shared/include/tarnwell/widgets/FocusType.h",
     "settings": "include/tarnwell/settings/Settings.h",
     "extensions": "include/tarnwell/extensions/Strings.h",
     "records": "include/tarnwell/records/Properties.h",
     "store": "include/tarnwell/store/Store.h",
+    "sync": "include/tarnwell/sync/SyncEngine.h",
     "health": "include/tarnwell/health/HealthManager.h",
     "analytics": "include/tarnwell/analytics/EventsOfDay.h",
     "charts": "include/tarnwell/charts/StatisticsData.h",

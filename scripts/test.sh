@@ -12,7 +12,7 @@ scripts/check-layers.py
 
 # The library's areas with tests of their own. The host's tests run the host
 # in processes of its own: they are for the sanitizers of the second build.
-areas=(platform healthkit widgets settings extensions records store health analytics charts modules)
+areas=(platform healthkit cloudkit widgets settings extensions records store sync health analytics charts modules)
 scripts/build.sh tsan "${areas[@]/%/_tests}" tarnwell
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   ctest --test-dir build/tsan -j "$jobs" -L "$(IFS='|'; echo "${areas[*]}")" --output-on-failure

@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → widgets → settings → extensions → records → store → health → analytics → charts → [modules].
+// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → health → analytics → charts → [modules].
 //
 // Database: the one facade of the store.
 //

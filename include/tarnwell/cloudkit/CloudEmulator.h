@@ -1,0 +1,174 @@
+// CloudEmulator: the user's cloud database on this machine.
+//
+// One emulator is one user's cloud: a private database, a public one, the
+// user's subscriptions, and the devices signed in to it. It keeps the
+// platform's semantics, because the sync layer's correctness depends on them:
+//
+// - Changes are committed per zone in order; each commit advances the
+//   zone's change sequence, and a fetch returns, in that order, the records
+//   changed since a token, one version per record, and a tombstone for each
+//   deletion. Tokens are opaque to the client.
+// - Fetches page: a page holds at most `pageSize` changes; a fetch that
+//   stops early says more is coming (with fetchAllChanges the operation goes
+//   on by itself, and updates the token between pages).
+// - Saves follow the operation's policy: changed keys (the last writer wins
+//   field by field), all keys, or only if the server's record is unchanged.
+//   An atomic operation writes all items of a zone or none; a failed item
+//   gives partialFailure (2) with each item's error, the others of its zone
+//   batchRequestFailed (22). A save into a zone that does not exist is
+//   zoneNotFound (26), into one the user deleted userDeletedZone (28).
+//   Deleting a record that is not there succeeds.
+// - A request of more than `requestLimit` items (records plus deletions)
+//   fails as a whole with limitExceeded (27).
+// - A committed change leaves a silent push for every other device signed
+//   in whose user has a subscription that matches: a database subscription
+//   for any change of its database, a query subscription for records of its
+//   type. A device hears pushes through its container's handler; pushes
+//   that come while it has none (or, for the folder, while it runs in
+//   another process) wait for it.
+// - A device whose account is not available runs nothing: every operation
+//   fails with notAuthenticated (9).
+//
+// Faults are injected on the emulator and hit every device: an error code
+// for the next N operations of a kind (or of any kind), with or without
+// retry-after; expiry of every token handed out so far; a zone deleted as
+// if by the user; completions that never come (the operation still runs on
+// the server); pushes that never arrive.
+//
+// Two backings with the same behaviour: in memory, for unit tests, and a
+// folder holding a SQLite file, shared by the installations of one machine
+// that signed in to it, and by their processes. The folder also keeps each
+// device's waiting pushes and unfinished long-lived operations, and the
+// fault switches, so that a script can set them between two processes.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tarnwell/cloudkit/Container.h"
+#include "tarnwell/platform/DispatchQueue.h"
+
+namespace tarnwell {
+
+// The kinds of operation a fault can be aimed at.
+enum class CKOperationKind {
+  modifyRecords,         // "modify"
+  fetchDatabaseChanges,  // "fetch-database"
+  fetchZoneChanges,      // "fetch-zone"
+  modifyZones,           // "modify-zones"
+  modifySubscriptions,   // "subscriptions"
+  query,                 // "query"
+};
+
+std::string_view name(CKOperationKind kind);
+std::optional<CKOperationKind> operationKindNamed(std::string_view name);
+
+struct CloudFault {
+  // Any raw code, also one the platform does not name.
+  int code = static_cast<int>(CKErrorCode::serviceUnavailable);
+  std::optional<double> retryAfter;
+  // How many operations it fails, from the next one on.
+  int times = 1;
+  // Any kind when absent.
+  std::optional<CKOperationKind> on;
+
+  friend bool operator==(const CloudFault&, const CloudFault&) = default;
+};
+
+// One operation as the cloud saw it, for tests and the command line.
+struct CloudRequest {
+  std::string deviceID;
+  CKOperationKind kind;
+  CKDatabaseScope scope;
+  std::size_t recordsToSave = 0;
+  std::size_t recordIDsToDelete = 0;
+  // 0 when it went through; the error's code otherwise.
+  int errorCode = 0;
+};
+
+// Thrown when a folder cannot be used as a cloud.
+class CloudFolderError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class EmulatedContainer;
+
+class CloudEmulator : public std::enable_shared_from_this<CloudEmulator> {
+ public:
+  struct Options {
+    std::size_t requestLimit = 400;
+    std::size_t pageSize = 400;
+  };
+
+  // A cloud in memory. Blocks run on `queue`, which the test pumps.
+  static std::shared_ptr<CloudEmulator> inMemory(std::shared_ptr<DispatchQueue> queue, Options options);
+  static std::shared_ptr<CloudEmulator> inMemory(std::shared_ptr<DispatchQueue> queue) {
+    return inMemory(std::move(queue), Options());
+  }
+  // The cloud in `folder`: made there when `create` is true and the folder
+  // is empty or absent; otherwise CloudFolderError when the folder is
+  // missing or is not a cloud. Blocks run on `queue`.
+  static std::shared_ptr<CloudEmulator> open(const std::filesystem::path& folder, bool create,
+                                             std::shared_ptr<DispatchQueue> queue, Options options);
+  static std::shared_ptr<CloudEmulator> open(const std::filesystem::path& folder, bool create,
+                                             std::shared_ptr<DispatchQueue> queue) {
+    return open(folder, create, std::move(queue), Options());
+  }
+  static bool isCloudFolder(const std::filesystem::path& folder);
+
+  virtual ~CloudEmulator() = default;
+
+  // The container of application `containerIdentifier` on device `deviceID`,
+  // signed in to this cloud with an available account.
+  virtual std::shared_ptr<EmulatedContainer> container(const std::string& deviceID,
+                                                       const std::string& containerIdentifier) = 0;
+
+  // Faults.
+  virtual void addFault(CloudFault fault) = 0;
+  virtual std::vector<CloudFault> faults() const = 0;
+  virtual void clearFaults() = 0;
+  // Every database and zone token handed out so far is answered with
+  // changeTokenExpired (21) from now on.
+  virtual void expireTokens() = 0;
+  // The user deleted the zone in the settings: its records are gone, a fetch
+  // or save in it fails with userDeletedZone (28) until it is created again.
+  virtual void deleteZone(CKDatabaseScope scope, const CKRecordZoneID& zoneID) = 0;
+  // The next `count` operations run on the server but call no completion.
+  virtual void dropCompletions(int count) = 0;
+  // The next `count` pushes are never delivered.
+  virtual void dropPushes(int count) = 0;
+
+  // What the cloud holds: the live records of a database, by zone and
+  // record name; of one type when given.
+  virtual std::vector<CKRecord> records(CKDatabaseScope scope,
+                                        const std::optional<std::string>& recordType = std::nullopt) const = 0;
+  virtual std::vector<CKRecordZone> zones(CKDatabaseScope scope) const = 0;
+  virtual std::vector<CKSubscription> subscriptions(CKDatabaseScope scope) const = 0;
+  // The operations run so far, oldest first (in memory only this process's).
+  virtual std::vector<CloudRequest> requests() const = 0;
+};
+
+// A device's view of the cloud, as the platform's container is.
+class EmulatedContainer : public CKContainer {
+ public:
+  virtual const std::string& deviceID() const = 0;
+  // Forces what accountStatus answers for this device.
+  virtual void setAccountStatus(CKAccountStatus status) = 0;
+  // Hands the pushes waiting for this device to the handler now (those that
+  // other processes left in the folder); returns how many.
+  virtual std::size_t deliverPendingPushes() = 0;
+  // How many pushes wait for this device.
+  virtual std::size_t pendingPushCount() const = 0;
+};
+
+}  // namespace tarnwell

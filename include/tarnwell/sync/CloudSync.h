@@ -1,0 +1,123 @@
+// CloudSync: the names and the two protocols of the sync layer.
+//
+// The sync layer keeps the local store and the user's cloud database in step
+// without code per record type. A SyncObject stands for one record class
+// (Syncable), a DatabaseManager speaks to one cloud database, and the
+// SyncEngine joins them. What is kept between launches (change tokens, the
+// zone and subscription flags) lives in the standard user defaults under the
+// keys below.
+
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tarnwell/cloudkit/Container.h"
+#include "tarnwell/platform/UserDefaults.h"
+
+namespace tarnwell::sync {
+
+// The layer's diagnostics: the lines that begin with "🔄 " and those of the
+// error handler. Nothing depends on them. They are composed always and
+// printed to the log only by a development build with `enableLogging` on;
+// a sink set here (for tests) hears every line whatever the flag says.
+class CloudSync {
+ public:
+  static CloudSync& shared();
+
+  bool enableLogging = false;
+
+  void log(const std::string& line);
+  void setSink(std::function<void(const std::string&)> sink);
+
+ private:
+  std::function<void(const std::string&)> sink_;
+};
+
+// Keys of the values kept between launches; each is stored as
+// "cloudsync.keys." followed by its raw value.
+enum class CloudSyncKey {
+  databaseChangesTokenKey,
+  zoneChangesTokenKey,
+  subscriptionIsLocallyCachedKey,
+  hasCustomZoneCreatedKey,
+};
+std::string_view rawValue(CloudSyncKey key);
+// "cloudsync.keys.databaseChangesTokenKey" and so on.
+std::string storedKey(CloudSyncKey key);
+
+struct CloudSyncSubscription {
+  static constexpr std::string_view cloudKitPrivateDatabaseSubscriptionID = "private_changes";
+  // So written.
+  static constexpr std::string_view cloudKitPublicDatabaseSubscriptionID = "cloudKitPublicDatabaseSubcriptionID";
+  static std::vector<std::string> allIDs();
+};
+
+struct Notifications {
+  // Posted when a push says the cloud changed; the database managers fetch.
+  static constexpr std::string_view cloudKitDataDidChangeRemotely = "cloudKitDataDidChangeRemotely";
+};
+
+// The records to store and the record ids to delete that local changes of
+// one class became.
+using PipeToEngine = std::function<void(std::vector<CKRecord> recordsToStore, std::vector<CKRecordID> recordIDsToDelete)>;
+
+// Anything the engine can drive: one record class and its zone.
+class Syncable {
+ public:
+  virtual ~Syncable() = default;
+
+  virtual std::string recordType() const = 0;
+  virtual CKRecordZoneID zoneID() const = 0;
+  virtual std::optional<CKServerChangeToken> zoneChangesToken() const = 0;
+  virtual void setZoneChangesToken(const std::optional<CKServerChangeToken>& token) = 0;
+  virtual bool isCustomZoneCreated() const = 0;
+  virtual void setIsCustomZoneCreated(bool created) = 0;
+
+  virtual void registerLocalDatabase() = 0;
+  virtual void unregisterLocalDatabase() = 0;
+  virtual void cleanUp() = 0;
+  virtual void add(const CKRecord& record) = 0;
+  virtual void deleteRecord(const CKRecordID& recordID) = 0;
+  virtual void resolvePendingRelationships() = 0;
+  virtual void pushLocalObjectsToCloudKit() = 0;
+  virtual void pause() = 0;
+  virtual void resume() = 0;
+
+  virtual PipeToEngine pipeToEngine() const = 0;
+  virtual void setPipeToEngine(PipeToEngine pipe) = 0;
+};
+
+using Callback = std::function<void(std::exception_ptr error)>;
+
+// The part that speaks to one cloud database (PrivateDatabaseManager,
+// PublicDatabaseManager).
+class DatabaseManager {
+ public:
+  virtual ~DatabaseManager() = default;
+
+  virtual CKDatabase& database() = 0;
+  virtual CKContainer& container() = 0;
+  virtual const std::vector<std::shared_ptr<Syncable>>& syncObjects() const = 0;
+
+  virtual void prepare() = 0;
+  virtual void fetchChangesInDatabase(Callback callback) = 0;
+  virtual void resumeLongLivedOperationIfPossible() = 0;
+  virtual void createCustomZonesIfAllowed() = 0;
+  virtual void startObservingRemoteChanges() = 0;
+  virtual void stopObservingRemoteChanges() = 0;
+  virtual void startObservingTermination() = 0;
+  virtual void stopObservingTermination() = 0;
+  virtual void createDatabaseSubscriptionIfHaveNot() = 0;
+  virtual void registerLocalDatabase() = 0;
+  virtual void unregisterLocalDatabase() = 0;
+  // Sends the records and deletions in one operation; see DatabaseManager.h.
+  virtual void syncRecordsToCloudKit(std::vector<CKRecord> recordsToStore, std::vector<CKRecordID> recordIDsToDelete,
+                                     Callback completion) = 0;
+};
+
+}  // namespace tarnwell::sync
