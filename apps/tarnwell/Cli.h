@@ -176,6 +176,7 @@ void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& actio
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 // After addFocusCommands: it adds `focus state-of-mind` too.
 void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 
 // Drains Database.queue, then runs what is due on the main queue and the
 // background queues; how many blocks ran there.

@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
   addFormatCommand(app, options, action);
   addChartCommands(app, options, action);
   addHealthCommands(app, options, action);
+  addCloudCommands(app, options, action);
 
   try {
     app.parse(argc, argv);

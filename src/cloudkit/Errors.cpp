@@ -81,8 +81,7 @@ std::optional<CKErrorCode> errorCodeNamed(std::string_view text) {
   return static_cast<CKErrorCode>(raw);
 }
 
-CKError::CKError(CKErrorCode code, std::string description)
-    : CKError(static_cast<int>(code), std::move(description)) {}
+CKError::CKError(CKErrorCode code, std::string description) : CKError(static_cast<int>(code), std::move(description)) {}
 
 CKError::CKError(int rawCode, std::string description)
     : std::runtime_error(description.empty() ? defaultDescription(rawCode) : description),

@@ -72,8 +72,8 @@ std::optional<CKServerChangeToken> CKServerChangeToken::unarchived(const Data& d
       !std::equal(kTokenArchiveHeader.begin(), kTokenArchiveHeader.end(), data.begin())) {
     return std::nullopt;
   }
-  return CKServerChangeToken(std::string(data.begin() + static_cast<std::ptrdiff_t>(kTokenArchiveHeader.size()),
-                                         data.end()));
+  return CKServerChangeToken(
+      std::string(data.begin() + static_cast<std::ptrdiff_t>(kTokenArchiveHeader.size()), data.end()));
 }
 
 std::string_view name(CKAccountStatus status) {

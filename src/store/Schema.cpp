@@ -41,6 +41,7 @@ std::string quoteIdentifier(std::string_view name) {
   return text + "\"";
 }
 
+void bindValue(sqlite::Statement& s, int i, const SyncAsset& value) { bindValue(s, i, value.uniqueFileName); }
 void bindValue(sqlite::Statement& s, int i, const std::string& value) { s.bind(i, std::string_view(value)); }
 void bindValue(sqlite::Statement& s, int i, Date value) { s.bind(i, value.timeIntervalSinceReferenceDate()); }
 void bindValue(sqlite::Statement& s, int i, bool value) { s.bind(i, value); }
@@ -54,6 +55,7 @@ void bindValue(sqlite::Statement& s, int i, const std::vector<std::int64_t>& val
   s.bind(i, std::string_view(nlohmann::json(value).dump()));
 }
 
+void readValue(const sqlite::Statement& s, int c, SyncAsset& value) { value.uniqueFileName = s.text(c); }
 void readValue(const sqlite::Statement& s, int c, std::string& value) { value = s.text(c); }
 void readValue(const sqlite::Statement& s, int c, Date& value) {
   value = Date::fromTimeIntervalSinceReferenceDate(s.real(c));
@@ -69,6 +71,7 @@ void readValue(const sqlite::Statement& s, int c, std::vector<std::int64_t>& val
   value = parseList<std::vector<std::int64_t>>(s, c);
 }
 
+std::string literal(const SyncAsset& value) { return literal(value.uniqueFileName); }
 std::string literal(const std::string& value) {
   std::string text = "'";
   for (const char c : value) {

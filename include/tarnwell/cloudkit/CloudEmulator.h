@@ -144,6 +144,9 @@ class CloudEmulator : public std::enable_shared_from_this<CloudEmulator> {
   // or save in it fails with userDeletedZone (28) until it is created again.
   virtual void deleteZone(CKDatabaseScope scope, const CKRecordZoneID& zoneID) = 0;
   // The next `count` operations run on the server but call no completion.
+  // What a fetch or a query hands over still reaches its per-record blocks
+  // (and a long fetch its token updates); only the blocks that end it, a
+  // zone's and the operation's, are lost.
   virtual void dropCompletions(int count) = 0;
   // The next `count` pushes are never delivered.
   virtual void dropPushes(int count) = 0;

@@ -73,8 +73,8 @@ enum class CKRecordSavePolicy : std::int64_t {
 
 class CKModifyRecordsOperation : public CKOperation {
  public:
-  CKModifyRecordsOperation(std::vector<CKRecord> recordsToSave, std::vector<CKRecordID> recordIDsToDelete)
-      : recordsToSave(std::move(recordsToSave)), recordIDsToDelete(std::move(recordIDsToDelete)) {}
+  CKModifyRecordsOperation(std::vector<CKRecord> records, std::vector<CKRecordID> deletions)
+      : recordsToSave(std::move(records)), recordIDsToDelete(std::move(deletions)) {}
 
   std::vector<CKRecord> recordsToSave;
   std::vector<CKRecordID> recordIDsToDelete;
@@ -93,8 +93,8 @@ class CKModifyRecordsOperation : public CKOperation {
 
 class CKFetchDatabaseChangesOperation : public CKOperation {
  public:
-  explicit CKFetchDatabaseChangesOperation(std::optional<CKServerChangeToken> previousServerChangeToken)
-      : previousServerChangeToken(std::move(previousServerChangeToken)) {}
+  explicit CKFetchDatabaseChangesOperation(std::optional<CKServerChangeToken> previousToken)
+      : previousServerChangeToken(std::move(previousToken)) {}
 
   std::optional<CKServerChangeToken> previousServerChangeToken;
   std::size_t resultsLimit = 0;  // 0: the cloud's own page size
@@ -114,9 +114,9 @@ struct CKFetchRecordZoneChangesConfiguration {
 
 class CKFetchRecordZoneChangesOperation : public CKOperation {
  public:
-  CKFetchRecordZoneChangesOperation(std::vector<CKRecordZoneID> recordZoneIDs,
+  CKFetchRecordZoneChangesOperation(std::vector<CKRecordZoneID> zoneIDs,
                                     std::map<CKRecordZoneID, CKFetchRecordZoneChangesConfiguration> configurations)
-      : recordZoneIDs(std::move(recordZoneIDs)), configurationsByRecordZoneID(std::move(configurations)) {}
+      : recordZoneIDs(std::move(zoneIDs)), configurationsByRecordZoneID(std::move(configurations)) {}
 
   std::vector<CKRecordZoneID> recordZoneIDs;
   std::map<CKRecordZoneID, CKFetchRecordZoneChangesConfiguration> configurationsByRecordZoneID;
@@ -135,9 +135,8 @@ class CKFetchRecordZoneChangesOperation : public CKOperation {
 
 class CKModifyRecordZonesOperation : public CKOperation {
  public:
-  CKModifyRecordZonesOperation(std::vector<CKRecordZone> recordZonesToSave,
-                               std::vector<CKRecordZoneID> recordZoneIDsToDelete)
-      : recordZonesToSave(std::move(recordZonesToSave)), recordZoneIDsToDelete(std::move(recordZoneIDsToDelete)) {}
+  CKModifyRecordZonesOperation(std::vector<CKRecordZone> zones, std::vector<CKRecordZoneID> deletions)
+      : recordZonesToSave(std::move(zones)), recordZoneIDsToDelete(std::move(deletions)) {}
 
   std::vector<CKRecordZone> recordZonesToSave;
   std::vector<CKRecordZoneID> recordZoneIDsToDelete;
@@ -149,10 +148,8 @@ class CKModifyRecordZonesOperation : public CKOperation {
 
 class CKModifySubscriptionsOperation : public CKOperation {
  public:
-  CKModifySubscriptionsOperation(std::vector<CKSubscription> subscriptionsToSave,
-                                 std::vector<std::string> subscriptionIDsToDelete)
-      : subscriptionsToSave(std::move(subscriptionsToSave)),
-        subscriptionIDsToDelete(std::move(subscriptionIDsToDelete)) {}
+  CKModifySubscriptionsOperation(std::vector<CKSubscription> subscriptions, std::vector<std::string> deletions)
+      : subscriptionsToSave(std::move(subscriptions)), subscriptionIDsToDelete(std::move(deletions)) {}
 
   std::vector<CKSubscription> subscriptionsToSave;
   std::vector<std::string> subscriptionIDsToDelete;
@@ -175,8 +172,8 @@ struct CKQueryCursor {
 
 class CKQueryOperation : public CKOperation {
  public:
-  explicit CKQueryOperation(CKQuery query) : query(std::move(query)) {}
-  explicit CKQueryOperation(CKQueryCursor cursor) : cursor(std::move(cursor)) {}
+  explicit CKQueryOperation(CKQuery what) : query(std::move(what)) {}
+  explicit CKQueryOperation(CKQueryCursor from) : cursor(std::move(from)) {}
 
   std::optional<CKQuery> query;
   std::optional<CKQueryCursor> cursor;

@@ -5,7 +5,9 @@
 // properties() tuple, so that adding a property to a record is the whole
 // change. Storage: text as TEXT, dates as REAL seconds since 2001-01-01,
 // booleans and integers as INTEGER, doubles as REAL, bytes as BLOB, lists as
-// JSON text.
+// JSON text; a link as the TEXT of its target's key (NULL when absent), a
+// list of links as the JSON text of their keys, an asset as the TEXT of its
+// file name.
 
 #pragma once
 
@@ -30,7 +32,9 @@ using records::PropertyType;
 // `"name"`, quoted so that words such as "end" are plain column names.
 std::string quoteIdentifier(std::string_view name);
 
-// Binding and reading of single values, by C++ type.
+// Binding and reading of single values, by C++ type. Links and assets come
+// first so that the templates below find them.
+void bindValue(sqlite::Statement& statement, int index, const SyncAsset& value);
 void bindValue(sqlite::Statement& statement, int index, const std::string& value);
 void bindValue(sqlite::Statement& statement, int index, Date value);
 void bindValue(sqlite::Statement& statement, int index, bool value);
@@ -39,6 +43,17 @@ void bindValue(sqlite::Statement& statement, int index, double value);
 void bindValue(sqlite::Statement& statement, int index, const Data& value);
 void bindValue(sqlite::Statement& statement, int index, const std::vector<std::string>& value);
 void bindValue(sqlite::Statement& statement, int index, const std::vector<std::int64_t>& value);
+template <class Target>
+void bindValue(sqlite::Statement& statement, int index, const records::Ref<Target>& value) {
+  bindValue(statement, index, value.key);
+}
+template <class Target>
+void bindValue(sqlite::Statement& statement, int index, const std::vector<records::Ref<Target>>& value) {
+  std::vector<std::string> keys;
+  keys.reserve(value.size());
+  for (const auto& link : value) keys.push_back(link.key);
+  bindValue(statement, index, keys);
+}
 template <class T>
 void bindValue(sqlite::Statement& statement, int index, const std::optional<T>& value) {
   if (value) {
@@ -48,6 +63,7 @@ void bindValue(sqlite::Statement& statement, int index, const std::optional<T>& 
   }
 }
 
+void readValue(const sqlite::Statement& statement, int column, SyncAsset& value);
 void readValue(const sqlite::Statement& statement, int column, std::string& value);
 void readValue(const sqlite::Statement& statement, int column, Date& value);
 void readValue(const sqlite::Statement& statement, int column, bool& value);
@@ -56,6 +72,18 @@ void readValue(const sqlite::Statement& statement, int column, double& value);
 void readValue(const sqlite::Statement& statement, int column, Data& value);
 void readValue(const sqlite::Statement& statement, int column, std::vector<std::string>& value);
 void readValue(const sqlite::Statement& statement, int column, std::vector<std::int64_t>& value);
+template <class Target>
+void readValue(const sqlite::Statement& statement, int column, records::Ref<Target>& value) {
+  readValue(statement, column, value.key);
+}
+template <class Target>
+void readValue(const sqlite::Statement& statement, int column, std::vector<records::Ref<Target>>& value) {
+  std::vector<std::string> keys;
+  readValue(statement, column, keys);
+  value.clear();
+  value.reserve(keys.size());
+  for (auto& key : keys) value.push_back(records::Ref<Target>{std::move(key)});
+}
 template <class T>
 void readValue(const sqlite::Statement& statement, int column, std::optional<T>& value) {
   if (statement.isNull(column)) {
@@ -67,6 +95,7 @@ void readValue(const sqlite::Statement& statement, int column, std::optional<T>&
 }
 
 // The SQL literal of a value, for column defaults.
+std::string literal(const SyncAsset& value);
 std::string literal(const std::string& value);
 std::string literal(Date value);
 std::string literal(bool value);
@@ -75,6 +104,16 @@ std::string literal(double value);
 std::string literal(const Data& value);
 std::string literal(const std::vector<std::string>& value);
 std::string literal(const std::vector<std::int64_t>& value);
+template <class Target>
+std::string literal(const records::Ref<Target>& value) {
+  return literal(value.key);
+}
+template <class Target>
+std::string literal(const std::vector<records::Ref<Target>>& value) {
+  std::vector<std::string> keys;
+  for (const auto& link : value) keys.push_back(link.key);
+  return literal(keys);
+}
 template <class T>
 std::string literal(const std::optional<T>& value) {
   return value ? literal(*value) : "NULL";
@@ -82,13 +121,19 @@ std::string literal(const std::optional<T>& value) {
 
 // The column's declaration: type, NOT NULL and the default of a
 // default-constructed record, so that a column added to an old table gets it.
+// An integer primary key is declared INT, not INTEGER, so that it does not
+// become the rowid: rows keep the order they were added in, as in every
+// other table, and an absent key is not filled in behind the record's back.
 template <class Record, class P>
 std::string columnDefinition(const P& p) {
   using Traits = typename P::Traits;
   std::string sql = quoteIdentifier(p.name);
   if constexpr (Traits::list) {
     sql += " TEXT";
-  } else if constexpr (Traits::type == PropertyType::string) {
+  } else if constexpr (Traits::type == PropertyType::integer) {
+    sql += p.isPrimaryKey ? " INT" : " INTEGER";
+  } else if constexpr (Traits::type == PropertyType::string || Traits::type == PropertyType::link ||
+                       Traits::type == PropertyType::asset) {
     sql += " TEXT";
   } else if constexpr (Traits::type == PropertyType::data) {
     sql += " BLOB";

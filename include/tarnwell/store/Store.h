@@ -180,6 +180,10 @@ class Store {
   // nothing of this commit.
   template <class F>
   void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {});
+  // As write(), but no observer hears of this commit at all: for changes
+  // that only complete what an earlier write from the same source began.
+  template <class F>
+  void writeNotifyingNobody(F&& body);
 
   // Registers `callback` for commits that change rows of Record's class; it
   // runs on the main queue, first once with an empty, initial change set.
@@ -297,6 +301,18 @@ void Store::write(F&& body, const std::vector<const ObserverToken*>& withoutNoti
   transaction.deliver(withoutNotifying);
 }
 
+template <class F>
+void Store::writeNotifyingNobody(F&& body) {
+  WriteTransaction transaction(*this);
+  try {
+    body(transaction);
+    transaction.commit();
+  } catch (...) {
+    transaction.rollback();
+    throw;
+  }
+}
+
 template <class Record>
 void WriteTransaction::add(const Record& record, UpdatePolicy policy) {
   static const std::string insert = [] {
@@ -317,13 +333,7 @@ void WriteTransaction::add(const Record& record, UpdatePolicy policy) {
   auto& statement = connection().cached(policy == UpdatePolicy::all ? upsert : insert);
   bindRecord(statement, record);
   statement.execute();
-  std::string key;
-  forEachProperty<Record>([&](const auto& p) {
-    if constexpr (std::is_same_v<typename std::decay_t<decltype(p)>::Value, std::optional<std::string>>) {
-      if (p.isPrimaryKey) key = (record.*(p.member)).value_or("");
-    }
-  });
-  recordAdd(Record::className, std::move(key));
+  recordAdd(Record::className, records::primaryKeyText(record).value_or(""));
 }
 
 template <class Record>

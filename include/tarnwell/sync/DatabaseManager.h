@@ -1,0 +1,116 @@
+// The two database managers: the part of the sync layer that speaks to the
+// cloud.
+//
+// PrivateDatabaseManager keeps one custom zone per record class in the
+// user's private database and pulls what changed since its change tokens.
+// PublicDatabaseManager works in the default zone of the public database,
+// which it can only query, whole, each time. Both push the same way: one
+// long-lived, atomic operation with the changed-keys policy per batch of
+// local changes, and every outcome goes through the ErrorHandler: a retry
+// waits on the main queue for the seconds the cloud asked, a request too
+// large is cut into pieces of 300 records, anything else is logged and the
+// changes wait for a later push.
+//
+// Some behaviour is kept as the system has always had it, because devices in
+// the field depend on the data it produced and nothing depends on it being
+// otherwise: a push that ends in an unhandled error calls no completion; the
+// deletions are repeated with every piece of a cut; each start of the
+// remote-change observation adds one more observer, which stop does not
+// remove; and a fetch that ends in an unhandled error never calls back.
+
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tarnwell/platform/DispatchQueue.h"
+#include "tarnwell/platform/NotificationCenter.h"
+#include "tarnwell/platform/UserDefaults.h"
+#include "tarnwell/sync/CloudSync.h"
+
+namespace tarnwell::sync {
+
+// Posted by the host when the application is about to end.
+inline constexpr std::string_view UIApplicationWillTerminateNotification = "UIApplicationWillTerminateNotification";
+
+// What both managers share.
+class CloudDatabaseManager : public DatabaseManager, public std::enable_shared_from_this<CloudDatabaseManager> {
+ public:
+  // Records of a request beyond this many are sent in pieces of this many.
+  static constexpr std::size_t kChunkSize = 300;
+
+  CKDatabase& database() override { return database_; }
+  CKContainer& container() override { return *container_; }
+  const std::vector<std::shared_ptr<Syncable>>& syncObjects() const override { return syncObjects_; }
+
+  void prepare() override;
+  void resumeLongLivedOperationIfPossible() override;
+  void startObservingRemoteChanges() override;
+  void stopObservingRemoteChanges() override;
+  void startObservingTermination() override;
+  void stopObservingTermination() override;
+  void registerLocalDatabase() override;
+  void unregisterLocalDatabase() override;
+  void syncRecordsToCloudKit(std::vector<CKRecord> recordsToStore, std::vector<CKRecordID> recordIDsToDelete,
+                             Callback completion) override;
+
+  // Calls cleanUp() on every sync object, in list order.
+  void cleanUp();
+
+  // Where the tokens and flags are kept.
+  UserDefaults& defaults() { return defaults_; }
+
+  // How many remote-change observers the starts have added.
+  std::size_t remoteChangeObserverCount() const { return remoteChangeObservers_.size(); }
+
+ protected:
+  // `defaults` keeps the tokens and flags: the process's standard store.
+  CloudDatabaseManager(std::vector<std::shared_ptr<Syncable>> objects, std::shared_ptr<CKContainer> container,
+                       CKDatabase& database, UserDefaults& defaults);
+
+  std::weak_ptr<CloudDatabaseManager> weakSelf() { return weak_from_this(); }
+
+ private:
+  std::shared_ptr<CKContainer> container_;
+  CKDatabase& database_;
+  std::vector<std::shared_ptr<Syncable>> syncObjects_;
+  UserDefaults& defaults_;
+  std::shared_ptr<DispatchQueue> utilityQueue_;
+  std::vector<NotificationToken> remoteChangeObservers_;
+  std::vector<NotificationToken> terminationObservers_;
+};
+
+class PrivateDatabaseManager : public CloudDatabaseManager {
+ public:
+  PrivateDatabaseManager(std::vector<std::shared_ptr<Syncable>> objects, std::shared_ptr<CKContainer> container,
+                         UserDefaults& defaults = UserDefaults::standard());
+
+  // From the stored database token: which zones changed, then every zone.
+  void fetchChangesInDatabase(Callback callback) override;
+  void fetchChangesInZones(Callback callback);
+  // The zones not made yet; once made, the first full push of every class.
+  void createCustomZonesIfAllowed() override;
+  // The database subscription "private_changes", until it was saved once.
+  void createDatabaseSubscriptionIfHaveNot() override;
+};
+
+class PublicDatabaseManager : public CloudDatabaseManager {
+ public:
+  PublicDatabaseManager(std::vector<std::shared_ptr<Syncable>> objects, std::shared_ptr<CKContainer> container,
+                        UserDefaults& defaults = UserDefaults::standard());
+
+  // Queries every record of every class, page after page; calls back once
+  // per class.
+  void fetchChangesInDatabase(Callback callback) override;
+  // The public database has only its default zone.
+  void createCustomZonesIfAllowed() override;
+  // One query subscription per class, every time.
+  void createDatabaseSubscriptionIfHaveNot() override;
+
+ private:
+  void addQueryOperation(std::shared_ptr<CKQueryOperation> operation, const std::shared_ptr<Syncable>& object,
+                         Callback callback);
+};
+
+}  // namespace tarnwell::sync
