@@ -24,10 +24,10 @@ std::shared_ptr<SyncEngine> SyncEngine::make(std::vector<std::shared_ptr<Syncabl
   container->accountStatus([weak = std::weak_ptr(engine), callback](CKAccountStatus status, std::exception_ptr) {
     const auto self = weak.lock();
     if (!self) return;
-    auto& manager = self->databaseManager();
+    auto& ready = self->databaseManager();
     switch (status) {
       case CKAccountStatus::available:
-        manager.createCustomZonesIfAllowed();
+        ready.createCustomZonesIfAllowed();
         break;
       case CKAccountStatus::restricted:
       case CKAccountStatus::noAccount:
@@ -38,8 +38,8 @@ std::shared_ptr<SyncEngine> SyncEngine::make(std::vector<std::shared_ptr<Syncabl
       case CKAccountStatus::temporarilyUnavailable:
         return;
     }
-    manager.resumeLongLivedOperationIfPossible();
-    manager.createDatabaseSubscriptionIfHaveNot();
+    ready.resumeLongLivedOperationIfPossible();
+    ready.createDatabaseSubscriptionIfHaveNot();
     if (callback) callback(self);
   });
   return engine;
