@@ -114,7 +114,8 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   signIn->add_option("folder", a->folder, "The cloud's folder")->required();
   onRunWithoutStore(signIn, action, [&options, a] {
     const auto folder = std::filesystem::absolute(a->folder).lexically_normal();
-    openCloud(folder, true)->container(Settings::deviceId(), std::string(kContainerIdentifier))
+    openCloud(folder, true)
+        ->container(Settings::deviceId(), std::string(kContainerIdentifier))
         ->setAccountStatus(CKAccountStatus::available);
     UserDefaults::standard().set(kCloudFolderKey, folder.string());
     Output(options).print({{"folder", folder.string()}, {"deviceId", Settings::deviceId()}},
@@ -128,8 +129,8 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   });
 
   auto* account = cloud->add_subcommand("account", "Force what the account status reads for this installation");
-  account->add_option("status", a->status,
-                      "couldNotDetermine, available, restricted, noAccount or temporarilyUnavailable")
+  account
+      ->add_option("status", a->status, "couldNotDetermine, available, restricted, noAccount or temporarilyUnavailable")
       ->required();
   onRunWithoutStore(account, action, [&options, a] {
     const auto status = accountStatusNamed(a->status);

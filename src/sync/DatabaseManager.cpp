@@ -50,39 +50,39 @@ void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsTo
   operation->configuration.isLongLived = true;
   operation->savePolicy = CKRecordSavePolicy::changedKeys;
   operation->isAtomic = true;
-  operation->modifyRecordsCompletionBlock =
-      [weak = weakSelf(), recordsToStore, recordIDsToDelete, completion](
-          std::optional<std::vector<CKRecord>>, std::optional<std::vector<CKRecordID>>, std::exception_ptr error) {
-        const auto self = weak.lock();
-        if (!self) return;
-        const auto result = ErrorHandler::resultType(error);
-        auto& sync = CloudSync::shared();
-        if (result.isSuccess()) {
-          sync.log("🔄 Modify record completed");
-          DispatchQueue::main().async([completion] {
-            if (completion) completion(nullptr);
+  operation->modifyRecordsCompletionBlock = [weak = weakSelf(), recordsToStore, recordIDsToDelete, completion](
+                                                std::optional<std::vector<CKRecord>>,
+                                                std::optional<std::vector<CKRecordID>>, std::exception_ptr error) {
+    const auto self = weak.lock();
+    if (!self) return;
+    const auto result = ErrorHandler::resultType(error);
+    auto& sync = CloudSync::shared();
+    if (result.isSuccess()) {
+      sync.log("🔄 Modify record completed");
+      DispatchQueue::main().async([completion] {
+        if (completion) completion(nullptr);
+      });
+    } else if (result.isRetry()) {
+      sync.log("🔄 Modify record needs retry");
+      ErrorHandler::retryOperationIfPossible(
+          result.afterSeconds(), [weak, recordsToStore, recordIDsToDelete, completion] {
+            if (const auto again = weak.lock())
+              again->syncRecordsToCloudKit(recordsToStore, recordIDsToDelete, completion);
           });
-        } else if (result.isRetry()) {
-          sync.log("🔄 Modify record needs retry");
-          ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak, recordsToStore, recordIDsToDelete,
-                                                                         completion] {
-            if (const auto again = weak.lock()) again->syncRecordsToCloudKit(recordsToStore, recordIDsToDelete, completion);
-          });
-        } else if (result.isChunk()) {
-          sync.log("🔄 Modify record needs chunk");
-          // Every piece carries all the deletions; with nothing to store there is no piece at all.
-          for (std::size_t start = 0; start < recordsToStore.size(); start += kChunkSize) {
-            const auto end = std::min(recordsToStore.size(), start + kChunkSize);
-            self->syncRecordsToCloudKit(
-                std::vector<CKRecord>(recordsToStore.begin() + static_cast<std::ptrdiff_t>(start),
-                                      recordsToStore.begin() + static_cast<std::ptrdiff_t>(end)),
-                recordIDsToDelete, completion);
-          }
-        } else {
-          // The changes stay unsent until a later push; the completion hears nothing.
-          sync.log("🔄 Modify record unhandled completion: " + describe(error));
-        }
-      };
+    } else if (result.isChunk()) {
+      sync.log("🔄 Modify record needs chunk");
+      // Every piece carries all the deletions; with nothing to store there is no piece at all.
+      for (std::size_t start = 0; start < recordsToStore.size(); start += kChunkSize) {
+        const auto end = std::min(recordsToStore.size(), start + kChunkSize);
+        self->syncRecordsToCloudKit(std::vector<CKRecord>(recordsToStore.begin() + static_cast<std::ptrdiff_t>(start),
+                                                          recordsToStore.begin() + static_cast<std::ptrdiff_t>(end)),
+                                    recordIDsToDelete, completion);
+      }
+    } else {
+      // The changes stay unsent until a later push; the completion hears nothing.
+      sync.log("🔄 Modify record unhandled completion: " + describe(error));
+    }
+  };
   const std::string type = recordsToStore.empty() ? "unknown" : recordsToStore.front().recordType();
   CloudSync::shared().log("🔄 Add operation: syncRecordsToCloudKit store " + std::to_string(recordsToStore.size()) +
                           " " + type + " objects, delete " + std::to_string(recordIDsToDelete.size()) + " objects");
@@ -95,36 +95,36 @@ void CloudDatabaseManager::resumeLongLivedOperationIfPossible() {
     const auto self = weak.lock();
     if (!self || error || !ids) return;
     for (const auto& id : *ids) {
-      self->container_->fetchLongLivedOperation(id, [weak](std::shared_ptr<CKOperation> fetched,
-                                                           std::exception_ptr fetchError) {
-        const auto manager = weak.lock();
-        auto operation = std::dynamic_pointer_cast<CKModifyRecordsOperation>(fetched);
-        if (!manager || fetchError || !operation) return;
-        auto& sync = CloudSync::shared();
-        const bool newer = platformHasResultBlocks();
-        if (newer) {
-          operation->modifyRecordsResultBlock = [](std::exception_ptr result) {
-            CloudSync::shared().log("🔄 modify result: " +
-                                    (result ? "failure(" + describe(result) + ")" : std::string("success(())")));
-          };
-        } else {
-          operation->modifyRecordsCompletionBlock = [](std::optional<std::vector<CKRecord>>,
-                                                       std::optional<std::vector<CKRecordID>>, std::exception_ptr) {
-            CloudSync::shared().log("🔄 Resume modify records success!");
-          };
-        }
-        // Cancelled before it is added again: the order the system has always had.
-        if (!operation->isFinished()) {
-          sync.log("🔄 Cancel operation");
-          operation->cancel();
-        }
-        if (newer) {
-          sync.log("🔄 Add fetched long-lived operation");
-          manager->database_.add(std::move(operation));
-        } else {
-          manager->container_->add(std::move(operation));
-        }
-      });
+      self->container_->fetchLongLivedOperation(
+          id, [weak](std::shared_ptr<CKOperation> fetched, std::exception_ptr fetchError) {
+            const auto manager = weak.lock();
+            auto operation = std::dynamic_pointer_cast<CKModifyRecordsOperation>(fetched);
+            if (!manager || fetchError || !operation) return;
+            auto& sync = CloudSync::shared();
+            const bool newer = platformHasResultBlocks();
+            if (newer) {
+              operation->modifyRecordsResultBlock = [](std::exception_ptr result) {
+                CloudSync::shared().log("🔄 modify result: " +
+                                        (result ? "failure(" + describe(result) + ")" : std::string("success(())")));
+              };
+            } else {
+              operation->modifyRecordsCompletionBlock = [](std::optional<std::vector<CKRecord>>,
+                                                           std::optional<std::vector<CKRecordID>>, std::exception_ptr) {
+                CloudSync::shared().log("🔄 Resume modify records success!");
+              };
+            }
+            // Cancelled before it is added again: the order the system has always had.
+            if (!operation->isFinished()) {
+              sync.log("🔄 Cancel operation");
+              operation->cancel();
+            }
+            if (newer) {
+              sync.log("🔄 Add fetched long-lived operation");
+              manager->database_.add(std::move(operation));
+            } else {
+              manager->container_->add(std::move(operation));
+            }
+          });
     }
   });
 }

@@ -88,12 +88,11 @@ void PrivateDatabaseManager::fetchChangesInZones(Callback callback) {
     if (!self) return nullptr;
     return first(self->syncObjects(), [&zoneID](const Syncable& object) { return object.zoneID() == zoneID; });
   };
-  operation->recordZoneChangeTokensUpdatedBlock = [zoneObject](const CKRecordZoneID& zoneID,
-                                                               std::optional<CKServerChangeToken> token,
-                                                               std::optional<Data>) {
-    CloudSync::shared().log("🔄 Record zone " + zoneID.description() + " change token updated");
-    if (const auto object = zoneObject(zoneID)) object->setZoneChangesToken(token);
-  };
+  operation->recordZoneChangeTokensUpdatedBlock =
+      [zoneObject](const CKRecordZoneID& zoneID, std::optional<CKServerChangeToken> token, std::optional<Data>) {
+        CloudSync::shared().log("🔄 Record zone " + zoneID.description() + " change token updated");
+        if (const auto object = zoneObject(zoneID)) object->setZoneChangesToken(token);
+      };
   operation->recordChangedBlock = [weak = weakSelf()](const CKRecord& record) {
     const auto self = weak.lock();
     if (!self) return;
@@ -107,34 +106,34 @@ void PrivateDatabaseManager::fetchChangesInZones(Callback callback) {
     CloudSync::shared().log("🔄 Record " + recordID.description() + " deleted");
     if (const auto object = zoneObject(recordID.zoneID)) object->deleteRecord(recordID);
   };
-  operation->recordZoneFetchCompletionBlock = [weak = weakSelf(), zoneObject, callback](
-                                                  const CKRecordZoneID& zoneID, std::optional<CKServerChangeToken> token,
-                                                  std::optional<Data>, bool, std::exception_ptr error) {
-    const auto self = std::static_pointer_cast<PrivateDatabaseManager>(weak.lock());
-    if (!self) return;
-    auto& sync = CloudSync::shared();
-    const std::string zone = "🔄 Record zone " + zoneID.description();
-    const auto result = ErrorHandler::resultType(error);
-    if (result.isSuccess()) {
-      sync.log(zone + " fetch completed, token updated");
-      if (const auto object = zoneObject(zoneID)) object->setZoneChangesToken(token);
-    } else if (result.isRetry()) {
-      sync.log(zone + " fetch needs retry");
-      ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak, callback] {
-        if (const auto again = std::static_pointer_cast<PrivateDatabaseManager>(weak.lock())) {
-          again->fetchChangesInZones(callback);
+  operation->recordZoneFetchCompletionBlock =
+      [weak = weakSelf(), zoneObject, callback](const CKRecordZoneID& zoneID, std::optional<CKServerChangeToken> token,
+                                                std::optional<Data>, bool, std::exception_ptr error) {
+        const auto self = std::static_pointer_cast<PrivateDatabaseManager>(weak.lock());
+        if (!self) return;
+        auto& sync = CloudSync::shared();
+        const std::string zone = "🔄 Record zone " + zoneID.description();
+        const auto result = ErrorHandler::resultType(error);
+        if (result.isSuccess()) {
+          sync.log(zone + " fetch completed, token updated");
+          if (const auto object = zoneObject(zoneID)) object->setZoneChangesToken(token);
+        } else if (result.isRetry()) {
+          sync.log(zone + " fetch needs retry");
+          ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak, callback] {
+            if (const auto again = std::static_pointer_cast<PrivateDatabaseManager>(weak.lock())) {
+              again->fetchChangesInZones(callback);
+            }
+          });
+        } else if (result.isRecoverableError() && result.reason() == CKOperationFailReason::changeTokenExpired) {
+          sync.log(zone + " token expired");
+          if (const auto object = zoneObject(zoneID)) object->setZoneChangesToken(std::nullopt);
+          self->fetchChangesInZones(callback);
+        } else if (result.isRecoverableError()) {
+          sync.log(zone + " unhandled recoverable error: " + std::string(name(result.reason())));
+        } else {
+          sync.log(zone + " unhandled completion: " + describe(error));
         }
-      });
-    } else if (result.isRecoverableError() && result.reason() == CKOperationFailReason::changeTokenExpired) {
-      sync.log(zone + " token expired");
-      if (const auto object = zoneObject(zoneID)) object->setZoneChangesToken(std::nullopt);
-      self->fetchChangesInZones(callback);
-    } else if (result.isRecoverableError()) {
-      sync.log(zone + " unhandled recoverable error: " + std::string(name(result.reason())));
-    } else {
-      sync.log(zone + " unhandled completion: " + describe(error));
-    }
-  };
+      };
   operation->fetchRecordZoneChangesCompletionBlock = [weak = weakSelf(), callback](std::exception_ptr error) {
     const auto self = weak.lock();
     if (!self) return;
@@ -179,15 +178,15 @@ void PrivateDatabaseManager::createDatabaseSubscriptionIfHaveNot() {
   if (defaults().boolForKey(cachedKey)) return;
   const CKDatabaseSubscription subscription{std::string(CloudSyncSubscription::cloudKitPrivateDatabaseSubscriptionID),
                                             CKNotificationInfo{.shouldSendContentAvailable = true}};
-  auto operation =
-      std::make_shared<CKModifySubscriptionsOperation>(std::vector<CKSubscription>{subscription}, std::vector<std::string>{});
+  auto operation = std::make_shared<CKModifySubscriptionsOperation>(std::vector<CKSubscription>{subscription},
+                                                                    std::vector<std::string>{});
   operation->configuration.qualityOfService = CKQualityOfService::utility;
-  operation->modifySubscriptionsCompletionBlock = [weak = weakSelf(), cachedKey](
-                                                      std::optional<std::vector<CKSubscription>>,
-                                                      std::optional<std::vector<std::string>>, std::exception_ptr error) {
-    // An error leaves the flag, so the next start tries again.
-    if (const auto self = weak.lock(); self && !error) self->defaults().set(cachedKey, true);
-  };
+  operation->modifySubscriptionsCompletionBlock =
+      [weak = weakSelf(), cachedKey](std::optional<std::vector<CKSubscription>>,
+                                     std::optional<std::vector<std::string>>, std::exception_ptr error) {
+        // An error leaves the flag, so the next start tries again.
+        if (const auto self = weak.lock(); self && !error) self->defaults().set(cachedKey, true);
+      };
   CloudSync::shared().log("🔄 Add operation: createDatabaseSubscriptionIfHaveNot");
   database().add(std::move(operation));
 }

@@ -47,7 +47,9 @@ std::shared_ptr<SyncEngine> SyncEngine::make(std::vector<std::shared_ptr<Syncabl
 
 bool SyncEngine::isPrivate() const { return dynamic_cast<PrivateDatabaseManager*>(databaseManager_.get()) != nullptr; }
 
-void SyncEngine::pull(Callback completionHandler) { databaseManager_->fetchChangesInDatabase(std::move(completionHandler)); }
+void SyncEngine::pull(Callback completionHandler) {
+  databaseManager_->fetchChangesInDatabase(std::move(completionHandler));
+}
 
 void SyncEngine::pushAll() {
   for (const auto& object : databaseManager_->syncObjects()) object->pushLocalObjectsToCloudKit();

@@ -43,7 +43,7 @@ class SyncObjectTest : public EnvironmentTest {
     env.pump();
     return *pickup.id;
   }
-  Pickup pickup(int minute) const {
+  Pickup pickup(int minute) {
     const Date start = env.clock().now() + minute * 60.0;
     return Pickup(start, start + 60);
   }

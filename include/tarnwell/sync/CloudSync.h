@@ -64,7 +64,8 @@ struct Notifications {
 
 // The records to store and the record ids to delete that local changes of
 // one class became.
-using PipeToEngine = std::function<void(std::vector<CKRecord> recordsToStore, std::vector<CKRecordID> recordIDsToDelete)>;
+using PipeToEngine =
+    std::function<void(std::vector<CKRecord> recordsToStore, std::vector<CKRecordID> recordIDsToDelete)>;
 
 // Anything the engine can drive: one record class and its zone.
 class Syncable {

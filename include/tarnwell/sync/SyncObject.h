@@ -71,10 +71,9 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   }
 
   void registerLocalDatabase() override {
-    auto token = openStore().template observe<T>(
-        [weak = this->weak_from_this()](const store::ChangeSet& changes) {
-          if (const auto self = weak.lock()) self->storeDidChange(changes);
-        });
+    auto token = openStore().template observe<T>([weak = this->weak_from_this()](const store::ChangeSet& changes) {
+      if (const auto self = weak.lock()) self->storeDidChange(changes);
+    });
     std::lock_guard lock(tokenMutex_);
     notificationToken_ = std::move(token);
   }
