@@ -1,0 +1,252 @@
+// The engine and its database managers against the in-memory cloud: the
+// push path's retries and cuts, the pull path's tokens, and what is kept
+// silent on purpose.
+
+#include <gtest/gtest.h>
+
+#include "support/TestEnvironment.h"
+#include "tarnwell/cloudkit/CloudEmulator.h"
+#include "tarnwell/records/EventRecords.h"
+#include "tarnwell/sync/DatabaseManager.h"
+#include "tarnwell/sync/RecordConformances.h"
+#include "tarnwell/sync/SyncEngine.h"
+#include "tarnwell/sync/SyncObject.h"
+
+namespace tarnwell::testing {
+namespace {
+
+using sync::SyncEngine;
+using sync::SyncObject;
+
+// One installation: its store, its preferences and its view of the cloud.
+struct Device {
+  store::StoreConfiguration configuration;
+  std::unique_ptr<UserDefaults> defaults;
+  std::shared_ptr<EmulatedContainer> container;
+  std::shared_ptr<SyncObject<Pickup>> pickups;
+  std::shared_ptr<SyncEngine> engine;
+  bool ready = false;
+
+  std::vector<Pickup> live() const {
+    return store::Store::open(configuration).objects<Pickup>(store::Query().filter("isDeleted = 0").sorted("id"));
+  }
+};
+
+class DatabaseManagerTest : public EnvironmentTest {
+ protected:
+  DatabaseManagerTest() : cloud(CloudEmulator::inMemory(env.environment().makeQueue("cloud"))) {
+    sync::CloudSync::shared().setSink([this](const std::string& line) { log.push_back(line); });
+  }
+
+  Device& device(const std::string& name) {
+    auto& made = devices[name];
+    made.configuration.fileURL = env.root() / (name + ".realm");
+    made.configuration.schemaVersion = 1;
+    made.configuration.tables = {store::tableSchema<Pickup>()};
+    made.defaults = std::make_unique<UserDefaults>(env.root() / (name + ".defaults.sqlite"));
+    made.container = cloud->container(name, "iCloud.org.vostra.tarnwell");
+    made.pickups = std::make_shared<SyncObject<Pickup>>(made.configuration, true, *made.defaults);
+    return made;
+  }
+
+  // Sets the engine up as the app does and lets it make its zone and push.
+  Device& start(const std::string& name) {
+    Device& d = devices.count(name) ? devices[name] : device(name);
+    d.engine = SyncEngine::make(
+        {d.pickups}, CKDatabaseScope::privateScope, d.container,
+        [&d](const std::shared_ptr<SyncEngine>&) { d.ready = true; }, *d.defaults);
+    env.pump();
+    d.engine->startObservingLocalAndRemoteChanges();
+    env.pump();
+    return d;
+  }
+
+  void write(Device& d, const std::vector<Pickup>& pickups) {
+    store::Store::open(d.configuration).write([&](auto& t) {
+      for (const auto& pickup : pickups) t.add(pickup);
+    });
+    env.pump();
+  }
+
+  std::vector<Pickup> pickups(int count) {
+    std::vector<Pickup> made;
+    for (int i = 0; i < count; ++i) {
+      const Date start = env.clock().now() + i * 120.0;
+      made.emplace_back(start, start + 60);
+    }
+    return made;
+  }
+
+  std::vector<CloudRequest> modifies() const {
+    std::vector<CloudRequest> found;
+    for (const auto& request : cloud->requests()) {
+      if (request.kind == CKOperationKind::modifyRecords) found.push_back(request);
+    }
+    return found;
+  }
+
+  bool logged(const std::string& line) const { return std::find(log.begin(), log.end(), line) != log.end(); }
+
+  std::shared_ptr<CloudEmulator> cloud;
+  std::map<std::string, Device> devices;
+  std::vector<std::string> log;
+};
+
+TEST_F(DatabaseManagerTest, SetUpMakesTheZoneThenPushesEverythingAndSubscribesOnce) {
+  Device& a = device("A");
+  write(a, pickups(3));
+  start("A");
+  EXPECT_TRUE(a.ready);
+  EXPECT_TRUE(a.pickups->isCustomZoneCreated());
+  EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 3u);
+  EXPECT_TRUE(a.defaults->boolForKey("cloudsync.keys.subscriptionIsLocallyCachedKey"));
+  ASSERT_EQ(cloud->subscriptions(CKDatabaseScope::privateScope).size(), 1u);
+  EXPECT_EQ(subscriptionID(cloud->subscriptions(CKDatabaseScope::privateScope)[0]), "private_changes");
+  EXPECT_TRUE(logged("🔄 Add operation: syncRecordsToCloudKit store 3 Pickup objects, delete 0 objects"));
+
+  // A second start finds the zone and the subscription made: nothing is sent again.
+  const auto before = cloud->requests().size();
+  a.engine.reset();
+  start("A");
+  EXPECT_TRUE(a.ready);
+  EXPECT_EQ(cloud->requests().size(), before);
+}
+
+TEST_F(DatabaseManagerTest, AnAccountThatIsNotAvailableNeverCallsBack) {
+  for (const auto status : {CKAccountStatus::couldNotDetermine, CKAccountStatus::temporarilyUnavailable,
+                            CKAccountStatus::noAccount, CKAccountStatus::restricted}) {
+    Device& d = device("D" + std::to_string(static_cast<int>(status)));
+    d.container->setAccountStatus(status);
+    start("D" + std::to_string(static_cast<int>(status)));
+    EXPECT_FALSE(d.ready) << name(status);
+  }
+  EXPECT_TRUE(cloud->requests().empty());
+}
+
+TEST_F(DatabaseManagerTest, ATooLargePushIsCutIntoPiecesOf300EachWithEveryDeletion) {
+  Device& a = start("A");
+  std::vector<CKRecord> records;
+  auto store = store::Store::open(a.configuration);
+  for (const auto& pickup : pickups(650)) records.push_back(sync::record(pickup, store));
+  const std::vector<CKRecordID> deletions{sync::recordID(pickups(1)[0]), sync::recordID(pickups(1)[0])};
+  int completions = 0;
+  const auto before = modifies().size();
+  a.engine->databaseManager().syncRecordsToCloudKit(records, deletions, [&completions](std::exception_ptr error) {
+    EXPECT_FALSE(error);
+    ++completions;
+  });
+  env.pump();
+  const auto sent = modifies();
+  ASSERT_EQ(sent.size() - before, 4u);
+  EXPECT_EQ(sent[before].errorCode, static_cast<int>(CKErrorCode::limitExceeded));
+  std::vector<std::pair<std::size_t, std::size_t>> pieces;
+  for (auto i = before + 1; i < sent.size(); ++i) pieces.emplace_back(sent[i].recordsToSave, sent[i].recordIDsToDelete);
+  EXPECT_EQ(pieces, (std::vector<std::pair<std::size_t, std::size_t>>{{300, 2}, {300, 2}, {50, 2}}));
+  EXPECT_EQ(completions, 3) << "one completion per piece";
+  EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 650u);
+}
+
+TEST_F(DatabaseManagerTest, DeletionsAloneUnderLimitExceededSendNothingAndCallNothing) {
+  Device& a = start("A");
+  cloud->addFault({.code = 27, .retryAfter = std::nullopt, .times = 1, .on = CKOperationKind::modifyRecords});
+  bool called = false;
+  const auto before = modifies().size();
+  a.engine->push({sync::PushItem{CKRecord("Pickup", sync::recordID(pickups(1)[0])), true}},
+                 [&called](std::exception_ptr) { called = true; });
+  env.advance(60);
+  EXPECT_EQ(modifies().size() - before, 1u);
+  EXPECT_FALSE(called);
+  EXPECT_EQ(log.back(), "🔄 Modify record needs chunk");
+}
+
+TEST_F(DatabaseManagerTest, ARetryWaitsOnTheMainQueueForTheSecondsTheCloudAsked) {
+  Device& a = start("A");
+  cloud->addFault({.code = 23, .retryAfter = 2.5, .times = 1, .on = CKOperationKind::modifyRecords});
+  const auto before = modifies().size();
+  write(a, pickups(1));
+  EXPECT_EQ(modifies().size() - before, 1u);
+  EXPECT_TRUE(logged("🔄 Modify record needs retry"));
+  env.advance(2.4);
+  EXPECT_EQ(modifies().size() - before, 1u);
+  env.advance(0.2);
+  ASSERT_EQ(modifies().size() - before, 2u);
+  EXPECT_EQ(modifies().back().errorCode, 0);
+  EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 1u);
+}
+
+TEST_F(DatabaseManagerTest, AnUnhandledErrorLeavesThePushAndTheFetchSilent) {
+  Device& a = start("A");
+  cloud->addFault({.code = 15, .retryAfter = std::nullopt, .times = 2, .on = std::nullopt});
+  bool pushed = false, pulled = false;
+  auto store = store::Store::open(a.configuration);
+  a.engine->push({sync::PushItem{sync::record(pickups(1)[0], store), false}},
+                 [&pushed](std::exception_ptr) { pushed = true; });
+  a.engine->pull([&pulled](std::exception_ptr) { pulled = true; });
+  env.advance(60);
+  EXPECT_FALSE(pushed);
+  EXPECT_FALSE(pulled);
+  EXPECT_TRUE(cloud->records(CKDatabaseScope::privateScope, "Pickup").empty());
+}
+
+TEST_F(DatabaseManagerTest, APullBringsAnotherDevicesRecordsAndExpiredTokensFetchAgainIdempotently) {
+  Device& a = start("A");
+  write(a, pickups(5));
+  Device& b = start("B");
+  bool pulled = false;
+  b.engine->pull([&pulled](std::exception_ptr error) {
+    EXPECT_FALSE(error);
+    pulled = true;
+  });
+  env.pump();
+  EXPECT_TRUE(pulled);
+  EXPECT_EQ(b.live(), a.live());
+  const auto pushesOfB = [&] {
+    std::size_t count = 0;
+    for (const auto& request : cloud->requests()) count += request.deviceID == "B" && request.recordsToSave > 0;
+    return count;
+  };
+  EXPECT_EQ(pushesOfB(), 0u) << "records from the cloud went back";
+
+  cloud->expireTokens();
+  pulled = false;
+  b.engine->pull([&pulled](std::exception_ptr) { pulled = true; });
+  env.pump();
+  EXPECT_TRUE(logged("🔄 Database fetch token expired"));
+  EXPECT_TRUE(pulled);
+  EXPECT_EQ(b.live(), a.live());
+  EXPECT_EQ(pushesOfB(), 0u);
+}
+
+TEST_F(DatabaseManagerTest, APushReachesTheOtherDeviceThroughItsSubscription) {
+  Device& a = start("A");
+  Device& b = start("B");
+  b.container->setRemoteNotificationHandler([](const nlohmann::json& userInfo) {
+    const auto notification = CKNotification::fromRemoteNotificationDictionary(userInfo);
+    if (notification && notification->subscriptionID()) {
+      NotificationCenter::defaultCenter().post(sync::Notifications::cloudKitDataDidChangeRemotely);
+    }
+  });
+  write(a, pickups(2));
+  env.pump();
+  EXPECT_EQ(b.live(), a.live());
+}
+
+TEST_F(DatabaseManagerTest, EachStartOfObservingAddsOneMoreRemoteChangeObserver) {
+  Device& a = start("A");
+  auto* manager = dynamic_cast<sync::CloudDatabaseManager*>(&a.engine->databaseManager());
+  ASSERT_NE(manager, nullptr);
+  EXPECT_EQ(manager->remoteChangeObserverCount(), 1u);
+  a.engine->startObservingLocalAndRemoteChanges();
+  a.engine->stopObservingLocalAndRemoteChanges();
+  EXPECT_EQ(manager->remoteChangeObserverCount(), 2u);
+  const auto before = cloud->requests().size();
+  NotificationCenter::defaultCenter().post(sync::Notifications::cloudKitDataDidChangeRemotely);
+  env.pump();
+  std::size_t fetches = 0;
+  const auto requests = cloud->requests();
+  for (auto i = before; i < requests.size(); ++i) fetches += requests[i].kind == CKOperationKind::fetchDatabaseChanges;
+  EXPECT_EQ(fetches, 2u);
+}
+
+}  // namespace
+}  // namespace tarnwell::testing
