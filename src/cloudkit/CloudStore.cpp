@@ -693,11 +693,12 @@ ZoneChangesPage CloudStore::zoneChanges(CKDatabaseScope scope, const CKRecordZon
     }
     from = token->sequence;
   }
-  // A client that starts from nothing has nothing to delete.
+  // A fetch from nothing names the deletions too: a client whose token
+  // expired starts over from nothing, and would otherwise keep for good
+  // what another device deleted meanwhile.
   auto& select = connection_.cached("SELECT " + std::string(kRecordColumns) +
-                                    " FROM records WHERE zone = ?1 AND sequence > ?2 AND (?4 OR deleted = 0) "
-                                    "ORDER BY sequence LIMIT ?3");
-  select.bind(1, zone->id).bind(2, from).bind(3, static_cast<std::int64_t>(limit) + 1).bind(4, since.has_value());
+                                    " FROM records WHERE zone = ?1 AND sequence > ?2 ORDER BY sequence LIMIT ?3");
+  select.bind(1, zone->id).bind(2, from).bind(3, static_cast<std::int64_t>(limit) + 1);
   std::int64_t last = zone->sequence;
   std::size_t count = 0;
   for (sqlite::Cursor rows(select); rows.next();) {

@@ -4,93 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include "support/TestEnvironment.h"
-#include "tarnwell/cloudkit/CloudEmulator.h"
-#include "tarnwell/records/EventRecords.h"
-#include "tarnwell/sync/DatabaseManager.h"
-#include "tarnwell/sync/RecordConformances.h"
-#include "tarnwell/sync/SyncEngine.h"
-#include "tarnwell/sync/SyncObject.h"
+#include "sync/SyncFixture.h"
 
 namespace tarnwell::testing {
 namespace {
 
-using sync::SyncEngine;
-using sync::SyncObject;
-
-// One installation: its store, its preferences and its view of the cloud.
-struct Device {
-  store::StoreConfiguration configuration;
-  std::unique_ptr<UserDefaults> defaults;
-  std::shared_ptr<EmulatedContainer> container;
-  std::shared_ptr<SyncObject<Pickup>> pickups;
-  std::shared_ptr<SyncEngine> engine;
-  bool ready = false;
-
-  std::vector<Pickup> live() const {
-    return store::Store::open(configuration).objects<Pickup>(store::Query().filter("isDeleted = 0").sorted("id"));
-  }
-};
-
-class DatabaseManagerTest : public EnvironmentTest {
- protected:
-  DatabaseManagerTest() : cloud(CloudEmulator::inMemory(env.environment().makeQueue("cloud"))) {
-    sync::CloudSync::shared().setSink([this](const std::string& line) { log.push_back(line); });
-  }
-
-  Device& device(const std::string& name) {
-    auto& made = devices[name];
-    made.configuration.fileURL = env.root() / (name + ".realm");
-    made.configuration.schemaVersion = 1;
-    made.configuration.tables = {store::tableSchema<Pickup>()};
-    made.defaults = std::make_unique<UserDefaults>(env.root() / (name + ".defaults.sqlite"));
-    made.container = cloud->container(name, "iCloud.org.vostra.tarnwell");
-    made.pickups = std::make_shared<SyncObject<Pickup>>(made.configuration, true, *made.defaults);
-    return made;
-  }
-
-  // Sets the engine up as the app does and lets it make its zone and push.
-  Device& start(const std::string& name) {
-    Device& d = devices.count(name) ? devices[name] : device(name);
-    d.engine = SyncEngine::make(
-        {d.pickups}, CKDatabaseScope::privateScope, d.container,
-        [&d](const std::shared_ptr<SyncEngine>&) { d.ready = true; }, *d.defaults);
-    env.pump();
-    d.engine->startObservingLocalAndRemoteChanges();
-    env.pump();
-    return d;
-  }
-
-  void write(Device& d, const std::vector<Pickup>& pickups) {
-    store::Store::open(d.configuration).write([&](auto& t) {
-      for (const auto& pickup : pickups) t.add(pickup);
-    });
-    env.pump();
-  }
-
-  std::vector<Pickup> pickups(int count) {
-    std::vector<Pickup> made;
-    for (int i = 0; i < count; ++i) {
-      const Date start = env.clock().now() + i * 120.0;
-      made.emplace_back(start, start + 60);
-    }
-    return made;
-  }
-
-  std::vector<CloudRequest> modifies() const {
-    std::vector<CloudRequest> found;
-    for (const auto& request : cloud->requests()) {
-      if (request.kind == CKOperationKind::modifyRecords) found.push_back(request);
-    }
-    return found;
-  }
-
-  bool logged(const std::string& line) const { return std::find(log.begin(), log.end(), line) != log.end(); }
-
-  std::shared_ptr<CloudEmulator> cloud;
-  std::map<std::string, Device> devices;
-  std::vector<std::string> log;
-};
+class DatabaseManagerTest : public SyncFixture {};
 
 TEST_F(DatabaseManagerTest, SetUpMakesTheZoneThenPushesEverythingAndSubscribesOnce) {
   Device& a = device("A");
@@ -220,12 +139,7 @@ TEST_F(DatabaseManagerTest, APullBringsAnotherDevicesRecordsAndExpiredTokensFetc
 TEST_F(DatabaseManagerTest, APushReachesTheOtherDeviceThroughItsSubscription) {
   Device& a = start("A");
   Device& b = start("B");
-  b.container->setRemoteNotificationHandler([](const nlohmann::json& userInfo) {
-    const auto notification = CKNotification::fromRemoteNotificationDictionary(userInfo);
-    if (notification && notification->subscriptionID()) {
-      NotificationCenter::defaultCenter().post(sync::Notifications::cloudKitDataDidChangeRemotely);
-    }
-  });
+  hearPushes(b);
   write(a, pickups(2));
   env.pump();
   EXPECT_EQ(b.live(), a.live());
