@@ -7,7 +7,9 @@
 // - Changes are committed per zone in order; each commit advances the
 //   zone's change sequence, and a fetch returns, in that order, the records
 //   changed since a token, one version per record, and a tombstone for each
-//   deletion. Tokens are opaque to the client.
+//   deletion, also for a fetch from no token (a device whose token expired
+//   starts over and must learn what was deleted meanwhile). Tokens are
+//   opaque to the client.
 // - Fetches page: a page holds at most `pageSize` changes; a fetch that
 //   stops early says more is coming (with fetchAllChanges the operation goes
 //   on by itself, and updates the token between pages).
