@@ -31,8 +31,8 @@ class ModelTest : public SyncFixture, public ::testing::WithParamInterface<unsig
     const auto onA = devices["A"].live<Record>(), onB = devices["B"].live<Record>();
     // Parsing reads the targets of links from a store; these classes have none.
     auto scratch = store::Store::open(devices["A"].configuration);
-    const auto inCloud = liveInCloud<Record>(cloud->records(CKDatabaseScope::privateScope, std::string(Record::className)),
-                                             scratch);
+    const auto inCloud =
+        liveInCloud<Record>(cloud->records(CKDatabaseScope::privateScope, std::string(Record::className)), scratch);
     EXPECT_EQ(onA, onB) << Record::className << " differ between the devices after " << steps;
     EXPECT_EQ(onA, inCloud) << Record::className << " differ between A and the cloud after " << steps;
   }
@@ -41,7 +41,9 @@ class ModelTest : public SyncFixture, public ::testing::WithParamInterface<unsig
 TEST_P(ModelTest, RandomWritesUnderHandledFaultsEndWithBothDevicesAndTheCloudEqual) {
   std::mt19937 random(GetParam());
   const auto chance = [&random](int percent) { return std::uniform_int_distribution<int>(0, 99)(random) < percent; };
-  const auto pick = [&random](std::size_t size) { return std::uniform_int_distribution<std::size_t>(0, size - 1)(random); };
+  const auto pick = [&random](std::size_t size) {
+    return std::uniform_int_distribution<std::size_t>(0, size - 1)(random);
+  };
 
   for (const char* name : {"A", "B"}) hearPushes(start(name));
   std::ostringstream steps;
@@ -71,9 +73,8 @@ TEST_P(ModelTest, RandomWritesUnderHandledFaultsEndWithBothDevicesAndTheCloudEqu
       write(d, std::vector<Pickup>{deleted});
       steps << who << " deletes " << *deleted.id << "; ";
     } else if (action < 83) {
-      const auto kinds = std::vector<CKOperationKind>{CKOperationKind::modifyRecords,
-                                                      CKOperationKind::fetchDatabaseChanges,
-                                                      CKOperationKind::fetchZoneChanges};
+      const auto kinds = std::vector<CKOperationKind>{
+          CKOperationKind::modifyRecords, CKOperationKind::fetchDatabaseChanges, CKOperationKind::fetchZoneChanges};
       const CKOperationKind kind = kinds[pick(kinds.size())];
       const int code = std::vector<int>{6, 7, 23}[pick(3)];
       const double seconds = 0.5 + static_cast<double>(pick(8)) / 2;
