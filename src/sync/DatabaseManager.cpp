@@ -46,17 +46,25 @@ void CloudDatabaseManager::prepare() {
 
 void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsToStore,
                                                  std::vector<CKRecordID> recordIDsToDelete, Callback completion) {
-  auto operation = std::make_shared<CKModifyRecordsOperation>(recordsToStore, recordIDsToDelete);
+  const std::string type = recordsToStore.empty() ? "unknown" : recordsToStore.front().recordType();
+  CloudSync::shared().log("🔄 Add operation: syncRecordsToCloudKit store " + std::to_string(recordsToStore.size()) +
+                          " " + type + " objects, delete " + std::to_string(recordIDsToDelete.size()) + " objects");
+  auto operation = std::make_shared<CKModifyRecordsOperation>(std::move(recordsToStore), std::move(recordIDsToDelete));
   operation->configuration.isLongLived = true;
   operation->savePolicy = CKRecordSavePolicy::changedKeys;
   operation->isAtomic = true;
-  operation->modifyRecordsCompletionBlock = [weak = weakSelf(), recordsToStore, recordIDsToDelete, completion](
+  // The lists are read back from the operation, which the cloud holds while
+  // its block runs: a first push of every record is not kept twice.
+  operation->modifyRecordsCompletionBlock = [weak = weakSelf(), sent = std::weak_ptr(operation), completion](
                                                 std::optional<std::vector<CKRecord>>,
                                                 std::optional<std::vector<CKRecordID>>, std::exception_ptr error) {
     const auto self = weak.lock();
-    if (!self) return;
+    const auto finished = sent.lock();
+    if (!self || !finished) return;
     const auto result = ErrorHandler::resultType(error);
     auto& sync = CloudSync::shared();
+    const auto& records = finished->recordsToSave;
+    const auto& deletions = finished->recordIDsToDelete;
     if (result.isSuccess()) {
       sync.log("🔄 Modify record completed");
       DispatchQueue::main().async([completion] {
@@ -64,28 +72,23 @@ void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsTo
       });
     } else if (result.isRetry()) {
       sync.log("🔄 Modify record needs retry");
-      ErrorHandler::retryOperationIfPossible(
-          result.afterSeconds(), [weak, recordsToStore, recordIDsToDelete, completion] {
-            if (const auto again = weak.lock())
-              again->syncRecordsToCloudKit(recordsToStore, recordIDsToDelete, completion);
-          });
+      ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak, records, deletions, completion] {
+        if (const auto again = weak.lock()) again->syncRecordsToCloudKit(records, deletions, completion);
+      });
     } else if (result.isChunk()) {
       sync.log("🔄 Modify record needs chunk");
       // Every piece carries all the deletions; with nothing to store there is no piece at all.
-      for (std::size_t start = 0; start < recordsToStore.size(); start += kChunkSize) {
-        const auto end = std::min(recordsToStore.size(), start + kChunkSize);
-        self->syncRecordsToCloudKit(std::vector<CKRecord>(recordsToStore.begin() + static_cast<std::ptrdiff_t>(start),
-                                                          recordsToStore.begin() + static_cast<std::ptrdiff_t>(end)),
-                                    recordIDsToDelete, completion);
+      for (std::size_t start = 0; start < records.size(); start += kChunkSize) {
+        const auto end = std::min(records.size(), start + kChunkSize);
+        self->syncRecordsToCloudKit(std::vector<CKRecord>(records.begin() + static_cast<std::ptrdiff_t>(start),
+                                                          records.begin() + static_cast<std::ptrdiff_t>(end)),
+                                    deletions, completion);
       }
     } else {
       // The changes stay unsent until a later push; the completion hears nothing.
       sync.log("🔄 Modify record unhandled completion: " + describe(error));
     }
   };
-  const std::string type = recordsToStore.empty() ? "unknown" : recordsToStore.front().recordType();
-  CloudSync::shared().log("🔄 Add operation: syncRecordsToCloudKit store " + std::to_string(recordsToStore.size()) +
-                          " " + type + " objects, delete " + std::to_string(recordIDsToDelete.size()) + " objects");
   database_.add(std::move(operation));
 }
 
