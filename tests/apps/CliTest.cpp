@@ -333,6 +333,40 @@ TEST_F(CliTest, AHealthExportIsImportedWholeOrNotAtAll) {
             "tarnwell: health import: cannot read \"" + folder.path().string() + "\"\n");
 }
 
+TEST_F(CliTest, TheCloudFolderIsSignedInToAndItsSwitchesRefuseBadInput) {
+  const auto cloud = folder.path() / "cloud";
+  EXPECT_EQ(run("cloud records").err,
+            "tarnwell: cloud records: this installation is not signed in to a cloud (cloud sign-in DIR)\n");
+  const Outcome signedIn = run("--json cloud sign-in '" + cloud.string() + "'");
+  ASSERT_EQ(signedIn.status, 0) << signedIn.err;
+  EXPECT_EQ(json(signedIn)["folder"], cloud.string());
+  EXPECT_EQ(run("--json cloud records").out, "[]\n");
+
+  const Outcome fault = run("--json cloud fault zoneBusy --retry-after 2.5 --times 3 --on modify");
+  ASSERT_EQ(fault.status, 0) << fault.err;
+  EXPECT_EQ(json(fault)["code"], 23);
+  for (const char* bad : {"cloud fault 23x", "cloud fault 23 --on nowhere", "cloud fault 23 --times 0",
+                          "cloud fault 23 --retry-after -1", "cloud account sleepy"}) {
+    const Outcome refused = run(bad);
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
+  EXPECT_EQ(run("cloud fault clear").status, 0);
+  EXPECT_EQ(run("cloud account restricted").status, 0);
+  EXPECT_EQ(run("cloud expire-tokens").status, 0);
+  EXPECT_EQ(run("cloud drop-pushes 2").status, 0);
+
+  // A folder that holds something else is no cloud, and is left as it was.
+  const auto other = folder.path() / "photos";
+  std::filesystem::create_directories(other);
+  std::ofstream(other / "a.jpg") << "jpeg";
+  const Outcome refused = run("cloud sign-in '" + other.string() + "'");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(other), std::filesystem::directory_iterator()), 1);
+  EXPECT_EQ(run("cloud sign-out").status, 0);
+  EXPECT_EQ(run("cloud expire-tokens").status, 1);
+}
+
 TEST_F(CliTest, TheDayInJSONCarriesEveryMetric) {
   run("pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z");
   const auto day = json(run("--tz UTC --now 2026-11-23T12:00:00Z --json day 2026-11-22"));
