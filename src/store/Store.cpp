@@ -318,11 +318,11 @@ ObserverToken Store::observe(std::string className, std::function<void(const Cha
   return ObserverToken(observers_, id);
 }
 
-WriteTransaction::WriteTransaction(Store& store) : store_(store) {
-  store_.connection().cached("BEGIN IMMEDIATE").execute();
+WriteTransaction::WriteTransaction(Store& store, bool nested) : store_(store), nested_(nested) {
+  store_.connection().cached(nested_ ? "SAVEPOINT write" : "BEGIN IMMEDIATE").execute();
 }
 
-void WriteTransaction::commit() { store_.connection().cached("COMMIT").execute(); }
+void WriteTransaction::commit() { store_.connection().cached(nested_ ? "RELEASE write" : "COMMIT").execute(); }
 
 void WriteTransaction::deliver(const std::vector<const ObserverToken*>& withoutNotifying) {
   std::erase_if(changes_, [](const ChangeSet& change) { return change.empty(); });
@@ -336,7 +336,8 @@ void WriteTransaction::deliver(const std::vector<const ObserverToken*>& withoutN
 
 void WriteTransaction::rollback() noexcept {
   // A failed rollback leaves SQLite to roll back when the connection closes.
-  sqlite3_exec(store_.connection().handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_exec(store_.connection().handle(), nested_ ? "ROLLBACK TO write; RELEASE write" : "ROLLBACK", nullptr,
+               nullptr, nullptr);
 }
 
 ChangeSet& WriteTransaction::changes(std::string_view className) {
@@ -420,6 +421,46 @@ std::vector<std::string> WriteTransaction::removeRows(std::string_view className
   auto& deleted = changes(className).deletions;
   deleted.insert(deleted.end(), keys.begin(), keys.end());
   return keys;
+}
+
+BatchWriter::BatchWriter(const StoreConfiguration& configuration)
+    : connection_(connect(configuration.fileURL)), store_(*connection_, Store::open(configuration).observers_) {}
+
+BatchWriter::~BatchWriter() {
+  try {
+    commit();
+  } catch (const sqlite::Error&) {
+    // The connection rolls back what it cannot commit as it closes; the
+    // records come again with the next fetch, whose token did not move.
+  }
+}
+
+void BatchWriter::begin() {
+  if (open_) return;
+  store_.connection().cached("BEGIN IMMEDIATE").execute();
+  open_ = true;
+}
+
+void BatchWriter::keep(WriteTransaction& transaction, const std::vector<const ObserverToken*>& withoutNotifying) {
+  Written written;
+  std::erase_if(transaction.changes_, [](const ChangeSet& change) { return change.empty(); });
+  written.changes = std::move(transaction.changes_);
+  for (const auto* token : withoutNotifying) {
+    if (token) written.excluded.push_back(token->id());
+  }
+  if (!written.changes.empty()) written_.push_back(std::move(written));
+}
+
+void BatchWriter::commit() {
+  if (!open_) return;
+  store_.connection().cached("COMMIT").execute();
+  open_ = false;
+  auto written = std::move(written_);
+  written_.clear();
+  for (const auto& each : written) {
+    store_.observers_->deliver(each.changes, std::set<std::uint64_t>(each.excluded.begin(), each.excluded.end()),
+                               store_.observers_);
+  }
 }
 
 }  // namespace tarnwell::store

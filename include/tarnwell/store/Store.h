@@ -201,6 +201,7 @@ class Store {
 
  private:
   friend class WriteTransaction;
+  friend class BatchWriter;
   explicit Store(sqlite::Connection& connection, std::shared_ptr<ObserverRegistry> observers)
       : connection_(&connection), observers_(std::move(observers)) {}
 
@@ -239,7 +240,9 @@ class WriteTransaction {
  private:
   friend class Store;
   // Begins the transaction.
-  explicit WriteTransaction(Store& store);
+  friend class BatchWriter;
+  // Begins the transaction, or, `nested` in one already open, a savepoint.
+  explicit WriteTransaction(Store& store, bool nested = false);
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
   void commit();
@@ -258,7 +261,45 @@ class WriteTransaction {
                  const std::vector<std::pair<std::string_view, QueryValue>>& assignments, std::string_view onlyIf);
 
   Store& store_;
+  bool nested_;
   std::vector<ChangeSet> changes_;
+};
+
+// Many writes in one transaction, each told to the observers as if it had
+// been committed alone: its own change sets, in order, skipping its own
+// excluded tokens, once the whole is committed. For a writer that makes a
+// long run of small writes (the records a cloud fetch brings, one at a
+// time), whose observers must see the same as before but whose commits
+// would cost far more than the writes. It writes through a connection of
+// its own, so a transaction left open never catches a write of the thread
+// that made it. Reads through store() see the open transaction.
+class BatchWriter {
+ public:
+  explicit BatchWriter(const StoreConfiguration& configuration);
+  // Commits what is open.
+  ~BatchWriter();
+  BatchWriter(const BatchWriter&) = delete;
+  BatchWriter& operator=(const BatchWriter&) = delete;
+
+  Store& store() { return store_; }
+  template <class F>
+  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {});
+  // Commits, then tells the observers write by write.
+  void commit();
+  bool isOpen() const { return open_; }
+
+ private:
+  struct Written {
+    std::vector<ChangeSet> changes;
+    std::vector<std::uint64_t> excluded;
+  };
+  void begin();
+  void keep(WriteTransaction& transaction, const std::vector<const ObserverToken*>& withoutNotifying);
+
+  std::unique_ptr<sqlite::Connection> connection_;
+  Store store_;
+  bool open_ = false;
+  std::vector<Written> written_;
 };
 
 template <class Record>
@@ -311,6 +352,20 @@ void Store::writeNotifyingNobody(F&& body) {
     transaction.rollback();
     throw;
   }
+}
+
+template <class F>
+void BatchWriter::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
+  begin();
+  WriteTransaction transaction(store_, true);
+  try {
+    body(transaction);
+    transaction.commit();
+  } catch (...) {
+    transaction.rollback();
+    throw;
+  }
+  keep(transaction, withoutNotifying);
 }
 
 template <class Record>

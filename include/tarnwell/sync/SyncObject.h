@@ -56,6 +56,8 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     return CKServerChangeToken::unarchived(*data);
   }
   void setZoneChangesToken(const std::optional<CKServerChangeToken>& token) override {
+    // The records a token covers are in the store before the token is kept.
+    BackgroundWorker::shared().commitPending();
     const std::string key = classKey(CloudSyncKey::zoneChangesTokenKey);
     if (token) {
       defaults_.set(key, token->archived());
@@ -87,27 +89,29 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
 
   void cleanUp() override {
     BackgroundWorker::shared().start([this] {
+      BackgroundWorker::shared().commitPending();
       writeUnheard([](store::WriteTransaction& t) { t.template remove<T>(store::Query().filter("isDeleted = 1")); });
     });
   }
 
   void add(const CKRecord& record) override {
     BackgroundWorker::shared().start([this, &record] {
-      auto store = openStore();
-      const T object = parseFromRecord<T, U, V, W>(record, store, &uWorker_, &vWorker_, &wWorker_);
+      auto& batch = openBatch();
+      const T object = parseFromRecord<T, U, V, W>(record, batch.store(), &uWorker_, &vWorker_, &wWorker_);
       uWorker_.setRealmConfiguration(realmConfiguration_);
       vWorker_.setRealmConfiguration(realmConfiguration_);
       wWorker_.setRealmConfiguration(realmConfiguration_);
-      writeUnheard([&object](store::WriteTransaction& t) { t.add(object, store::UpdatePolicy::all); });
+      writeUnheard(batch, [&object](store::WriteTransaction& t) { t.add(object, store::UpdatePolicy::all); });
     });
   }
 
   void deleteRecord(const CKRecordID& recordID) override {
     BackgroundWorker::shared().start([this, &recordID] {
+      auto& batch = openBatch();
       const auto key = primaryKeyText<T>(recordID);
-      if (!key || !openStore().template object<T>(*key)) return;
+      if (!key || !batch.store().template object<T>(*key)) return;
       deleteSyncAssetFile(recordID.recordName);
-      writeUnheard([&key](store::WriteTransaction& t) {
+      writeUnheard(batch, [&key](store::WriteTransaction& t) {
         t.template remove<T>(store::Query().filter(store::quoteIdentifier(records::primaryKeyName<T>()) + " = ?",
                                                    {store::QueryValue(*key)}));
       });
@@ -115,6 +119,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   }
 
   void resolvePendingRelationships() override {
+    BackgroundWorker::shared().commitPending();
     uWorker_.resolvePendingListElements();
     vWorker_.resolvePendingListElements();
     wWorker_.resolvePendingListElements();
@@ -160,17 +165,29 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     }
   }
 
-  // A commit the observation of this class does not hear; with no
+  store::BatchWriter& openBatch() {
+    try {
+      return BackgroundWorker::shared().batch(realmConfiguration_);
+    } catch (const std::exception& error) {
+      fatalError(std::string("The store of ") + std::string(T::className) + " cannot be opened: " + error.what());
+    }
+  }
+
+  // A write the observation of this class does not hear; with no
   // observation running there is nobody of this class to keep out.
+  template <class Writer, class F>
+  void writeUnheard(Writer& writer, F&& body) {
+    std::lock_guard lock(tokenMutex_);
+    if (notificationToken_) {
+      writer.write(std::forward<F>(body), {&*notificationToken_});
+    } else {
+      writer.write(std::forward<F>(body));
+    }
+  }
   template <class F>
   void writeUnheard(F&& body) {
     auto store = openStore();
-    std::lock_guard lock(tokenMutex_);
-    if (notificationToken_) {
-      store.write(std::forward<F>(body), {&*notificationToken_});
-    } else {
-      store.write(std::forward<F>(body));
-    }
+    writeUnheard(store, std::forward<F>(body));
   }
 
   void storeDidChange(const store::ChangeSet& changes) {
