@@ -92,6 +92,41 @@ TEST_F(StoreTest, AThrowingWriteLeavesNothingAndTellsNobody) {
                sqlite::Error);
 }
 
+TEST_F(StoreTest, ABatchIsSeenWholeAtItsCommitAndHeardWriteByWrite) {
+  auto excluded = listen();
+  std::vector<ChangeSet> other;
+  auto token = Store::open().observe<Pickup>([&](const ChangeSet& change) { other.push_back(change); });
+  env.pump();
+  heard.clear();
+  other.clear();
+
+  const Pickup first(t0, t0 + 60), second(t0 + 120, t0 + 180), failed(t0 + 240, t0 + 300);
+  {
+    store::BatchWriter batch(Store::defaultConfiguration());
+    batch.write([&](WriteTransaction& t) { t.add(first); }, {&excluded});
+    batch.write([&](WriteTransaction& t) { t.add(second); });
+    EXPECT_THROW(batch.write([&](WriteTransaction& t) {
+      t.add(failed);
+      throw std::runtime_error("a record that cannot be written");
+    }),
+                 std::runtime_error);
+    // Reads in the batch see it; the thread's own connection does not, and may read on.
+    EXPECT_TRUE(batch.store().object<Pickup>(*second.id));
+    EXPECT_FALSE(Store::open().object<Pickup>(*first.id));
+    env.pump();
+    EXPECT_TRUE(other.empty());
+    batch.commit();
+  }
+  EXPECT_TRUE(Store::open().object<Pickup>(*first.id));
+  EXPECT_FALSE(Store::open().object<Pickup>(*failed.id)) << "the failed write was undone alone";
+  env.pump();
+  ASSERT_EQ(other.size(), 2u) << "one change set per write, in order";
+  EXPECT_EQ(other[0].insertions, std::vector<std::string>{*first.id});
+  EXPECT_EQ(other[1].insertions, std::vector<std::string>{*second.id});
+  ASSERT_EQ(heard.size(), 1u) << "the excluded token misses only its own write";
+  EXPECT_EQ(heard[0].insertions, std::vector<std::string>{*second.id});
+}
+
 TEST_F(StoreTest, EveryThreadHasItsConnectionAndSeesTheLatestCommit) {
   const std::string id = Database::addPickup(t0, t0 + 60);
   std::optional<Pickup> seen;
