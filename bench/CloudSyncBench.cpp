@@ -70,21 +70,16 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-void BM_CloudPushPickups(benchmark::State& state) {
+// Runs `body(root, cloud)` once per iteration in a fresh folder holding a
+// new cloud, then reports the pickups per second of the time it set.
+template <class Body>
+void eachInFreshCloud(benchmark::State& state, Body body) {
   for (auto _ : state) {
     const auto root = bench::makeTemporaryFolder();
     Environment::install(std::make_unique<Environment>(pumpedIn(root)));
     {
       auto cloud = CloudEmulator::open(root / "cloud", true, Environment::current().makeQueue("cloud"));
-      Installation phone(root, "PHONE", *cloud);
-      fill(phone);
-      bench::PeakResidentSet peak;
-      const auto start = std::chrono::steady_clock::now();
-      phone.start();
-      state.SetIterationTime(secondsSince(start));
-      const auto pushed = cloud->records(CKDatabaseScope::privateScope, "Pickup").size();
-      if (pushed != kPickups) state.SkipWithError("not every pickup reached the cloud");
-      state.counters["peakMiB"] = peak.riseMiB();
+      body(root, *cloud);
     }
     Environment::install(nullptr);
     std::filesystem::remove_all(root);
@@ -92,33 +87,39 @@ void BM_CloudPushPickups(benchmark::State& state) {
   state.counters["records/s"] = benchmark::Counter(
       static_cast<double>(kPickups) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
+
+void BM_CloudPushPickups(benchmark::State& state) {
+  eachInFreshCloud(state, [&state](const std::filesystem::path& root, CloudEmulator& cloud) {
+    Installation phone(root, "PHONE", cloud);
+    fill(phone);
+    bench::PeakResidentSet peak;
+    const auto start = std::chrono::steady_clock::now();
+    phone.start();
+    state.SetIterationTime(secondsSince(start));
+    state.counters["peakMiB"] = peak.riseMiB();
+    if (cloud.records(CKDatabaseScope::privateScope, "Pickup").size() != kPickups) {
+      state.SkipWithError("not every pickup reached the cloud");
+    }
+  });
+}
 BENCHMARK(BM_CloudPushPickups)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 void BM_CloudPullPickups(benchmark::State& state) {
-  for (auto _ : state) {
-    const auto root = bench::makeTemporaryFolder();
-    Environment::install(std::make_unique<Environment>(pumpedIn(root)));
-    {
-      auto cloud = CloudEmulator::open(root / "cloud", true, Environment::current().makeQueue("cloud"));
-      Installation phone(root, "PHONE", *cloud);
-      fill(phone);
-      phone.start();
-      Installation pad(root, "PAD", *cloud);
-      pad.start();
-      bench::PeakResidentSet peak;
-      bool pulled = false;
-      const auto start = std::chrono::steady_clock::now();
-      pad.engine->pull([&pulled](std::exception_ptr error) { pulled = !error; });
-      Environment::current().runPending();
-      state.SetIterationTime(secondsSince(start));
-      state.counters["peakMiB"] = peak.riseMiB();
-      if (!pulled || pad.count() != kPickups) state.SkipWithError("the pull did not bring every pickup");
-    }
-    Environment::install(nullptr);
-    std::filesystem::remove_all(root);
-  }
-  state.counters["records/s"] = benchmark::Counter(
-      static_cast<double>(kPickups) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  eachInFreshCloud(state, [&state](const std::filesystem::path& root, CloudEmulator& cloud) {
+    Installation phone(root, "PHONE", cloud);
+    fill(phone);
+    phone.start();
+    Installation pad(root, "PAD", cloud);
+    pad.start();
+    bench::PeakResidentSet peak;
+    bool pulled = false;
+    const auto start = std::chrono::steady_clock::now();
+    pad.engine->pull([&pulled](std::exception_ptr error) { pulled = !error; });
+    Environment::current().runPending();
+    state.SetIterationTime(secondsSince(start));
+    state.counters["peakMiB"] = peak.riseMiB();
+    if (!pulled || pad.count() != kPickups) state.SkipWithError("the pull did not bring every pickup");
+  });
 }
 BENCHMARK(BM_CloudPullPickups)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 

@@ -159,34 +159,18 @@ bool anyAssets(const EncodedFields& fields) {
 }
 
 sqlite::Connection openCloudFile(const std::filesystem::path& file, bool create) {
+  const std::string folder = file.parent_path().string();
   try {
-    sqlite::Connection connection(
-        file, create ? sqlite::Connection::OpenMode::readWriteCreate : sqlite::Connection::OpenMode::readWrite);
-    connection.setBusyTimeout(10000);
-    // The first statement reads the header: a file that is no database fails here.
-    connection.execute("PRAGMA journal_mode = WAL");
-    connection.execute("PRAGMA synchronous = NORMAL");
-    sqlite::Transaction transaction(connection);
-    auto applicationId = connection.prepare("PRAGMA application_id");
-    applicationId.step();
-    auto tables = connection.prepare("SELECT count(*) FROM sqlite_master");
-    tables.step();
-    if (tables.int64(0) == 0 && create) {
-      connection.execute(kSchema);
-      connection.cached("INSERT INTO settings (key, value) VALUES ('identity', ?1)")
-          .bind(1, makeUUIDString())
-          .execute();
-      connection.execute("PRAGMA application_id = " + std::to_string(kApplicationId));
-      connection.setUserVersion(kSchemaVersion);
-    } else if (applicationId.int64(0) != kApplicationId) {
-      throw CloudFolderError(file.parent_path().string() + " is not a cloud");
-    } else if (connection.userVersion() > kSchemaVersion) {
-      throw CloudFolderError(file.parent_path().string() + " holds a cloud of a newer version");
-    }
-    transaction.commit();
-    return connection;
+    return sqlite::openSharedFile(
+        file, {kApplicationId, kSchemaVersion, kSchema}, create, [](sqlite::Connection& made) {
+          made.cached("INSERT INTO settings (key, value) VALUES ('identity', ?1)").bind(1, makeUUIDString()).execute();
+        });
+  } catch (const sqlite::SharedFileError& error) {
+    throw CloudFolderError(error.problem() == sqlite::SharedFileError::Problem::foreign
+                               ? folder + " is not a cloud"
+                               : folder + " holds a cloud of a newer version");
   } catch (const sqlite::Error& error) {
-    throw CloudFolderError(file.parent_path().string() + " is not a cloud: " + error.what());
+    throw CloudFolderError(folder + " is not a cloud: " + error.what());
   }
 }
 

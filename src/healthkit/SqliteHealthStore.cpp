@@ -277,27 +277,13 @@ class FolderWatcher {
 };
 
 sqlite::Connection openHealthFile(const std::filesystem::path& file) {
-  sqlite::Connection connection(file);
-  connection.setBusyTimeout(10000);
-  // The first statement reads the header: a file that is no database fails here.
-  connection.execute("PRAGMA journal_mode = WAL");
-  connection.execute("PRAGMA synchronous = NORMAL");
-  sqlite::Transaction transaction(connection);
-  auto applicationId = connection.prepare("PRAGMA application_id");
-  applicationId.step();
-  auto tables = connection.prepare("SELECT count(*) FROM sqlite_master");
-  tables.step();
-  if (tables.int64(0) == 0) {
-    connection.execute(kSchema);
-    connection.execute("PRAGMA application_id = " + std::to_string(kApplicationId));
-    connection.setUserVersion(kSchemaVersion);
-  } else if (applicationId.int64(0) != kApplicationId) {
-    throw std::runtime_error(file.string() + " is another application's database, not a health store");
-  } else if (connection.userVersion() > kSchemaVersion) {
-    throw std::runtime_error(file.string() + " was written by a newer version of the health store");
+  try {
+    return sqlite::openSharedFile(file, {kApplicationId, kSchemaVersion, kSchema}, true);
+  } catch (const sqlite::SharedFileError& error) {
+    throw std::runtime_error(error.problem() == sqlite::SharedFileError::Problem::foreign
+                                 ? file.string() + " is another application's database, not a health store"
+                                 : file.string() + " was written by a newer version of the health store");
   }
-  transaction.commit();
-  return connection;
 }
 
 // The file and what this process has seen of it. One connection, behind

@@ -267,4 +267,30 @@ void Transaction::rollback() {
   connection_.execute("ROLLBACK");
 }
 
+Connection openSharedFile(const std::filesystem::path& file, const SharedFileKind& kind, bool create,
+                          const std::function<void(Connection&)>& made) {
+  Connection connection(file, create ? Connection::OpenMode::readWriteCreate : Connection::OpenMode::readWrite);
+  connection.setBusyTimeout(10000);
+  // The first statement reads the header: a file that is no database fails here.
+  connection.execute("PRAGMA journal_mode = WAL");
+  connection.execute("PRAGMA synchronous = NORMAL");
+  Transaction transaction(connection);
+  auto applicationId = connection.prepare("PRAGMA application_id");
+  applicationId.step();
+  auto tables = connection.prepare("SELECT count(*) FROM sqlite_master");
+  tables.step();
+  if (tables.int64(0) == 0 && create) {
+    connection.execute(kind.schema);
+    if (made) made(connection);
+    connection.execute("PRAGMA application_id = " + std::to_string(kind.applicationId));
+    connection.setUserVersion(kind.schemaVersion);
+  } else if (applicationId.int64(0) != kind.applicationId) {
+    throw SharedFileError(SharedFileError::Problem::foreign, file.string() + " is another kind of file");
+  } else if (connection.userVersion() > kind.schemaVersion) {
+    throw SharedFileError(SharedFileError::Problem::newer, file.string() + " was written by a newer version");
+  }
+  transaction.commit();
+  return connection;
+}
+
 }  // namespace tarnwell::sqlite

@@ -177,4 +177,30 @@ class Transaction {
   bool active_ = true;
 };
 
+// A file that the processes of one machine share, marked as one kind's own
+// by its application id and laid out by `schema` when new.
+struct SharedFileKind {
+  std::int64_t applicationId;
+  int schemaVersion;
+  std::string_view schema;
+};
+
+// Why a shared file could not be used as its kind.
+class SharedFileError : public std::runtime_error {
+ public:
+  enum class Problem { foreign, newer };
+  SharedFileError(Problem problem, const std::string& message) : std::runtime_error(message), problem_(problem) {}
+  Problem problem() const { return problem_; }
+
+ private:
+  Problem problem_;
+};
+
+// Opens `file` in WAL mode with a busy timeout; with `create`, a file that
+// is absent or empty is laid out, and `made` runs in the same transaction.
+// Throws SharedFileError when the file is another kind's or of a newer
+// version, and Error when it is no database at all.
+Connection openSharedFile(const std::filesystem::path& file, const SharedFileKind& kind, bool create,
+                          const std::function<void(Connection&)>& made = {});
+
 }  // namespace tarnwell::sqlite

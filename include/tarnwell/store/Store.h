@@ -245,6 +245,9 @@ class WriteTransaction {
   explicit WriteTransaction(Store& store, bool nested = false);
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
+  // Runs `body` on this transaction: commits when it returns, rolls back when it throws.
+  template <class F>
+  void perform(F&& body);
   void commit();
   void rollback() noexcept;
   // After the commit: tells the observers that are not excluded.
@@ -330,41 +333,33 @@ std::optional<Record> Store::first(Query query) {
 }
 
 template <class F>
-void Store::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
-  WriteTransaction transaction(*this);
+void WriteTransaction::perform(F&& body) {
   try {
-    body(transaction);
-    transaction.commit();
+    body(*this);
+    commit();
   } catch (...) {
-    transaction.rollback();
+    rollback();
     throw;
   }
+}
+
+template <class F>
+void Store::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
+  WriteTransaction transaction(*this);
+  transaction.perform(std::forward<F>(body));
   transaction.deliver(withoutNotifying);
 }
 
 template <class F>
 void Store::writeNotifyingNobody(F&& body) {
-  WriteTransaction transaction(*this);
-  try {
-    body(transaction);
-    transaction.commit();
-  } catch (...) {
-    transaction.rollback();
-    throw;
-  }
+  WriteTransaction(*this).perform(std::forward<F>(body));
 }
 
 template <class F>
 void BatchWriter::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
   begin();
   WriteTransaction transaction(store_, true);
-  try {
-    body(transaction);
-    transaction.commit();
-  } catch (...) {
-    transaction.rollback();
-    throw;
-  }
+  transaction.perform(std::forward<F>(body));
   keep(transaction, withoutNotifying);
 }
 
