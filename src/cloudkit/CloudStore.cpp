@@ -295,7 +295,9 @@ Admission CloudStore::admit(const std::string& deviceID, CKOperationKind kind, C
   Admission admission;
   if (cancelled) {
     admission.error = CKError(CKErrorCode::operationCancelled);
-  } else if (status != CKAccountStatus::available) {
+  } else if (status != CKAccountStatus::available &&
+             !(scope == CKDatabaseScope::publicScope && kind == CKOperationKind::query)) {
+    // Everyone may read the public database; everything else needs the account.
     admission.error = CKError(CKErrorCode::notAuthenticated);
   } else {
     auto& select = connection_.cached(

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "sync/SyncFixture.h"
+#include "sync/TestRecords.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -160,6 +161,65 @@ TEST_F(DatabaseManagerTest, EachStartOfObservingAddsOneMoreRemoteChangeObserver)
   const auto requests = cloud->requests();
   for (auto i = before; i < requests.size(); ++i) fetches += requests[i].kind == CKOperationKind::fetchDatabaseChanges;
   EXPECT_EQ(fetches, 2u);
+}
+
+TEST_F(DatabaseManagerTest, AnOperationWhoseCompletionWasLostIsCancelledAndAddedAgainAtTheNextStart) {
+  Device& a = start("A");
+  cloud->dropCompletions(1);
+  write(a, pickups(1));
+  EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 1u) << "it ran on the server";
+  bool listed = false;
+  a.container->fetchAllLongLivedOperationIDs(
+      [&listed](std::optional<std::vector<std::string>> ids, std::exception_ptr) { listed = ids && ids->size() == 1; });
+  env.pump();
+  ASSERT_TRUE(listed);
+
+  log.clear();
+  a.engine.reset();
+  start("A");
+  EXPECT_TRUE(logged("🔄 Cancel operation"));
+  a.container->fetchAllLongLivedOperationIDs(
+      [&listed](std::optional<std::vector<std::string>> ids, std::exception_ptr) { listed = ids && !ids->empty(); });
+  env.pump();
+  EXPECT_FALSE(listed) << "the cancelled operation ended and was forgotten";
+}
+
+TEST_F(DatabaseManagerTest, APublicEngineQueriesEverythingWithoutAnAccountAndCallsBackPerClass) {
+  // Another user's device saves shelves into the public database.
+  auto writer = cloud->container("WRITER", "iCloud.org.vostra.tarnwell");
+  std::vector<CKRecord> shelves;
+  for (std::int64_t id : {1, 2, 3}) {
+    CKRecord record("Shelf", CKRecordID{std::to_string(id), CKRecordZoneID::defaultZone()});
+    record.setObject("id", id);
+    record.setObject("title", "Shelf " + std::to_string(id));
+    record.setObject("isDeleted", std::int64_t{0});
+    shelves.push_back(std::move(record));
+  }
+  writer->publicCloudDatabase().add(std::make_shared<CKModifyRecordsOperation>(shelves, std::vector<CKRecordID>{}));
+  env.pump();
+
+  const auto configuration = testRecordsConfiguration(env.root() / "reader.realm");
+  UserDefaults defaults(env.root() / "reader.defaults.sqlite");
+  auto reader = cloud->container("READER", "iCloud.org.vostra.tarnwell");
+  reader->setAccountStatus(CKAccountStatus::noAccount);
+  bool ready = false;
+  auto engine = sync::SyncEngine::make(
+      {std::make_shared<sync::SyncObject<Shelf>>(configuration, true, defaults)}, CKDatabaseScope::publicScope, reader,
+      [&ready](const std::shared_ptr<sync::SyncEngine>&) { ready = true; }, defaults);
+  env.pump();
+  ASSERT_TRUE(ready);
+  EXPECT_TRUE(logged("🔄 Add operation: createSubscriptionInPublicDatabase"));
+  int callbacks = 0;
+  engine->pull([&callbacks](std::exception_ptr error) {
+    EXPECT_FALSE(error);
+    ++callbacks;
+  });
+  env.pump();
+  EXPECT_EQ(callbacks, 1);
+  const auto kept = store::Store::open(configuration).objects<Shelf>(store::Query().sorted("id"));
+  ASSERT_EQ(kept.size(), 3u);
+  EXPECT_EQ(kept[2].id, 3);
+  EXPECT_EQ(kept[2].title, "Shelf 3");
 }
 
 }  // namespace

@@ -28,7 +28,8 @@
 //   type. A device hears pushes through its container's handler; pushes
 //   that come while it has none (or, for the folder, while it runs in
 //   another process) wait for it.
-// - A device whose account is not available runs nothing: every operation
+// - A device whose account is not available runs nothing but queries of
+//   the public database, which anybody may read: every other operation
 //   fails with notAuthenticated (9).
 //
 // Faults are injected on the emulator and hit every device: an error code
