@@ -31,6 +31,19 @@ class StoreTest : public testing::EnvironmentTest {
   store::ObserverToken listen() {
     return Store::open().observe<Pickup>([this](const ChangeSet& change) { heard.push_back(change); });
   }
+
+  // For writes that exclude a token: the fixture's listener, which they
+  // exclude, and a second one into `other` that hears everything. Both start
+  // past their initial change set.
+  std::vector<ChangeSet> other;
+  std::pair<store::ObserverToken, store::ObserverToken> listenTwice() {
+    auto excluded = listen();
+    auto token = Store::open().observe<Pickup>([this](const ChangeSet& change) { other.push_back(change); });
+    env.pump();
+    heard.clear();
+    other.clear();
+    return {std::move(excluded), std::move(token)};
+  }
 };
 
 TEST_F(StoreTest, ObserversHearInsertedAndModifiedKeysLaterOnTheMainQueue) {
@@ -52,12 +65,7 @@ TEST_F(StoreTest, ObserversHearInsertedAndModifiedKeysLaterOnTheMainQueue) {
 }
 
 TEST_F(StoreTest, AnExcludedTokenHearsNothingOfThatWrite) {
-  auto excluded = listen();
-  std::vector<ChangeSet> other;
-  auto token = Store::open().observe<Pickup>([&](const ChangeSet& change) { other.push_back(change); });
-  env.pump();
-  heard.clear();
-  other.clear();
+  auto [excluded, token] = listenTwice();
 
   Pickup fromCloud(t0, t0 + 5);
   Store::open().write([&](WriteTransaction& t) { t.add(fromCloud); }, {&excluded});
@@ -93,12 +101,7 @@ TEST_F(StoreTest, AThrowingWriteLeavesNothingAndTellsNobody) {
 }
 
 TEST_F(StoreTest, ABatchIsSeenWholeAtItsCommitAndHeardWriteByWrite) {
-  auto excluded = listen();
-  std::vector<ChangeSet> other;
-  auto token = Store::open().observe<Pickup>([&](const ChangeSet& change) { other.push_back(change); });
-  env.pump();
-  heard.clear();
-  other.clear();
+  auto [excluded, token] = listenTwice();
 
   const Pickup first(t0, t0 + 60), second(t0 + 120, t0 + 180), failed(t0 + 240, t0 + 300);
   {
