@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -119,12 +120,32 @@ T awaitHealth(const Promise<T>& promise, const std::string& command);
 template <class Record>
 nlohmann::ordered_json recordJSON(const Record& record);
 
-// Starts the store as the app does at launch; a store that had to be set
-// aside is reported as bad input in one line.
-void startStore();
-// Lets what the launch set going run to its end before the command reads:
-// the health manager's first reload of other applications' sleep above all.
-void settleLaunch();
+// Launches the app as the phone does: joins the cloud this installation
+// signed in to, starts the store (which starts the cloud service), lets what
+// that set going run to its end (the first pull, the health manager's first
+// reload), goes on with a background stretch an earlier process began, and
+// hands over the silent pushes waiting for this device. A store that had to
+// be set aside is reported as bad input in one line.
+void launch();
+// Lets what is due run, and the later work the run started and still owes:
+// debounced announcements, cloud operations and the retries the cloud asked
+// for, waited for on the clock (a pinned clock is moved instead).
+void settleOperations();
+// Before the process exits: settles, then ends a launch as the phone ends
+// the app (a process in the background was only suspended).
+void finishRun();
+
+// The cloud this installation signed in to, if any.
+std::optional<std::filesystem::path> signedInCloudFolder();
+// Installs this device's container of that cloud, its silent pushes going to
+// `handler`. A cloud that cannot be used is reported on the standard error
+// and the launch goes on signed out.
+void joinSignedInCloud(std::function<void(const nlohmann::json& userInfo)> handler);
+// Hands the pushes other processes left for this device to the handler.
+void deliverWaitingPushes();
+// The cloud's part of launch() and finishRun().
+void resumeLaunch();
+void endLaunch();
 
 // When `command` is chosen, `action` becomes: `parse` the input, start the
 // store, hand what `parse` returned to `body`. Bad input never opens the store.
@@ -134,13 +155,11 @@ void onRun(CLI::App* command, Action& action, Parse parse, Body body) {
     action = [parse, body] {
       if constexpr (std::is_void_v<decltype(parse())>) {
         parse();
-        startStore();
-        settleLaunch();
+        launch();
         body();
       } else {
         auto input = parse();
-        startStore();
-        settleLaunch();
+        launch();
         body(input);
       }
     };
@@ -177,6 +196,7 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 // After addFocusCommands: it adds `focus state-of-mind` too.
 void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addSyncCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 
 // Drains Database.queue, then runs what is due on the main queue and the
 // background queues; how many blocks ran there.

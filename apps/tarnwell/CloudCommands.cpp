@@ -3,10 +3,12 @@
 // fail the way a real one does.
 
 #include <filesystem>
+#include <iostream>
 #include <memory>
 
 #include "Cli.h"
 #include "tarnwell/cloudkit/CloudEmulator.h"
+#include "tarnwell/modules/CloudService.h"
 #include "tarnwell/settings/Settings.h"
 
 namespace tarnwell::cli {
@@ -14,7 +16,6 @@ namespace {
 
 // Where this installation remembers the cloud it signed in to.
 constexpr std::string_view kCloudFolderKey = "TarnwellHost.cloudFolder";
-constexpr std::string_view kContainerIdentifier = "iCloud.org.vostra.tarnwell";
 
 struct Arguments {
   std::string folder, status, code, kind;
@@ -33,9 +34,14 @@ std::shared_ptr<CloudEmulator> openCloud(const std::filesystem::path& folder, bo
 
 // The cloud this installation signed in to; InputError when there is none.
 std::shared_ptr<CloudEmulator> signedInCloud(const std::string& command) {
-  const auto folder = UserDefaults::standard().stringForKey(kCloudFolderKey);
+  const auto folder = signedInCloudFolder();
   if (!folder) throw InputError(command + ": this installation is not signed in to a cloud (cloud sign-in DIR)");
   return openCloud(*folder, false);
+}
+
+// This device's view of the cloud in the process: the installed container.
+std::shared_ptr<EmulatedContainer> joinedContainer() {
+  return std::dynamic_pointer_cast<EmulatedContainer>(CKContainer::installedPointer());
 }
 
 nlohmann::ordered_json fieldJSON(const CKRecordValue& value);
@@ -105,6 +111,30 @@ CloudFault parseFault(const Arguments& a) {
 
 }  // namespace
 
+std::optional<std::filesystem::path> signedInCloudFolder() {
+  const auto folder = UserDefaults::standard().stringForKey(kCloudFolderKey);
+  if (!folder) return std::nullopt;
+  return std::filesystem::path(*folder);
+}
+
+void joinSignedInCloud(std::function<void(const nlohmann::json& userInfo)> handler) {
+  const auto folder = signedInCloudFolder();
+  if (!folder) return;
+  try {
+    auto container =
+        openCloud(*folder, false)->container(Settings::deviceId(), std::string(CloudService::containerIdentifier));
+    container->setRemoteNotificationHandler(std::move(handler));
+    CKContainer::install(std::move(container));
+  } catch (const InputError& error) {
+    // The phone goes on without a cloud it cannot reach; so does a run.
+    std::cerr << "tarnwell: " << error.what() << "; this run goes on signed out\n";
+  }
+}
+
+void deliverWaitingPushes() {
+  if (const auto container = joinedContainer()) container->deliverPendingPushes();
+}
+
 void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
   auto a = std::make_shared<Arguments>();
   auto* cloud = app.add_subcommand("cloud", "The user's private cloud: a folder the installations of one user share");
@@ -115,7 +145,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   onRunWithoutStore(signIn, action, [&options, a] {
     const auto folder = std::filesystem::absolute(a->folder).lexically_normal();
     openCloud(folder, true)
-        ->container(Settings::deviceId(), std::string(kContainerIdentifier))
+        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
         ->setAccountStatus(CKAccountStatus::available);
     UserDefaults::standard().set(kCloudFolderKey, folder.string());
     Output(options).print({{"folder", folder.string()}, {"deviceId", Settings::deviceId()}},
@@ -138,7 +168,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       refuse("status", a->status, "couldNotDetermine, available, restricted, noAccount or temporarilyUnavailable");
     }
     signedInCloud("cloud account")
-        ->container(Settings::deviceId(), std::string(kContainerIdentifier))
+        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
         ->setAccountStatus(*status);
     Output(options).print({{"accountStatus", a->status}}, "The account status reads " + a->status);
   });

@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "tarnwell/modules/CloudService.h"
 #include "tarnwell/modules/Database.h"
 
 namespace tarnwell::cli {
@@ -38,12 +39,24 @@ std::size_t drainQueues() {
   return Environment::current().runPending();
 }
 
-void settleLaunch() {
+namespace {
+
+// Seconds of deadlines a run waits for before it exits: the 0.1-second
+// debounce of announcements, not the day timer. Work the run still owes
+// (a retry the cloud asked for) is waited for whatever its deadline.
+constexpr double kSettleHorizon = 1.0;
+
+bool launched = false;
+
+void drainDueWork() {
   while (drainQueues() > 0) {
   }
 }
 
-void startStore() {
+}  // namespace
+
+void launch() {
+  joinSignedInCloud([](const nlohmann::json& userInfo) { CloudService::handleRemoteNotification(userInfo); });
   try {
     Database::start();
   } catch (const std::exception& error) {
@@ -51,6 +64,20 @@ void startStore() {
                      Database::backupURL().filename().string() + " (" + error.what() +
                      "); the next run starts an empty store");
   }
+  launched = true;
+  drainDueWork();
+  resumeLaunch();
+  drainDueWork();
+}
+
+void settleOperations() {
+  if (launched) Database::queue().safeSync([] {});
+  Environment::current().finish(kSettleHorizon);
+}
+
+void finishRun() {
+  settleOperations();
+  if (launched) endLaunch();
 }
 
 }  // namespace tarnwell::cli

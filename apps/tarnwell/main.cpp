@@ -16,10 +16,6 @@ namespace {
 using tarnwell::Environment;
 using namespace tarnwell::cli;
 
-// Seconds of deadlines a run waits for before it exits: the 0.1-second
-// debounce of announcements, not the day timer.
-constexpr double kSettleHorizon = 1.0;
-
 std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
   auto configuration = Environment::Configuration::system(
       options.container ? std::optional<std::filesystem::path>(*options.container) : std::nullopt);
@@ -70,6 +66,7 @@ int main(int argc, char** argv) {
   addChartCommands(app, options, action);
   addHealthCommands(app, options, action);
   addCloudCommands(app, options, action);
+  addSyncCommands(app, options, action);
 
   try {
     app.parse(argc, argv);
@@ -89,8 +86,8 @@ int main(int argc, char** argv) {
     tarnwell::HealthManager::shared().start();
     action();
     // What the command left to the queues runs before exit: announcements,
-    // the debounced ones included, and the health store's writes.
-    Environment::current().settle(kSettleHorizon);
+    // the debounced ones included, the health store's writes and the cloud's.
+    finishRun();
   } catch (const std::exception& error) {
     std::cerr << "tarnwell: " << error.what() << '\n';
     status = 1;

@@ -7,6 +7,7 @@
 
 #include "tarnwell/analytics/EventsOfDays.h"
 #include "tarnwell/health/HealthManager.h"
+#include "tarnwell/modules/CloudService.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
@@ -137,6 +138,7 @@ void Database::start() {
   });
   configureRealm();
   testRealm();
+  CloudService::start();
   setupRealmData();
   queue().safeSync([] { clearRealmDatabase(); });
   setupRefreshEventsOfTodayTimer();

@@ -191,7 +191,11 @@ std::size_t Environment::runPending() {
   }
 }
 
-std::size_t Environment::settle(double horizon) {
+std::size_t Environment::settle(double horizon) { return settle(horizon, false); }
+
+std::size_t Environment::finish(double horizon) { return settle(horizon, true); }
+
+std::size_t Environment::settle(double horizon, bool whileActive) {
   std::size_t total = runPending();
   const Date limit = clock_->now() + horizon;
   for (;;) {
@@ -207,7 +211,7 @@ std::size_t Environment::settle(double horizon) {
         if (queue->mode() == DispatchQueue::Mode::pumped) consider(*queue);
       }
     }
-    if (!next || *next > limit) return total;
+    if (!next || (*next > limit && !(whileActive && activityCount() > 0))) return total;
     if (auto* manual = dynamic_cast<ManualClock*>(clock_.get())) {
       if (*next > manual->now()) manual->set(*next);
     } else {
@@ -218,6 +222,11 @@ std::size_t Environment::settle(double horizon) {
     }
     total += runPending();
   }
+}
+
+std::shared_ptr<void> Environment::beginActivity() {
+  ++*activities_;
+  return std::shared_ptr<void>(nullptr, [activities = activities_](void*) { --*activities; });
 }
 
 Environment& Environment::current() {

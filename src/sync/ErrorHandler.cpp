@@ -5,6 +5,7 @@
 #include "tarnwell/cloudkit/Errors.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/DispatchQueue.h"
+#include "tarnwell/platform/Environment.h"
 #include "tarnwell/sync/CloudSync.h"
 
 namespace tarnwell::sync {
@@ -181,7 +182,9 @@ CKOperationResultType ErrorHandler::resultType(const std::exception_ptr& error) 
 }
 
 void ErrorHandler::retryOperationIfPossible(double retryAfter, std::function<void()> block) {
-  DispatchQueue::main().asyncAfter(retryAfter, std::move(block));
+  // The retry is work the process owes the user: a host waits for it.
+  DispatchQueue::main().asyncAfter(
+      retryAfter, [activity = Environment::current().beginActivity(), block = std::move(block)] { block(); });
 }
 
 std::string ErrorHandler::message(int code) {

@@ -26,11 +26,20 @@ class CliTest : public ::testing::Test {
  protected:
   // Runs tarnwell with a private XDG data home and, unless told otherwise, the test's installation.
   Outcome run(const std::string& arguments, bool withContainer = true) {
+    return runIn(folder.path() / "xdg", withContainer ? std::optional(container()) : std::nullopt, arguments);
+  }
+  // Runs tarnwell as another device of the same user: its own keychain (so
+  // its own device id) and its own installation.
+  Outcome runOn(const std::string& device, const std::string& arguments) {
+    return runIn(folder.path() / device / "xdg", folder.path() / device / "phone", arguments);
+  }
+  Outcome runIn(const std::filesystem::path& xdg, const std::optional<std::filesystem::path>& installation,
+                const std::string& arguments) {
     const char* binary = std::getenv("TARNWELL_CLI");
     if (!binary) throw std::runtime_error("TARNWELL_CLI is not set");
     const auto out = folder.path() / "out.txt", err = folder.path() / "err.txt";
-    const std::string command = "XDG_DATA_HOME='" + (folder.path() / "xdg").string() + "' '" + binary + "' " +
-                                (withContainer ? "--container '" + container().string() + "' " : "") + arguments +
+    const std::string command = "XDG_DATA_HOME='" + xdg.string() + "' '" + binary + "' " +
+                                (installation ? "--container '" + installation->string() + "' " : "") + arguments +
                                 " >'" + out.string() + "' 2>'" + err.string() + "'";
     const int raw = std::system(command.c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read(out), read(err)};
@@ -365,6 +374,60 @@ TEST_F(CliTest, TheCloudFolderIsSignedInToAndItsSwitchesRefuseBadInput) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(other), std::filesystem::directory_iterator()), 1);
   EXPECT_EQ(run("cloud sign-out").status, 0);
   EXPECT_EQ(run("cloud expire-tokens").status, 1);
+}
+
+TEST_F(CliTest, TwoDevicesSignedInToOneCloudSeeEachOthersDays) {
+  const std::string cloud = "'" + (folder.path() / "cloud").string() + "'";
+  EXPECT_EQ(run("sync pull").err,
+            "tarnwell: sync pull: nothing synced: this installation is not signed in to a cloud (cloud sign-in DIR)\n");
+  ASSERT_EQ(runOn("phone", "cloud sign-in " + cloud).status, 0);
+  ASSERT_EQ(runOn("tablet", "cloud sign-in " + cloud).status, 0);
+  const std::string phone = json(runOn("phone", "--json info"))["deviceId"];
+  ASSERT_EQ(runOn("phone", "pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z").status, 0);
+  EXPECT_EQ(json(runOn("phone", "--json cloud records --type Pickup")).size(), 1u) << "a write reaches the cloud";
+
+  const Outcome pulled = runOn("tablet", "--tz UTC --now 2026-11-23T09:00:00Z --json sync pull");
+  ASSERT_EQ(pulled.status, 0) << pulled.err;
+  EXPECT_EQ(json(pulled), (nlohmann::json{{"state", "success"}, {"date", "2026-11-23T09:00:00Z"}}));
+  const std::string day = "--tz UTC --now 2026-11-23T12:00:00Z --json day 2026-11-22";
+  EXPECT_EQ(json(runOn("tablet", day))["screenTime"], nullptr) << "the phone's events count once related";
+  ASSERT_EQ(runOn("tablet", "device relate " + phone).status, 0);
+  EXPECT_EQ(json(runOn("tablet", day))["screenTime"], 300.0);
+
+  const auto status = json(runOn("tablet", "--tz UTC --now 2026-11-23T10:00:00Z --json sync status"));
+  EXPECT_EQ(status["accountStatus"], "available");
+  EXPECT_EQ(status["syncState"]["state"], "success") << "every launch pulls";
+  EXPECT_EQ(status["lastSyncDate"], "2026-11-23T10:00:00Z");
+
+  // Back the other way: the tablet's write reaches the phone by its push.
+  ASSERT_EQ(runOn("tablet", "walk add 2026-11-22T09:00:00Z 2026-11-22T09:30:00Z").status, 0);
+  ASSERT_EQ(
+      runOn("phone", "device relate " + json(runOn("tablet", "--json info"))["deviceId"].get<std::string>()).status, 0);
+  EXPECT_EQ(json(runOn("phone", "--json walk list")).size(), 1u);
+}
+
+TEST_F(CliTest, TheBackgroundStretchOutlivesTheProcessAndItsEventsLeaveOnReturn) {
+  ASSERT_EQ(run("cloud sign-in '" + (folder.path() / "cloud").string() + "'").status, 0);
+  const auto pickups = [this] { return json(run("--json cloud records --type Pickup")).size(); };
+  EXPECT_EQ(run("--tz UTC --now 2026-11-23T08:00:00Z lifecycle background").out,
+            "in the background since 2026-11-23T08:00:00Z\n");
+  ASSERT_EQ(run("--tz UTC --now 2026-11-23T08:10:00Z pickup add 2026-11-23T08:01:00Z 2026-11-23T08:02:00Z").status, 0);
+  EXPECT_EQ(pickups(), 0u) << "paused in the background";
+  EXPECT_EQ(json(run("--json sync status"))["syncState"]["state"], "background");
+
+  const Outcome back = run("--tz UTC --now 2026-11-23T08:20:00Z --json lifecycle foreground");
+  ASSERT_EQ(back.status, 0) << back.err;
+  EXPECT_EQ(json(back)["state"], "success");
+  EXPECT_EQ(pickups(), 1u);
+  const Outcome again = run("lifecycle foreground");
+  EXPECT_EQ(again.status, 1);
+  EXPECT_EQ(again.err, "tarnwell: lifecycle foreground: the app is not in the background (lifecycle background)\n");
+
+  // A retry the cloud asks for an hour later is waited for on the pinned
+  // clock, so the write still reaches the cloud in the same process.
+  ASSERT_EQ(run("cloud fault zoneBusy --retry-after 3600 --on modify").status, 0);
+  ASSERT_EQ(run("--tz UTC --now 2026-11-23T09:00:00Z pickup add 2026-11-23T08:30:00Z 2026-11-23T08:31:00Z").status, 0);
+  EXPECT_EQ(pickups(), 2u);
 }
 
 TEST_F(CliTest, TheDayInJSONCarriesEveryMetric) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "support/TestEnvironment.h"
 
 namespace tarnwell {
@@ -26,6 +28,27 @@ TEST(EnvironmentTest, ComponentsLiveAndDieWithTheirEnvironment) {
     EXPECT_EQ(&Environment::current().component<Counter>(), substitute.get());
   }
   EXPECT_EQ(Environment::currentIfInstalled(), nullptr);
+}
+
+// A host settles before it answers and finishes before it exits: only the
+// second waits for work that is owed but due later than the horizon.
+TEST(EnvironmentTest, FinishingWaitsForOwedWorkAndSettlingDoesNot) {
+  testing::TestEnvironment env;
+  auto& environment = Environment::current();
+  const Date start = Date::now();
+  std::vector<double> ran;
+  DispatchQueue::main().asyncAfter(0.5, [&] { ran.push_back(Date::now() - start); });
+  DispatchQueue::main().asyncAfter(600,
+                                   [&, owed = environment.beginActivity()] { ran.push_back(Date::now() - start); });
+  DispatchQueue::main().asyncAfter(86400, [&] { ran.push_back(Date::now() - start); });
+  EXPECT_EQ(environment.activityCount(), 1u);
+
+  environment.settle(1.0);
+  EXPECT_EQ(ran, std::vector<double>{0.5});
+  environment.finish(1.0);
+  EXPECT_EQ(ran, (std::vector<double>{0.5, 600}));
+  EXPECT_EQ(environment.activityCount(), 0u) << "the token went with its block";
+  EXPECT_EQ(Date::now(), start + 600) << "nothing owed is left, so the day-long wait is not taken";
 }
 
 TEST(EnvironmentTest, OnlyTheAppGroupHasAContainer) {

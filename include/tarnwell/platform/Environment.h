@@ -16,6 +16,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -154,8 +155,17 @@ class Environment {
   // runPending(), then lets the deadlines of the next `horizon` seconds come
   // (a manual clock is moved to each, the system clock is waited for) until
   // no pumped queue has anything due within the horizon: what a host does
-  // before it answers or exits, so that debounced work is done.
+  // before it answers, so that debounced work is done.
   std::size_t settle(double horizon);
+  // settle(), and while an activity is under way the later deadlines too:
+  // what a host does before it exits.
+  std::size_t finish(double horizon);
+
+  // Marks work the process owes although it is due later than a host's
+  // horizon, such as a retry the cloud asked for in a minute. The activity
+  // lasts as long as the returned token.
+  [[nodiscard]] std::shared_ptr<void> beginActivity();
+  std::size_t activityCount() const { return activities_->load(); }
   const std::optional<std::filesystem::path>& healthFolder() const { return configuration_.healthFolder; }
 
   // The app's own store, "<private>/Library/Preferences/<bundle id>.sqlite".
@@ -181,6 +191,7 @@ class Environment {
   void setComponent(std::shared_ptr<T> component);
 
  private:
+  std::size_t settle(double horizon, bool whileActive);
   std::shared_ptr<void>* findComponent(std::type_index type);
   void addComponent(std::type_index type, std::shared_ptr<void> component);
 
@@ -189,6 +200,8 @@ class Environment {
   std::unique_ptr<DispatchQueue> mainQueue_;
   NotificationCenter notificationCenter_;
   std::shared_ptr<KeychainStore> keychain_;
+  // Shared with the tokens, which may outlive the Environment.
+  std::shared_ptr<std::atomic<std::size_t>> activities_ = std::make_shared<std::atomic<std::size_t>>(0);
 
   mutable std::mutex mutex_;
   Region region_;

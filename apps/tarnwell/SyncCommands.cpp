@@ -1,0 +1,158 @@
+// `tarnwell sync` and `tarnwell lifecycle`: syncing with the cloud this
+// installation signed in to, and the phone's life that decides when. Also
+// the launch's and the exit's part in that life: a process is one launch
+// of the app, and the background stretch it may be in outlives the process.
+
+#include <memory>
+
+#include "Cli.h"
+#include "tarnwell/cloudkit/CloudEmulator.h"
+#include "tarnwell/modules/CloudService.h"
+#include "tarnwell/platform/NotificationCenter.h"
+#include "tarnwell/settings/Settings.h"
+#include "tarnwell/sync/DatabaseManager.h"
+
+namespace tarnwell::cli {
+namespace {
+
+// Where an installation in the background keeps when the stretch began,
+// as the app keeps it in memory between the two calls.
+constexpr std::string_view kBackgroundSinceKey = "TarnwellHost.backgroundSince";
+
+using SyncState = CloudService::SyncState;
+
+nlohmann::ordered_json dateJSON(const std::optional<Date>& date) {
+  return date ? nlohmann::ordered_json(date->iso8601()) : nlohmann::ordered_json(nullptr);
+}
+
+nlohmann::ordered_json stateJSON(const SyncState& state) {
+  return std::visit(
+      [](const auto& held) -> nlohmann::ordered_json {
+        using Case = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Case, SyncState::Background>) {
+          return {{"state", "background"}, {"startAt", held.startAt.iso8601()}};
+        } else if constexpr (std::is_same_v<Case, SyncState::Success>) {
+          return {{"state", "success"}, {"date", held.date.iso8601()}};
+        } else if constexpr (std::is_same_v<Case, SyncState::Failed>) {
+          return {{"state", "failed"}, {"reason", held.reason}};
+        } else if constexpr (std::is_same_v<Case, SyncState::Idle>) {
+          return {{"state", "idle"}};
+        } else {
+          return {{"state", "syncing"}};
+        }
+      },
+      state.value);
+}
+
+std::string stateLine(const SyncState& state) {
+  if (const auto* background = state.as<SyncState::Background>()) {
+    return "in the background since " + background->startAt.iso8601();
+  }
+  if (const auto* success = state.as<SyncState::Success>()) return "synced at " + success->date.iso8601();
+  if (const auto* failed = state.as<SyncState::Failed>()) return "failed: " + failed->reason;
+  if (state.as<SyncState::Idle>()) return "idle";
+  return "syncing";
+}
+
+// Why nothing can sync, when the launch found no way to: the engine comes
+// only with an account that was available at launch.
+std::string whyNoEngine() {
+  if (!signedInCloudFolder()) return "this installation is not signed in to a cloud (cloud sign-in DIR)";
+  return "the cloud account was not available at launch (account: " + std::string(name(CloudService::accountStatus())) +
+         ")";
+}
+
+// Runs one sync of CloudService and waits for its outcome, retries the
+// cloud asked for included; InputError when it cannot end.
+void runSync(const GlobalOptions& options, const std::string& command,
+             void (*sync)(std::function<void(bool)> completion)) {
+  auto synced = std::make_shared<std::optional<bool>>();
+  sync([synced](bool result) { *synced = result; });
+  settleOperations();
+  if (!*synced) throw InputError(command + ": nothing synced: " + whyNoEngine());
+  const SyncState state = CloudService::syncState();
+  if (!**synced) throw std::runtime_error(command + ": " + stateLine(state));
+  Output(options).print(stateJSON(state), stateLine(state));
+}
+
+void printStatus(const GlobalOptions& options) {
+  const CKAccountStatus account = await(CloudService::getAccountStatus().asPromise());
+  const SyncState state = CloudService::syncState();
+  const auto lastSync = Settings::cloudKitLastSyncDate();
+  const auto folder = signedInCloudFolder();
+  nlohmann::ordered_json json{{"cloud", folder ? nlohmann::ordered_json(folder->string()) : nullptr},
+                              {"accountStatus", name(account)},
+                              {"syncToCloudKit", Settings::syncToCloudKit()},
+                              {"syncState", stateJSON(state)},
+                              {"lastSyncDate", dateJSON(lastSync)}};
+  Output(options).print(json, joinLines({
+                                  "cloud: " + (folder ? folder->string() : std::string("(none)")),
+                                  "account: " + std::string(name(account)),
+                                  "sync: " + std::string(Settings::syncToCloudKit() ? "on" : "off"),
+                                  "state: " + stateLine(state),
+                                  "last sync: " + (lastSync ? lastSync->iso8601() : std::string("never")),
+                              }));
+}
+
+void enterBackground(const GlobalOptions& options) {
+  CloudService::enterBackground();
+  const SyncState state = CloudService::syncState();
+  const auto* background = state.as<SyncState::Background>();
+  if (!background) throw InputError("lifecycle background: sync is not running: " + whyNoEngine());
+  UserDefaults::standard().set(kBackgroundSinceKey, background->startAt);
+  Output(options).print(stateJSON(state), stateLine(state));
+}
+
+void enterForeground(const GlobalOptions& options) {
+  if (!CloudService::syncState().as<SyncState::Background>()) {
+    throw InputError("lifecycle foreground: the app is not in the background (lifecycle background)");
+  }
+  CloudService::enterForeground();
+  settleOperations();
+  const SyncState state = CloudService::syncState();
+  // A stretch that has not begun yet (the clock went back) goes on.
+  if (!state.as<SyncState::Background>()) UserDefaults::standard().removeObject(kBackgroundSinceKey);
+  Output(options).print(stateJSON(state), stateLine(state));
+}
+
+}  // namespace
+
+void resumeLaunch() {
+  if (const auto since = UserDefaults::standard().dateForKey(kBackgroundSinceKey)) {
+    CloudService::resumeBackground(*since);
+  }
+  deliverWaitingPushes();
+}
+
+void endLaunch() {
+  // A process that ends in the background is an app the system suspended;
+  // otherwise the app is quit, and the sync layer cleans up.
+  if (CloudService::syncState().as<SyncState::Background>()) return;
+  NotificationCenter::defaultCenter().post(sync::UIApplicationWillTerminateNotification);
+  settleOperations();
+}
+
+void addSyncCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
+  auto* sync = app.add_subcommand("sync", "Sync this installation with the cloud it signed in to");
+  sync->require_subcommand(1);
+
+  auto* pull = sync->add_subcommand("pull", "Fetch what the other devices wrote");
+  onRun(pull, action, [&options] { runSync(options, "sync pull", &CloudService::pullAll); });
+
+  auto* push = sync->add_subcommand("push", "Send every record of this installation, as if new");
+  onRun(push, action, [&options] { runSync(options, "sync push", &CloudService::pushAll); });
+
+  auto* status = sync->add_subcommand("status", "The account, the sync state and the last sync");
+  onRun(status, action, [&options] { printStatus(options); });
+
+  auto* lifecycle = app.add_subcommand("lifecycle", "Play the app's going to the background and coming back");
+  lifecycle->require_subcommand(1);
+
+  auto* background = lifecycle->add_subcommand("background", "The app goes to the background");
+  onRun(background, action, [&options] { enterBackground(options); });
+
+  auto* foreground = lifecycle->add_subcommand("foreground", "The app comes back: pull, then push the stretch");
+  onRun(foreground, action, [&options] { enterForeground(options); });
+}
+
+}  // namespace tarnwell::cli
