@@ -101,4 +101,17 @@ std::string CKError::debugDescription() const {
   return text + ">";
 }
 
+std::string debugDescription(const std::exception_ptr& error) {
+  if (!error) return "nil";
+  try {
+    std::rethrow_exception(error);
+  } catch (const CKError& cloud) {
+    return cloud.debugDescription();
+  } catch (const std::exception& other) {
+    return other.what();
+  } catch (...) {
+    return "an unknown error";
+  }
+}
+
 }  // namespace tarnwell

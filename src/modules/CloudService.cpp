@@ -140,18 +140,6 @@ void applyFailureRule(std::exception_ptr error) {
   }
 }
 
-std::string describe(std::exception_ptr error) {
-  try {
-    std::rethrow_exception(error);
-  } catch (const CKError& e) {
-    return e.debugDescription();
-  } catch (const std::exception& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown error";
-  }
-}
-
 // Settles `resolver` with the outcome an engine's completion reports.
 sync::Callback settling(const Promise<void>::Resolver& resolver) {
   return [resolver](std::exception_ptr error) {
@@ -195,7 +183,7 @@ Guarantee<bool> startSync(Block block) {
         resolveSynced(true);
       })
       .catchError([resolveSynced](std::exception_ptr error) {
-        info("sync failed: " + describe(error), "startSync(block:)");
+        info("sync failed: " + debugDescription(error), "startSync(block:)");
         applyFailureRule(error);
         resolveSynced(false);
       });
@@ -314,7 +302,7 @@ void CloudService::start() {
 Guarantee<CKAccountStatus> CloudService::getAccountStatus() {
   return Guarantee<CKAccountStatus>([](const Guarantee<CKAccountStatus>::Resolver& resolver) {
     CKContainer::installed().accountStatus([resolver](CKAccountStatus status, std::exception_ptr error) {
-      if (error) log.error(describe(error), {.function = "getAccountStatus()"});
+      if (error) log.error(debugDescription(error), {.function = "getAccountStatus()"});
       setAccountStatus(status);
       resolver(status);
     });

@@ -7,19 +7,6 @@
 
 namespace tarnwell::sync {
 
-std::string describe(const std::exception_ptr& error) {
-  if (!error) return "nil";
-  try {
-    std::rethrow_exception(error);
-  } catch (const CKError& cloud) {
-    return cloud.debugDescription();
-  } catch (const std::exception& other) {
-    return other.what();
-  } catch (...) {
-    return "an unknown error";
-  }
-}
-
 bool platformHasResultBlocks() {
   const std::string& version = Environment::current().device().systemVersion;
   int major = 0;
@@ -86,7 +73,7 @@ void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsTo
       }
     } else {
       // The changes stay unsent until a later push; the completion hears nothing.
-      sync.log("🔄 Modify record unhandled completion: " + describe(error));
+      sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
     }
   };
   database_.add(std::move(operation));
@@ -107,8 +94,8 @@ void CloudDatabaseManager::resumeLongLivedOperationIfPossible() {
             const bool newer = platformHasResultBlocks();
             if (newer) {
               operation->modifyRecordsResultBlock = [](std::exception_ptr result) {
-                CloudSync::shared().log("🔄 modify result: " +
-                                        (result ? "failure(" + describe(result) + ")" : std::string("success(())")));
+                CloudSync::shared().log("🔄 modify result: " + (result ? "failure(" + debugDescription(result) + ")"
+                                                                      : std::string("success(())")));
               };
             } else {
               operation->modifyRecordsCompletionBlock = [](std::optional<std::vector<CKRecord>>,

@@ -67,7 +67,7 @@ void PrivateDatabaseManager::fetchChangesInDatabase(Callback callback) {
     } else if (result.isRecoverableError()) {
       sync.log("🔄 Database fetch unhandled recoverable error: " + std::string(name(result.reason())));
     } else {
-      sync.log("🔄 Database unhandled completion: " + describe(error));
+      sync.log("🔄 Database unhandled completion: " + debugDescription(error));
     }
   };
   CloudSync::shared().log("🔄 Add operation: fetchChangesInDatabase");
@@ -131,7 +131,7 @@ void PrivateDatabaseManager::fetchChangesInZones(Callback callback) {
         } else if (result.isRecoverableError()) {
           sync.log(zone + " unhandled recoverable error: " + std::string(name(result.reason())));
         } else {
-          sync.log(zone + " unhandled completion: " + describe(error));
+          sync.log(zone + " unhandled completion: " + debugDescription(error));
         }
       };
   operation->fetchRecordZoneChangesCompletionBlock = [weak = weakSelf(), callback](std::exception_ptr error) {

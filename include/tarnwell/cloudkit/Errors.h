@@ -10,6 +10,7 @@
 
 #pragma once
 
+#include <exception>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -99,5 +100,9 @@ class CKError : public std::runtime_error {
   std::optional<RetryAfter> retryAfter_;
   std::optional<ItemErrors> partialErrors_;
 };
+
+// An error as a log line shows it: a cloud error's debug description, any
+// other error's text, "nil" for none.
+std::string debugDescription(const std::exception_ptr& error);
 
 }  // namespace tarnwell
