@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
-# Checks that the library's layers point down, then builds and runs every
-# test: the library's under ThreadSanitizer (an optimised build, which also
-# compiles the command-line host so that warnings of the optimiser show), then
-# the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer, whose
-# summary is the closing line.
+# Checks that the library's layers point down, then builds and runs the tests
+# of every area with threads, locks or queues under ThreadSanitizer (an
+# optimised build), then the whole suite under AddressSanitizer +
+# UndefinedBehaviorSanitizer, whose summary is the closing line.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"
 
 scripts/check-layers.py
 
-# The library's areas with tests of their own. The host's tests run the host
-# in processes of its own: they are for the sanitizers of the second build.
-areas=(platform healthkit cloudkit widgets settings extensions records store sync health analytics charts modules)
-scripts/build.sh tsan "${areas[@]/%/_tests}" tarnwell
+# The areas whose code runs on more than one thread. Records, analytics,
+# charts, widgets and extensions compute on plain values, and the host's
+# tests run the host in processes of its own: those are for the second build.
+areas=(platform healthkit cloudkit settings store sync health modules)
+scripts/build.sh tsan "${areas[@]/%/_tests}"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   ctest --test-dir build/tsan -j "$jobs" -L "$(IFS='|'; echo "${areas[*]}")" --output-on-failure
 
