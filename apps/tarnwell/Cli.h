@@ -13,6 +13,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "tarnwell/cloudkit/Records.h"
 #include "tarnwell/platform/Base64.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/Environment.h"
@@ -134,6 +135,10 @@ void settleOperations();
 // Before the process exits: settles, then ends a launch as the phone ends
 // the app (a process in the background was only suspended).
 void finishRun();
+
+// Cloud records as `cloud records` prints them: type, zone, name and fields,
+// or with --json objects of "recordName", "recordType", "zone", "fields".
+void printCloudRecords(const GlobalOptions& options, const std::vector<CKRecord>& records);
 
 // The cloud this installation signed in to, if any.
 std::optional<std::filesystem::path> signedInCloudFolder();

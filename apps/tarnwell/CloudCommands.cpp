@@ -75,22 +75,7 @@ nlohmann::ordered_json fieldJSON(const CKRecordValue& value) {
 }
 
 void showRecords(const GlobalOptions& options, const std::optional<std::string>& type) {
-  const auto records = signedInCloud("cloud records")->records(CKDatabaseScope::privateScope, type);
-  nlohmann::ordered_json all = nlohmann::ordered_json::array();
-  std::vector<std::string> lines;
-  for (const auto& record : records) {
-    nlohmann::ordered_json fields = nlohmann::ordered_json::object();
-    for (const auto& [key, value] : record.fields()) {
-      if (value) fields[key] = fieldJSON(*value);
-    }
-    lines.push_back(record.recordType() + "  " + record.recordID().zoneID.zoneName + "  " +
-                    record.recordID().recordName + "  " + fields.dump());
-    all.push_back({{"recordName", record.recordID().recordName},
-                   {"recordType", record.recordType()},
-                   {"zone", record.recordID().zoneID.zoneName},
-                   {"fields", std::move(fields)}});
-  }
-  Output(options).print(all, joinLines(lines));
+  printCloudRecords(options, signedInCloud("cloud records")->records(CKDatabaseScope::privateScope, type));
 }
 
 CloudFault parseFault(const Arguments& a) {
@@ -110,6 +95,24 @@ CloudFault parseFault(const Arguments& a) {
 }
 
 }  // namespace
+
+void printCloudRecords(const GlobalOptions& options, const std::vector<CKRecord>& records) {
+  nlohmann::ordered_json all = nlohmann::ordered_json::array();
+  std::vector<std::string> lines;
+  for (const auto& record : records) {
+    nlohmann::ordered_json fields = nlohmann::ordered_json::object();
+    for (const auto& [key, value] : record.fields()) {
+      if (value) fields[key] = fieldJSON(*value);
+    }
+    lines.push_back(record.recordType() + "  " + record.recordID().zoneID.zoneName + "  " +
+                    record.recordID().recordName + "  " + fields.dump());
+    all.push_back({{"recordName", record.recordID().recordName},
+                   {"recordType", record.recordType()},
+                   {"zone", record.recordID().zoneID.zoneName},
+                   {"fields", std::move(fields)}});
+  }
+  Output(options).print(all, joinLines(lines));
+}
 
 std::optional<std::filesystem::path> signedInCloudFolder() {
   const auto folder = UserDefaults::standard().stringForKey(kCloudFolderKey);

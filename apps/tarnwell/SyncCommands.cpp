@@ -3,14 +3,23 @@
 // the launch's and the exit's part in that life: a process is one launch
 // of the app, and the background stretch it may be in outlives the process.
 
+#include <algorithm>
 #include <memory>
+#include <tuple>
 
 #include "Cli.h"
 #include "tarnwell/cloudkit/CloudEmulator.h"
 #include "tarnwell/modules/CloudService.h"
 #include "tarnwell/platform/NotificationCenter.h"
+#include "tarnwell/records/Device.h"
+#include "tarnwell/records/EventRecords.h"
+#include "tarnwell/records/Focus.h"
+#include "tarnwell/records/Tag.h"
 #include "tarnwell/settings/Settings.h"
+#include "tarnwell/store/Reads.h"
+#include "tarnwell/store/Store.h"
 #include "tarnwell/sync/DatabaseManager.h"
+#include "tarnwell/sync/RecordMapping.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -94,6 +103,33 @@ void printStatus(const GlobalOptions& options) {
                               }));
 }
 
+// This installation's live records of the synced classes, as the cloud
+// would hold them, in the order `cloud records` lists the cloud's.
+template <class Record>
+void collectRecords(store::Store& store, std::vector<CKRecord>& records) {
+  for (const auto& object : store.objects<Record>(store::liveRows())) records.push_back(sync::record(object, store));
+}
+
+void printSyncedRecords(const GlobalOptions& options, const std::optional<std::string>& type) {
+  static const std::vector<std::string> kTypes{"Device", "Tag", "Focus", "Pickup", "Walk"};
+  if (type && std::find(kTypes.begin(), kTypes.end(), *type) == kTypes.end()) {
+    refuse("--type", *type, "Device, Tag, Focus, Pickup or Walk");
+  }
+  auto store = store::Store::open();
+  std::vector<CKRecord> records;
+  collectRecords<Device>(store, records);
+  collectRecords<Tag>(store, records);
+  collectRecords<Focus>(store, records);
+  collectRecords<Pickup>(store, records);
+  collectRecords<Walk>(store, records);
+  std::erase_if(records, [&type](const CKRecord& r) { return type && r.recordType() != *type; });
+  std::sort(records.begin(), records.end(), [](const CKRecord& a, const CKRecord& b) {
+    return std::tie(a.recordID().zoneID.zoneName, a.recordID().recordName) <
+           std::tie(b.recordID().zoneID.zoneName, b.recordID().recordName);
+  });
+  printCloudRecords(options, records);
+}
+
 void enterBackground(const GlobalOptions& options) {
   CloudService::enterBackground();
   const SyncState state = CloudService::syncState();
@@ -144,6 +180,11 @@ void addSyncCommands(CLI::App& app, const GlobalOptions& options, Action& action
 
   auto* status = sync->add_subcommand("status", "The account, the sync state and the last sync");
   onRun(status, action, [&options] { printStatus(options); });
+
+  auto type = std::make_shared<std::optional<std::string>>();
+  auto* records = sync->add_subcommand("records", "This installation's synced records as the cloud would hold them");
+  records->add_option("--type", *type, "Only records of this type (Device, Tag, Focus, Pickup, Walk)");
+  onRun(records, action, [&options, type] { printSyncedRecords(options, *type); });
 
   auto* lifecycle = app.add_subcommand("lifecycle", "Play the app's going to the background and coming back");
   lifecycle->require_subcommand(1);
