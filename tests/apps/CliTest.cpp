@@ -278,8 +278,10 @@ TEST_F(CliTest, ImportKeepsGoodRowsAndReportsBadOnes) {
 
 TEST_F(CliTest, AnotherApplicationsSleepIsSharedComparedAndChosen) {
   const std::string at = "--tz UTC --now 2026-11-23T12:00:00Z ";
-  run("pickup add 2026-11-22T22:00:00Z 2026-11-22T22:30:00Z");
-  run("pickup add 2026-11-23T07:00:00Z 2026-11-23T07:10:00Z");
+  // The morning's pickup changes today, which sends the night out: pinned, or
+  // the real date decides whether the pickup falls in today.
+  run(at + "pickup add 2026-11-22T22:00:00Z 2026-11-22T22:30:00Z");
+  run(at + "pickup add 2026-11-23T07:00:00Z 2026-11-23T07:10:00Z");
   const Outcome added = run(at +
                             "health add-sleep 2026-11-22T23:00:00Z 2026-11-23T06:30:00Z "
                             "--source-bundle com.tantsissa.AutoSleep --source-name AutoSleep");
