@@ -20,7 +20,7 @@ import sys
 
 # Bottom to top.
 LAYERS = ["platform", "healthkit", "cloudkit", "widgets", "settings", "extensions", "records", "store", "sync", "health",
-          "analytics", "charts", "modules"]
+          "analytics", "charts", "modules", "automation"]
 
 MAIN_HEADERS = {
     "platform": "include/tarnwell/platform/Environment.h",
@@ -36,6 +36,7 @@ MAIN_HEADERS = {
     "analytics": "include/tarnwell/analytics/EventsOfDay.h",
     "charts": "include/tarnwell/charts/StatisticsData.h",
     "modules": "include/tarnwell/modules/Database.h",
+    "automation": "include/tarnwell/automation/URLScheme.h",
 }
 
 INCLUDE = re.compile(r'\s*#\s*include\s*"([^"]+)"')

@@ -79,6 +79,8 @@ struct RangeOptions {
 // Option values; InputError naming the option `name` otherwise.
 [[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts);
 double parseNumber(const std::string& name, const std::string& text);
+// A number of seconds, not negative.
+double parseSeconds(const std::string& name, const std::string& text);
 bool parseBool(const std::string& name, const std::string& text);
 // "pomodoro:SECONDS", "countdown:SECONDS", "addTime" or the JSON form.
 widgets::FocusType parseFocusType(const std::string& name, const std::string& text);
@@ -198,6 +200,9 @@ void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+// After addFocusCommands: it adds `focus state`.
+void addWidgetCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addLinkCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 // After addFocusCommands: it adds `focus state-of-mind` too.
 void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& action);

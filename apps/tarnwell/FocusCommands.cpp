@@ -45,12 +45,6 @@ FocusMode parseMode(const std::string& text) {
   refuse("--mode", text, "easy or strict");
 }
 
-double parseSeconds(const std::string& name, const std::string& text) {
-  const double seconds = parseNumber(name, text);
-  if (seconds < 0) refuse(name, text, "a number of seconds, not negative");
-  return seconds;
-}
-
 nlohmann::ordered_json tagJSON(const Tag& tag) {
   const auto goal = tag.focusGoal();
   const auto notification = tag.notification();

@@ -1,6 +1,7 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "tarnwell/automation/WidgetDatabase.h"
 #include "tarnwell/modules/CloudService.h"
 #include "tarnwell/modules/Database.h"
 
@@ -57,6 +58,8 @@ void drainDueWork() {
 
 void launch() {
   joinSignedInCloud([](const nlohmann::json& userInfo) { CloudService::handleRemoteNotification(userInfo); });
+  // The app publishes for its widgets wherever the store announces a change.
+  WidgetDatabase::connectToDatabase();
   try {
     Database::start();
   } catch (const std::exception& error) {

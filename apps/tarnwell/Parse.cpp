@@ -24,6 +24,12 @@ double parseNumber(const std::string& name, const std::string& text) {
   return value;
 }
 
+double parseSeconds(const std::string& name, const std::string& text) {
+  const double seconds = parseNumber(name, text);
+  if (seconds < 0) refuse(name, text, "a number of seconds, not negative");
+  return seconds;
+}
+
 bool parseBool(const std::string& name, const std::string& text) {
   if (text == "true") return true;
   if (text == "false") return false;

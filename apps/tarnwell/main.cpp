@@ -67,6 +67,8 @@ int main(int argc, char** argv) {
   addHealthCommands(app, options, action);
   addCloudCommands(app, options, action);
   addSyncCommands(app, options, action);
+  addWidgetCommands(app, options, action);
+  addLinkCommands(app, options, action);
 
   try {
     app.parse(argc, argv);

@@ -143,14 +143,26 @@ void Database::start() {
   queue().safeSync([] { clearRealmDatabase(); });
   setupRefreshEventsOfTodayTimer();
   observeFocusAndTagDataChanges();
+  updateTagsDisplayInIntent();
 }
+
+void Database::setPublishingHooks(PublishingHooks hooks) { state().publishing = std::move(hooks); }
 
 void Database::observeFocusAndTagDataChanges() {
   Store store = Store::open();
   auto& observers = state().observers;
   observers.clear();
   observers.push_back(store.observe<Focus>([](const store::ChangeSet&) { notifyFocusesChanged(); }));
-  observers.push_back(store.observe<Tag>([](const store::ChangeSet&) { notifyFocusesChanged(); }));
+  observers.push_back(store.observe<Tag>([](const store::ChangeSet&) {
+    notifyFocusesChanged();
+    DispatchQueue::main().async([] {
+      try {
+        updateTagsDisplayInIntent();
+      } catch (const std::exception&) {
+        // A publication that failed is made again at the next change.
+      }
+    });
+  }));
 }
 
 EventsOfDay Database::eventsOfToday() {
@@ -167,6 +179,9 @@ Promise<void> Database::refreshEventsOfToday() {
            [] {
              EventsOfDay today(Date::now(), std::nullopt);
              queue().safeSync([&today] { setEventsOfToday(std::move(today)); });
+             const auto& publishing = state().publishing;
+             if (publishing.refreshScreenTimeToday) publishing.refreshScreenTimeToday();
+             if (publishing.refreshFocusTimeToday) publishing.refreshFocusTimeToday();
            })
       .map([] { NotificationCenter::defaultCenter().post(NotificationName::dateOfTodayDidChange); });
 }
@@ -184,13 +199,20 @@ void Database::setupRefreshEventsOfTodayTimer() {
 }
 
 void Database::notifyEventsOfTodayChanged() {
-  debounce(&DatabaseState::eventsOfTodayPost,
-           [] { NotificationCenter::defaultCenter().post(NotificationName::eventsOfTodayDidChange); });
+  debounce(&DatabaseState::eventsOfTodayPost, [] {
+    NotificationCenter::defaultCenter().post(NotificationName::eventsOfTodayDidChange);
+    const auto& publishing = state().publishing;
+    if (publishing.refreshScreenTimeToday) publishing.refreshScreenTimeToday();
+  });
 }
 
 void Database::notifyFocusesChanged() {
-  debounce(&DatabaseState::focusesPost,
-           [] { NotificationCenter::defaultCenter().post(NotificationName::focusesDidChange); });
+  debounce(&DatabaseState::focusesPost, [] {
+    NotificationCenter::defaultCenter().post(NotificationName::focusesDidChange);
+    const auto& publishing = state().publishing;
+    if (publishing.refreshFocusTimeToday) publishing.refreshFocusTimeToday();
+    if (publishing.updateFocusTags) publishing.updateFocusTags();
+  });
 }
 
 bool Database::shouldCompactOnLaunch(std::uint64_t totalBytes, std::uint64_t usedBytes) {

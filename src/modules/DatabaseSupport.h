@@ -41,6 +41,9 @@ struct DatabaseState {
 
   // The focus and tag observations of start(); main queue only.
   std::vector<store::ObserverToken> observers;
+
+  // Set before start(); read on the main queue and `queue`.
+  Database::PublishingHooks publishing;
 };
 
 DatabaseState& state();

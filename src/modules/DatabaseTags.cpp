@@ -5,6 +5,7 @@
 
 #include "modules/DatabaseSupport.h"
 #include "tarnwell/modules/Database.h"
+#include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
 #include "tarnwell/platform/Log.h"
@@ -12,6 +13,7 @@
 #include "tarnwell/platform/Uuid.h"
 #include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Reads.h"
+#include "tarnwell/widgets/WidgetDatabase.h"
 
 namespace tarnwell {
 
@@ -167,7 +169,10 @@ void Database::moveTag(const std::string& id, const std::string& after) {
   };
   const auto i = position(id), j = position(after);
   const auto count = static_cast<std::ptrdiff_t>(tags.size());
-  if (i == count || j == count || i == j) return;
+  if (i == count || j == count || i == j) {
+    updateTagsDisplayInIntent();
+    return;
+  }
   const auto first = std::min(i, j), last = std::max(i, j);
   std::vector<std::string> span;
   std::int64_t smallest = std::numeric_limits<std::int64_t>::max();
@@ -185,6 +190,7 @@ void Database::moveTag(const std::string& id, const std::string& after) {
     std::int64_t sort = smallest;
     for (const auto& key : span) t.updateObject<Tag>(key, {{"sort", sort++}});
   });
+  updateTagsDisplayInIntent();
 }
 
 void Database::deleteTag(const std::string& id, const std::optional<std::string>& migrateTo) {
@@ -199,21 +205,49 @@ void Database::deleteTag(const std::string& id, const std::optional<std::string>
   }
   Store::open().write([&id](WriteTransaction& t) { t.updateObject<Tag>(id, {{"isDeleted", true}}); });
   repairDefaultFocusTag(true, id);
+  updateTagsDisplayInIntent();
   postUpdateRelevantShortcuts();
 }
 
-void Database::archiveTag(const std::string& id, bool archive) {
-  if (getTag(id)) archiveTags({id}, archive);
-}
+namespace {
 
-void Database::archiveTags(const std::vector<std::string>& ids, bool archive) {
+void writeArchived(const std::vector<std::string>& ids, bool archive) {
   Store::open().write([&](WriteTransaction& t) {
     for (const auto& id : ids) t.updateObject<Tag>(id, {{"isArchived", archive}}, "isDeleted = 0");
   });
   if (archive) {
     for (const auto& id : ids) repairDefaultFocusTag(true, id);
   }
+}
+
+}  // namespace
+
+// The one tag's form leaves the published lists to the tag observer; the
+// list's form publishes them itself.
+void Database::archiveTag(const std::string& id, bool archive) {
+  if (!getTag(id)) return;
+  writeArchived({id}, archive);
   postUpdateRelevantShortcuts();
+}
+
+void Database::archiveTags(const std::vector<std::string>& ids, bool archive) {
+  writeArchived(ids, archive);
+  updateTagsDisplayInIntent();
+  postUpdateRelevantShortcuts();
+}
+
+void Database::updateTagsDisplayInIntent() {
+  const auto tags = Store::open().objects<Tag>(
+      Query().filter("isDeleted = 0 AND isArchived = 0 AND isDefault = 0").sorted("created DESC, isDefault DESC"));
+  std::vector<widgets::WidgetTag> published;
+  published.reserve(tags.size());
+  for (const auto& tag : tags) {
+    const auto goal = tag.focusGoal();
+    published.push_back({tag.id.value_or(""), tag.displayTitle(), tag.emoji,
+                         goal ? std::optional(goal->toWidgetFocusGoal()) : std::nullopt, tag.type(), tag.isDefault});
+  }
+  widgets::IntentDatabase::setTags(published);
+  if (Environment::current().device().platformVersion >= 14) widgets::refreshFocusWidget();
 }
 
 void Database::clearTags() {

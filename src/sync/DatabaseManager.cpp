@@ -1,18 +1,11 @@
-#include <charconv>
-
+#include "tarnwell/sync/DatabaseManager.h"
 #include "sync/ManagerSupport.h"
 #include "tarnwell/platform/Environment.h"
-#include "tarnwell/sync/DatabaseManager.h"
 #include "tarnwell/sync/ErrorHandler.h"
 
 namespace tarnwell::sync {
 
-bool platformHasResultBlocks() {
-  const std::string& version = Environment::current().device().systemVersion;
-  int major = 0;
-  std::from_chars(version.data(), version.data() + version.size(), major);
-  return major >= 15;
-}
+bool platformHasResultBlocks() { return Environment::current().device().platformVersion >= 15; }
 
 CloudDatabaseManager::CloudDatabaseManager(std::vector<std::shared_ptr<Syncable>> objects,
                                            std::shared_ptr<CKContainer> container, CKDatabase& database,

@@ -607,5 +607,127 @@ TEST_F(CliTest, StreaksAndSummariesOfDays) {
   EXPECT_EQ(run(at + "summary --count -1").status, 1);
 }
 
+TEST_F(CliTest, WidgetsReadTodayAsTheDayCommandDoesAndTheWeekAndMonthOfNow) {
+  const std::string now = "--tz UTC --now 2026-11-22T12:00:00Z ";
+  ASSERT_EQ(run(now + "pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z").status, 0);
+  ASSERT_EQ(run(now + "pickup add 2026-11-22T09:00:00Z 2026-11-22T09:20:00Z").status, 0);
+  const auto shown = run("--tz UTC --json widgets show");
+  ASSERT_EQ(shown.status, 0) << shown.err;
+  const auto published = json(shown);
+  const auto day = json(run(now + "--json day"));
+  const auto& today = published["screenTimeToday"];
+  for (const char* metric : {"startOfDay", "screenTime", "pickupTimes", "longestPickup", "checkingEvery", "walkingLife",
+                             "firstPickupDate", "lastPickupDate", "sleepTime", "bestBreak", "continuouslyUsage"}) {
+    EXPECT_EQ(today.value(metric, nlohmann::json()), day[metric]) << metric;
+  }
+  EXPECT_EQ(today["screenTime"], 1500.0);
+  const auto& week = published["screenTimeThisWeek"]["days"];
+  ASSERT_EQ(week.size(), 7u);
+  EXPECT_EQ(week[0]["startOfDay"], "2026-11-16T00:00:00Z");
+  EXPECT_EQ(week[6], today);
+  EXPECT_EQ(published["screenTimeThisMonth"]["days"].size(), 30u);
+  EXPECT_EQ(published["widgetScreenTimeGoal"], 18000.0);
+  EXPECT_EQ(published["focusTimeToday"]["tags"].size(), 3u);
+  EXPECT_EQ(published["focusTimeThisYear"], nullptr) << "no widget shows the year";
+
+  ASSERT_EQ(run("widgets install FocusSummaryExtraLargeConfigurationIntent --family extra_large").status, 0);
+  EXPECT_EQ(json(run("--json widgets installed"))[0]["family"], "extra_large");
+  run(now + "tag list");
+  EXPECT_EQ(json(run("--json widgets show"))["focusTimeThisYear"].size(), 365u);
+  EXPECT_EQ(run("widgets install NoSuchIntent").status, 1);
+  EXPECT_EQ(run("widgets uninstall FocusSummaryExtraLargeConfigurationIntent").status, 0);
+  EXPECT_EQ(run("widgets uninstall FocusSummaryExtraLargeConfigurationIntent").status, 1);
+}
+
+TEST_F(CliTest, EachTagChangeReachesTheWidgetListsAndLeavesOneFocusReload) {
+  const auto focusReloads = [this] {
+    std::size_t count = 0;
+    for (const auto& reload : json(run("--json widgets reloads"))) {
+      count += reload["kind"] == "org.vostra.tarnwell.widget.focus";
+    }
+    return count;
+  };
+  const auto listed = [this](const char* key) {
+    const auto shown = json(run("--json widgets show"));
+    std::vector<std::string> ids;
+    for (const auto& tag : shown[key]) ids.push_back(tag["id"]);
+    return ids;
+  };
+  focusReloads();
+  const std::string id = json(run("--json tag add Reading"))["id"];
+  EXPECT_EQ(focusReloads(), 1u);
+  EXPECT_EQ(listed("WidgetDatabase.tags"), (std::vector<std::string>{"default", "working", "studying", id}));
+  // Newest first: the initial tags were made together, in an order of microseconds.
+  const auto intents = listed("IntentDatabase.tags");
+  ASSERT_EQ(intents.size(), 3u);
+  EXPECT_EQ(intents.front(), id);
+
+  run("tag move " + id + " --after working");
+  EXPECT_EQ(focusReloads(), 1u);
+  EXPECT_EQ(listed("WidgetDatabase.tags"), (std::vector<std::string>{"default", id, "working", "studying"}));
+  run("tag archive " + id);
+  EXPECT_EQ(focusReloads(), 1u);
+  EXPECT_EQ(listed("IntentDatabase.tags").size(), 2u);
+  run("tag unarchive " + id);
+  focusReloads();
+  run("tag delete " + id);
+  EXPECT_EQ(focusReloads(), 1u);
+  EXPECT_EQ(listed("WidgetDatabase.tags"), (std::vector<std::string>{"default", "working", "studying"}));
+}
+
+TEST_F(CliTest, TheFocusUnderWayIsPublishedWithItsControlReloads) {
+  run("tag list");
+  run("widgets reloads");
+  const auto state =
+      run("--json focus state --tag working --type countdown:1500 --state focusing --spent 60 --goal 1500");
+  ASSERT_EQ(state.status, 0) << state.err;
+  EXPECT_EQ(json(state)["tag"]["id"], "working");
+  EXPECT_EQ(json(run("--json widgets show"))["currentFocusState"]["state"], "focusing");
+  std::vector<std::string> controls;
+  for (const auto& reload : json(run("--json widgets reloads"))) {
+    if (reload["centre"] == "controls") controls.push_back(reload["kind"]);
+  }
+  EXPECT_EQ(controls.size(), 3u);
+  EXPECT_EQ(json(run("--json focus state none"))["focusType"],
+            nlohmann::json::parse(R"({"addTime":{"duration":0.0,"reminderInterval":0.0}})"));
+  for (const char* bad : {"focus state --tag NOPE --type addTime --state idle --spent 0 --goal 0",
+                          "focus state --type addTime --state dozing --spent 0 --goal 0",
+                          "focus state --type addTime --state idle --spent -1 --goal 0", "focus state none --paused",
+                          "focus state --type addTime"}) {
+    const Outcome refused = run(bad);
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
+}
+
+TEST_F(CliTest, LinksAreWrittenLetterForLetterAndReadBack) {
+  EXPECT_EQ(run("link openFromWidget").out, "tarnwell://x-callback-url/open-from-widget\n");
+  EXPECT_EQ(run("link viewFocus --tag all").out,
+            "tarnwell://x-callback-url/view-focus-time?dateRange=week&tagId=All\n");
+  EXPECT_EQ(run("link currentFocus --action skipBreak").out,
+            "tarnwell://x-callback-url/current-focus?action=skipBreak\n");
+  EXPECT_EQ(run("link shareFocus --progress 0.5 --goal 1800").out,
+            "tarnwell://x-callback-url/share-focus?goal=1800.0&progress=0.5\n");
+  EXPECT_EQ(run("link viewScreenTime --range month --widget-name Usage --widget-family corner").out,
+            "tarnwell://x-callback-url/view-screen-time?widget_family=corner&widget_name=Usage\n");
+
+  const auto parsed = json(
+      run("--json link parse 'tarnwell://x-callback-url/start-focus?widget_family=corner&tagId=T1&widget_name=Usage'"));
+  EXPECT_EQ(parsed["action"], "start-focus");
+  EXPECT_EQ(parsed["parameters"]["tagId"], "T1");
+  EXPECT_EQ(parsed["widgetContext"]["family"], "small") << "corner is written, never read back";
+  EXPECT_EQ(parsed["readable"], true);
+
+  for (const char* bad :
+       {"link startFocus --tag 'my tag'", "link shareFocus --progress 1 --goal 2 --focus-id 'ä'", "link noSuchCase",
+        "link currentFocus --action Pause", "link currentFocus --tag T1", "link viewFocus --range fortnight",
+        "link openFromWidget --widget-family small", "link parse 'not a link'"}) {
+    const Outcome refused = run(bad);
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << bad << ": " << refused.err;
+    EXPECT_TRUE(refused.out.empty()) << bad;
+  }
+}
+
 }  // namespace
 }  // namespace tarnwell

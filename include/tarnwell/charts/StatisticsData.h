@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → health → analytics → [charts] → modules.
+// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → health → analytics → [charts] → modules → automation.
 //
 // The model behind every chart: a metric (StatisticsDataType) read for a
 // date and a range becomes entries with their labels, both axes, the

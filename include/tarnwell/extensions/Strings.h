@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → [extensions] → records → store → sync → health → analytics → charts → modules.
+// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → [extensions] → records → store → sync → health → analytics → charts → modules → automation.
 //
 // The texts every number a user reads passes through: durations (1h30m),
 // timer faces (25:00), clock times, date captions and counts.

@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → [health] → analytics → charts → modules.
+// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → [health] → analytics → charts → modules → automation.
 //
 // HealthManager: the one object that talks to the health store.
 //

@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → health → analytics → charts → [modules].
+// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → health → analytics → charts → [modules] → automation.
 //
 // Database: the one facade of the store.
 //
@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -120,9 +121,10 @@ class Database {
 
   // --- Start-up ---
 
-  // configureRealm, testRealm, setupRealmData, the tag repairs (on `queue`),
-  // setupRefreshEventsOfTodayTimer and observeFocusAndTagDataChanges, in
-  // that order; the first error ends it.
+  // configureRealm, testRealm, the cloud service, setupRealmData, the tag
+  // repairs (on `queue`), setupRefreshEventsOfTodayTimer,
+  // observeFocusAndTagDataChanges and updateTagsDisplayInIntent, in that
+  // order; the first error ends it.
   static void start();
   // Makes the store's folder, moves a legacy file into place, and makes the
   // store configuration (version, migration, compaction) the default.
@@ -135,8 +137,23 @@ class Database {
   // The tag repairs: clearTags, then resetInvalidateTagSort.
   static void clearRealmDatabase();
   // Watches focuses and tags: any change of either, and the first delivery,
-  // brings one debounced focusesDidChange.
+  // brings one debounced focusesDidChange; a change of tags also brings
+  // updateTagsDisplayInIntent on the main queue.
   static void observeFocusAndTagDataChanges();
+  // Publishes the tags shortcuts and widget settings offer (neither archived
+  // nor the default tag, newest first) and asks the focus widgets to redraw.
+  static void updateTagsDisplayInIntent();
+
+  // What the layer that publishes for widgets runs where the app does: the
+  // first two after today is rebuilt, the first after the debounced
+  // eventsOfTodayDidChange, the last two after the debounced focusesDidChange.
+  // Empty hooks do nothing; they last as long as the Environment.
+  struct PublishingHooks {
+    std::function<void()> refreshScreenTimeToday;
+    std::function<void()> refreshFocusTimeToday;
+    std::function<void()> updateFocusTags;
+  };
+  static void setPublishingHooks(PublishingHooks hooks);
 
   // Compact a file of more than 50 MiB that is less than 40% used.
   static bool shouldCompactOnLaunch(std::uint64_t totalBytes, std::uint64_t usedBytes);

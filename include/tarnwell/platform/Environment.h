@@ -1,4 +1,4 @@
-// Layers, bottom to top: [platform] → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → health → analytics → charts → modules.
+// Layers, bottom to top: [platform] → healthkit → cloudkit → widgets → settings → extensions → records → store → sync → health → analytics → charts → modules → automation.
 //
 // Environment: everything the outside world provides, in one replaceable place.
 //
@@ -48,6 +48,13 @@ struct DeviceInfo {
   std::string localizedModel;
   // Stable for this installation; absent when the platform cannot say.
   std::optional<std::string> identifierForVendor;
+  // The major version of the phone platform whose behaviour the library
+  // follows where that behaviour changed between versions (result blocks of
+  // the cloud's operations, widget families, control reloads). A host plays
+  // the newest the library knows; tests may play an older one.
+  int platformVersion = kNewestPlatformVersion;
+
+  static constexpr int kNewestPlatformVersion = 18;
 
   // This machine: host name, kernel name and release, hardware name. The
   // vendor identifier is kept in `identifierFile`, made on first use.

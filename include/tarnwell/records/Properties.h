@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → [records] → store → sync → health → analytics → charts → modules.
+// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → [records] → store → sync → health → analytics → charts → modules → automation.
 //
 // The one declaration of a record's stored properties.
 //

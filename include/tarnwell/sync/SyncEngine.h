@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → [sync] → health → analytics → charts → modules.
+// Layers, bottom to top: platform → healthkit → cloudkit → widgets → settings → extensions → records → store → [sync] → health → analytics → charts → modules → automation.
 //
 // SyncEngine: the one object an application talks to about cloud sync.
 //

@@ -1,4 +1,4 @@
-// Layers, bottom to top: platform → healthkit → cloudkit → [widgets] → settings → extensions → records → store → sync → health → analytics → charts → modules.
+// Layers, bottom to top: platform → healthkit → cloudkit → [widgets] → settings → extensions → records → store → sync → health → analytics → charts → modules → automation.
 //
 // The kinds of focus timer, shared with the widget and intent extensions.
 //

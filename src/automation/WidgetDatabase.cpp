@@ -1,0 +1,173 @@
+#include "tarnwell/automation/WidgetDatabase.h"
+
+#include <algorithm>
+
+#include "tarnwell/analytics/EventsOfDays.h"
+#include "tarnwell/charts/Focuses.h"
+#include "tarnwell/modules/Database.h"
+#include "tarnwell/platform/Color.h"
+#include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/FatalError.h"
+#include "tarnwell/platform/WidgetCenter.h"
+#include "tarnwell/settings/Settings.h"
+
+namespace tarnwell {
+namespace {
+
+using widgets::FocusTimeToday;
+using widgets::Keys;
+using widgets::ScreenTimeOfDays;
+using widgets::WidgetTag;
+
+constexpr std::string_view kYearConfiguration = "FocusSummaryExtraLargeConfigurationIntent";
+
+int platformVersion() { return Environment::current().device().platformVersion; }
+
+// The week and month wait only when the last rebuild is less than 600
+// seconds old and lies in another week than now.
+bool holdsBackWeekAndMonth(Date now, const std::optional<Date>& recent) {
+  return recent && now - *recent < 600 && !DateInterval(recent->startOfWeek(), recent->endOfWeek()).contains(now);
+}
+
+// The tag list of the store, empty when it cannot be read.
+std::vector<std::string> tagIds() {
+  try {
+    return Database::getTags(false, false);
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+// Each tag of the list that can be read and is not soft-deleted.
+template <class Visit>
+void forEachLiveTag(Visit visit) {
+  for (const auto& id : tagIds()) {
+    std::optional<Tag> tag;
+    try {
+      tag = Database::getTag(id);
+    } catch (const std::exception&) {
+      continue;
+    }
+    if (tag) visit(id, *tag);
+  }
+}
+
+std::optional<widgets::WidgetFocusGoal> widgetGoal(const std::optional<FocusGoal>& goal) {
+  if (!goal) return std::nullopt;
+  return goal->toWidgetFocusGoal();
+}
+
+FocusTimeToday focusTimeOfDay(Date day) {
+  const std::optional<std::string> everyTag;
+  const Focuses focuses(DateInterval::getDateInterval(day, 1), everyTag);
+  return makeFocusTimeToday(day, focuses.focuses.value_or(std::vector<FocusData>{}), focuses.failedTimes().value_or(0));
+}
+
+std::vector<FocusTimeToday> focusTimeOfDays(Date start, int count) {
+  std::vector<FocusTimeToday> days;
+  days.reserve(static_cast<std::size_t>(std::max(count, 0)));
+  for (int i = 0; i < count; ++i) days.push_back(focusTimeOfDay(start.addingDay(i)));
+  return days;
+}
+
+ScreenTimeOfDays screenTimeOfDays(Date start, int count) {
+  ScreenTimeOfDays published;
+  const EventsOfDays days(start, count);
+  for (const auto& day : days.eventsOfDays()) published.days.push_back(makeScreenTimeToday(*day));
+  return published;
+}
+
+}  // namespace
+
+widgets::ScreenTimeToday makeScreenTimeToday(const ItemLikeEventsOfDay& events) {
+  return {events.startOfDay(),    events.screenTime(),  events.pickupTimes(),      events.longestPickup(),
+          events.checkingEvery(), events.walkingLife(), events.firstPickupDate(),  events.lastPickupDate(),
+          events.sleepTime(),     events.bestBreak(),   events.continuouslyUsage()};
+}
+
+FocusTimeToday makeFocusTimeToday(Date date, const std::vector<FocusData>& focuses, int failedCount) {
+  FocusTimeToday day{date, {}, failedCount, focuses.empty() ? 0.0 : focuses.back().progress};
+  forEachLiveTag([&](const std::string& id, const Tag& tag) {
+    double time = 0;
+    for (const auto& focus : focuses) {
+      if (focus.tagId == id) time += focus.progress;
+    }
+    const auto goal = tag.focusGoal();
+    day.tags.push_back({id, tag.emoji, tag.displayTitle(), time, goal ? std::optional(goal->duration()) : std::nullopt,
+                        tag.color().hex(false)});
+  });
+  return day;
+}
+
+void WidgetDatabase::refreshScreenTimeToday() {
+  Keys::widgetScreenTimeGoal.set(Settings::defaultScreenTimeGoal());
+  Keys::widgetPickupsGoal.set(Settings::defaultPickupGoal());
+  Keys::widgetSleepTimeGoal.set(Settings::defaultSleepTimeGoal());
+  Keys::screenTimeToday.set(makeScreenTimeToday(Database::eventsOfToday()));
+
+  const Date now = Date::now();
+  if (holdsBackWeekAndMonth(now, recentWidgetScreenTimeDataRefreshDate())) return;
+  Keys::screenTimeThisWeek.set(screenTimeOfDays(now.startOfWeek(), 7));
+  Keys::screenTimeThisMonth.set(screenTimeOfDays(now.startOfMonth(), now.daysOfMonth()));
+  setRecentWidgetScreenTimeDataRefreshDate(now);
+}
+
+void WidgetDatabase::refreshFocusTimeToday() {
+  const Date now = Date::now();
+  Keys::focusTimeToday.set(focusTimeOfDay(now.startOfDay()));
+  if (holdsBackWeekAndMonth(now, recentWidgetFocusDataRefreshDate())) return;
+  Keys::focusTimeThisWeek.set(focusTimeOfDays(now.startOfWeek(), 7));
+  Keys::focusTimeThisMonth.set(focusTimeOfDays(now.startOfMonth(), now.daysOfMonth()));
+  if (platformVersion() >= 14) {
+    WidgetCenter::shared().getCurrentConfigurations([now](std::vector<WidgetInfo> widgets, std::exception_ptr error) {
+      if (error) return;
+      const bool showsYear = std::any_of(widgets.begin(), widgets.end(), [](const WidgetInfo& widget) {
+        return widget.configuration == kYearConfiguration;
+      });
+      // A year is a store read for each day: built only for a widget that shows it.
+      if (showsYear) Keys::focusTimeThisYear.set(focusTimeOfDays(now.startOfYear(), now.daysOfYear()));
+    });
+  }
+  setRecentWidgetFocusDataRefreshDate(now);
+}
+
+void WidgetDatabase::updateFocusTags() {
+  std::vector<WidgetTag> tags;
+  forEachLiveTag([&tags](const std::string& id, const Tag& tag) {
+    tags.push_back({id, tag.displayTitle(), tag.emoji, widgetGoal(tag.focusGoal()), tag.type(), tag.isDefault});
+  });
+  setTags(tags);
+}
+
+void WidgetDatabase::updateCurrentFocusState(const std::optional<ThreadSafeTag>& tag,
+                                             const widgets::FocusType& focusType,
+                                             widgets::WidgetFocusState::State state, bool isPaused, double timeSpent,
+                                             double goal) {
+  std::optional<WidgetTag> widgetTag;
+  if (tag) {
+    if (!tag->id) fatalError("A focus tag without an id cannot be shown in a widget");
+    widgetTag =
+        WidgetTag{*tag->id, tag->displayTitle(), tag->emoji, widgetGoal(tag->focusGoal), tag->type, tag->isDefault};
+  }
+  setCurrentFocusState(widgets::WidgetFocusState(std::move(widgetTag), focusType, state, isPaused, timeSpent, goal));
+  if (platformVersion() >= 18) {
+    for (auto type = widgets::kAllAbstractFocusTypes.rbegin(); type != widgets::kAllAbstractFocusTypes.rend(); ++type) {
+      ControlCenter::shared().reloadControls(widgets::ControlKind::focus(*type));
+    }
+  }
+}
+
+void WidgetDatabase::updateCurrentFocusStateNoFocus() {
+  updateCurrentFocusState(std::nullopt, widgets::FocusType::addTime(0, 0), widgets::WidgetFocusState::State::idle,
+                          false, 0, 0);
+}
+
+void WidgetDatabase::connectToDatabase() {
+  Database::setPublishingHooks({
+      .refreshScreenTimeToday = &WidgetDatabase::refreshScreenTimeToday,
+      .refreshFocusTimeToday = &WidgetDatabase::refreshFocusTimeToday,
+      .updateFocusTags = &WidgetDatabase::updateFocusTags,
+  });
+}
+
+}  // namespace tarnwell
