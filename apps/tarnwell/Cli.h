@@ -203,6 +203,7 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 // After addFocusCommands: it adds `focus state`.
 void addWidgetCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addLinkCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 // After addFocusCommands: it adds `focus state-of-mind` too.
 void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& action);

@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
   addSyncCommands(app, options, action);
   addWidgetCommands(app, options, action);
   addLinkCommands(app, options, action);
+  addIntentCommands(app, options, action);
 
   try {
     app.parse(argc, argv);

@@ -729,5 +729,50 @@ TEST_F(CliTest, LinksAreWrittenLetterForLetterAndReadBack) {
   }
 }
 
+TEST_F(CliTest, ShortcutsAnswerAsThePlatformAsksWithoutTouchingTheStore) {
+  const auto started = json(run("--json intent handle StartToFocusIntent"));
+  EXPECT_EQ(started["code"], 2);
+  EXPECT_EQ(started["activityType"], "org.vostra.tarnwell.startToFocus");
+  EXPECT_EQ(started["userInfo"], nlohmann::json::object());
+  EXPECT_FALSE(std::filesystem::exists(container() / "group.org.vostra.tarnwell" / "Realm")) << "an extension";
+
+  const std::string at = "--tz UTC --now 2026-11-22T10:00:00Z --json ";
+  const auto recorded = json(run(at + "intent handle AddFocusRecordIntent --param tag=working "
+                                      "--param start=2026-11-22T09:00:00Z --param recordType=2 --param durating=1500"));
+  EXPECT_EQ(recorded["userInfo"]["end"], "2026-11-22T09:25:00Z");
+  EXPECT_EQ(json(run(at + "intent handle AddFocusRecordIntent --param tag=working"))["code"], 5);
+  EXPECT_EQ(json(run(at + "intent resolve AddFocusRecordIntent start --param start=2026-11-22T10:00:01Z")),
+            (nlohmann::json{{"result", "unsupported"}, {"reason", 1}}));
+  EXPECT_EQ(json(run(at + "intent resolve AddFocusRecordIntent end --param start=2026-11-22T09:00:00Z "
+                          "--param end=2026-11-22T09:00:00Z"))["result"],
+            "unsupported");
+  EXPECT_EQ(json(run(at + "intent resolve StartToFocusIntent duration"))["result"], "notRequired");
+
+  // Options come from the lists the app publishes: none yet, then the intent list.
+  EXPECT_EQ(json(run("--json intent options StartToFocusIntent tag")), nlohmann::json::array());
+  EXPECT_EQ(json(run("--json intent options ViewFocusWidgetIntent tags")), nullptr);
+  EXPECT_EQ(json(run("--json intent default FocusTimeOfDaysConfigurationIntent chartTags"))[1]["identifier"],
+            "[M]total");
+  const std::string id = json(run("--json tag add Reading"))["id"];
+  const auto offered = json(run("--json intent options StartToFocusIntent tag"));
+  EXPECT_EQ(offered[0]["identifier"], id);
+  EXPECT_EQ(offered.size(), 3u) << "no default tag";
+  EXPECT_EQ(json(run("--json intent options LSFocusSummaryConfigurationIntent tag"))[0]["identifier"],
+            "LockScreen.AllFocusSummary");
+  const auto chart =
+      json(run("--json intent handle ScreenTimeOfDaysConfigurationIntent --param 'chartItems=[M]pickups'"));
+  EXPECT_EQ(chart["userInfo"]["dataType"], 1);
+
+  for (const char* bad :
+       {"intent handle NoSuchIntent", "intent handle StartToFocusIntent --param focusType=4",
+        "intent handle StartToFocusIntent --param nope=1", "intent handle StartToFocusIntent --param duration=long",
+        "intent handle AddFocusRecordIntent --param start=yesterday", "intent resolve StartToFocusIntent nope",
+        "intent options StartToFocusIntent duration", "intent handle ViewFocusWidgetIntent"}) {
+    const Outcome refused = run(bad);
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << bad << ": " << refused.err;
+  }
+}
+
 }  // namespace
 }  // namespace tarnwell
