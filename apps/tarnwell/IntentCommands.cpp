@@ -226,7 +226,7 @@ IntentValue parseValue(const INIntent& intent, const ParameterDefinition& parame
     case ParameterKind::number:
       return parseSeconds(name, text);
     case ParameterKind::dateComponents:
-      return DateComponents{parseInstant(text)};
+      return DateComponents::of(parseInstant(text));
     case ParameterKind::object:
       return parseOption(intent, parameter, text);
     case ParameterKind::objects: {

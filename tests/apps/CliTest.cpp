@@ -774,5 +774,27 @@ TEST_F(CliTest, ShortcutsAnswerAsThePlatformAsksWithoutTouchingTheStore) {
   }
 }
 
+TEST_F(CliTest, EveryIntentClassIsAnsweredOrRefusedInOneLine) {
+  // The refusal of an unknown name lists every class the host knows.
+  std::string names = run("intent handle NoSuchIntent").err;
+  names = names.substr(names.find("is not ") + 7);
+  std::size_t handled = 0;
+  for (std::size_t start = 0; start < names.size();) {
+    const auto end = names.find_first_of(",\n", start);
+    const std::string name = names.substr(start, end - start);
+    start = names.find_first_not_of(", \n", end);
+    const Outcome result = run("--json intent handle " + name);
+    if (result.status == 0) {
+      ++handled;
+      // A record with nothing given cannot be made: failure, as designed.
+      EXPECT_EQ(json(result)["code"], name == "AddFocusRecordIntent" ? 5 : 2) << name;
+    } else {
+      EXPECT_EQ(result.status, 1) << name;
+      EXPECT_NE(result.err.find("only configures a widget"), std::string::npos) << name << ": " << result.err;
+    }
+  }
+  EXPECT_EQ(handled, 11u);
+}
+
 }  // namespace
 }  // namespace tarnwell

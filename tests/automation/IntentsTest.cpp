@@ -60,8 +60,8 @@ class IntentsTest : public testing::EnvironmentTest {
   static AddFocusRecordIntent record(Date start, std::optional<Date> end, IntentRecordType type, double durating) {
     AddFocusRecordIntent intent;
     intent.setValue("tag", IntentTag(std::string("R"), "Reading"));
-    intent.setValue("start", DateComponents{start});
-    if (end) intent.setValue("end", DateComponents{end});
+    intent.setValue("start", DateComponents::of(start));
+    if (end) intent.setValue("end", DateComponents::of(*end));
     intent.setValue("recordType", std::int64_t{static_cast<int>(type)});
     intent.setValue("durating", durating);
     return intent;
@@ -157,7 +157,7 @@ TEST_F(IntentsTest, ARecordsStartIsCheckedAgainstTheClockAndItsEndAgainstItsStar
   EXPECT_EQ(resolved(&H::resolveEnd, record(t0 - 60, t0 - 59, IntentRecordType::end, 0)).kind,
             INResolutionResult::Kind::success);
   AddFocusRecordIntent endOnly;
-  endOnly.setValue("end", DateComponents{t0});
+  endOnly.setValue("end", DateComponents::of(t0));
   EXPECT_EQ(resolved(&H::resolveEnd, endOnly), INResolutionResult::unsupported(1)) << "no start to compare";
 }
 

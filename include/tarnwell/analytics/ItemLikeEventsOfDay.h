@@ -12,21 +12,9 @@
 
 #include "tarnwell/analytics/EventsOfHour.h"
 #include "tarnwell/platform/Date.h"
+#include "tarnwell/platform/DateComponents.h"
 
 namespace tarnwell {
-
-// A clock time: the hour, minute and second of an instant, or of a mean of
-// such times.
-struct DateComponents {
-  int hour = 0;
-  int minute = 0;
-  int second = 0;
-
-  // The time of day in seconds from midnight.
-  double timeIntervalFromMidnight() const { return hour * 3600.0 + minute * 60.0 + second; }
-
-  friend bool operator==(const DateComponents&, const DateComponents&) = default;
-};
 
 class ItemLikeEventsOfDay {
  public:

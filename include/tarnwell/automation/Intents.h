@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "tarnwell/platform/Date.h"
+#include "tarnwell/platform/DateComponents.h"
 
 namespace tarnwell {
 
@@ -32,13 +33,6 @@ struct INObject {
   std::map<std::string, std::variant<std::int64_t, std::string>> properties;
 
   friend bool operator==(const INObject&, const INObject&) = default;
-};
-
-// A date as a shortcut gives it. The platform's components reduce to the
-// instant they name here; absent when they name none.
-struct DateComponents {
-  std::optional<Date> date;
-  friend bool operator==(const DateComponents&, const DateComponents&) = default;
 };
 
 // The options of a settings sheet, in sections; the handlers here give one
