@@ -151,6 +151,16 @@ void enterForeground(const GlobalOptions& options) {
   Output(options).print(stateJSON(state), stateLine(state));
 }
 
+// The switch in the app's settings, flipped while the app runs: the service
+// hears the change (on: pull, then push everything; off: it stops observing
+// and fails with its text), and the state it ends in is printed.
+void switchSync(const GlobalOptions& options, bool on) {
+  Settings::setSyncToCloudKit(on);
+  settleOperations();
+  const SyncState state = CloudService::syncState();
+  Output(options).print(stateJSON(state), stateLine(state));
+}
+
 }  // namespace
 
 void resumeLaunch() {
@@ -180,6 +190,11 @@ void addSyncCommands(CLI::App& app, const GlobalOptions& options, Action& action
 
   auto* status = sync->add_subcommand("status", "The account, the sync state and the last sync");
   onRun(status, action, [&options] { printStatus(options); });
+
+  auto* on = sync->add_subcommand("on", "Turn syncing on while the app runs: pull, then push everything");
+  onRun(on, action, [&options] { switchSync(options, true); });
+  auto* off = sync->add_subcommand("off", "Turn syncing off while the app runs");
+  onRun(off, action, [&options] { switchSync(options, false); });
 
   auto type = std::make_shared<std::optional<std::string>>();
   auto* records = sync->add_subcommand("records", "This installation's synced records as the cloud would hold them");

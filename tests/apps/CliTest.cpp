@@ -796,5 +796,15 @@ TEST_F(CliTest, EveryIntentClassIsAnsweredOrRefusedInOneLine) {
   EXPECT_EQ(handled, 11u);
 }
 
+TEST_F(CliTest, TheSyncSwitchFlippedWhileTheAppRunsFailsWithItsTextThenPullsAndPushes) {
+  ASSERT_EQ(run("cloud sign-in '" + (folder.path() / "cloud").string() + "'").status, 0);
+  ASSERT_EQ(run("pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z").status, 0);
+  const auto off = json(run("--json sync off"));
+  EXPECT_EQ(off, (nlohmann::json{{"state", "failed"}, {"reason", "Sync with the cloud is turned off."}}));
+  EXPECT_EQ(json(run("--json sync status"))["syncState"]["state"], "idle") << "a launch with sync off";
+  EXPECT_EQ(json(run("--json sync on"))["state"], "success");
+  EXPECT_NE(run("cloud records --type Pickup").out.find("2026-11-22T08:05:00Z"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace tarnwell
