@@ -18,6 +18,7 @@
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/Promise.h"
+#include "tarnwell/platform/WidgetCenter.h"
 #include "tarnwell/records/Properties.h"
 #include "tarnwell/widgets/FocusType.h"
 
@@ -84,6 +85,11 @@ double parseSeconds(const std::string& name, const std::string& text);
 bool parseBool(const std::string& name, const std::string& text);
 // "pomodoro:SECONDS", "countdown:SECONDS", "addTime" or the JSON form.
 widgets::FocusType parseFocusType(const std::string& name, const std::string& text);
+
+// A widget family's word as links write it ("small", "extra_large", ...),
+// and the family of such a word, refused under the option `name` otherwise.
+std::string familyWord(WidgetFamily family);
+WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word);
 
 // The ids asked for, or this device and the devices it merges with.
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked);

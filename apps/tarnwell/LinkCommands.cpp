@@ -40,13 +40,6 @@ std::string caseNames() {
   return names;
 }
 
-WidgetFamily parseWidgetFamily(const std::string& word) {
-  for (int raw = 0; const auto family = widgetFamilyFromRawValue(raw); ++raw) {
-    if (WidgetContext("", *family).familyName() == word) return *family;
-  }
-  refuse("--widget-family", word, "small, medium, large, extra_large, corner, circular, rectangular or inline");
-}
-
 std::optional<WidgetContext> parseContext(const LinkArguments& a) {
   const bool any = a.widgetName || a.widgetFamily || a.standBy || a.control;
   if (!any) return std::nullopt;
@@ -56,7 +49,7 @@ std::optional<WidgetContext> parseContext(const LinkArguments& a) {
     if (a.control && !a.standBy) return WidgetContext::control(*a.widgetName);
     throw InputError("link: --widget-name needs --widget-family (or --control alone)");
   }
-  WidgetContext context(*a.widgetName, parseWidgetFamily(*a.widgetFamily), a.standBy);
+  WidgetContext context(*a.widgetName, parseWidgetFamily("--widget-family", *a.widgetFamily), a.standBy);
   context.isControl = a.control;
   return context;
 }

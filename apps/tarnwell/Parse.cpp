@@ -6,6 +6,7 @@
 
 #include "Cli.h"
 #include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/automation/URLScheme.h"
 
 namespace tarnwell::cli {
 
@@ -22,6 +23,15 @@ double parseNumber(const std::string& name, const std::string& text) {
     refuse(name, text, "a number");
   }
   return value;
+}
+
+std::string familyWord(WidgetFamily family) { return WidgetContext("", family).familyName(); }
+
+WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word) {
+  for (int raw = 0; const auto family = widgetFamilyFromRawValue(raw); ++raw) {
+    if (familyWord(*family) == word) return *family;
+  }
+  refuse(name, word, "small, medium, large, extra_large, corner, circular, rectangular or inline");
 }
 
 double parseSeconds(const std::string& name, const std::string& text) {

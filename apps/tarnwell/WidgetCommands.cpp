@@ -63,18 +63,19 @@ nlohmann::ordered_json published() {
     }
   };
   nlohmann::ordered_json all = nlohmann::ordered_json::object();
-  all["screenTimeToday"] = read(Keys::screenTimeToday);
-  all["screenTimeThisWeek"] = read(Keys::screenTimeThisWeek);
-  all["screenTimeThisMonth"] = read(Keys::screenTimeThisMonth);
-  all["focusTimeToday"] = read(Keys::focusTimeToday);
-  all["focusTimeThisWeek"] = read(Keys::focusTimeThisWeek);
-  all["focusTimeThisMonth"] = read(Keys::focusTimeThisMonth);
-  all["focusTimeThisYear"] = read(Keys::focusTimeThisYear);
+  const auto put = [&all, &read](const auto& key) { all[key.name()] = read(key); };
+  put(Keys::screenTimeToday);
+  put(Keys::screenTimeThisWeek);
+  put(Keys::screenTimeThisMonth);
+  put(Keys::focusTimeToday);
+  put(Keys::focusTimeThisWeek);
+  put(Keys::focusTimeThisMonth);
+  put(Keys::focusTimeThisYear);
   const auto state = widgets::WidgetDatabase::currentFocusState();
   all[std::string(Keys::currentFocusState)] = state ? presentable(nlohmann::json(*state)) : nullptr;
-  all["widgetScreenTimeGoal"] = read(Keys::widgetScreenTimeGoal);
-  all["widgetSleepTimeGoal"] = read(Keys::widgetSleepTimeGoal);
-  all["widgetPickupsGoal"] = read(Keys::widgetPickupsGoal);
+  put(Keys::widgetScreenTimeGoal);
+  put(Keys::widgetSleepTimeGoal);
+  put(Keys::widgetPickupsGoal);
   const bool hasWidgetTags = UserDefaults::appGroup().contains(widgets::WidgetDatabase::kTagsKey);
   all[std::string(widgets::WidgetDatabase::kTagsKey)] =
       hasWidgetTags ? presentable(nlohmann::json(widgets::WidgetDatabase::tags())) : nullptr;
@@ -91,15 +92,6 @@ std::string publishedText(const nlohmann::ordered_json& all) {
     lines.push_back(line + (value.is_null() ? "-" : plainText(value)));
   }
   return joinLines(lines);
-}
-
-std::string familyWord(WidgetFamily family) { return WidgetContext("", family).familyName(); }
-
-WidgetFamily parseFamily(const std::string& word) {
-  for (int raw = 0; const auto family = widgetFamilyFromRawValue(raw); ++raw) {
-    if (familyWord(*family) == word) return *family;
-  }
-  refuse("--family", word, "small, medium, large, extra_large, corner, circular, rectangular or inline");
 }
 
 std::string configurationWords() {
@@ -127,7 +119,8 @@ void addWidgetBoardCommands(CLI::App* group, const GlobalOptions& options, Actio
   onRunWithoutStore(install, action, [&options, a] {
     const auto kind = WidgetKind::ofConfiguration(a->configuration);
     if (!kind) refuse("CONFIGURATION", a->configuration, configurationWords());
-    const WidgetInfo widget{std::string(*kind), a->family ? parseFamily(*a->family) : WidgetFamily::systemSmall,
+    const WidgetInfo widget{std::string(*kind),
+                            a->family ? parseWidgetFamily("--family", *a->family) : WidgetFamily::systemSmall,
                             a->configuration};
     HomeScreen::shared().place(widget);
     Output(options).print(

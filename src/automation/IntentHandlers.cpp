@@ -67,16 +67,11 @@ INResolutionResult resolveOptional(Enumeration value) {
 
 FocusWidgetTag totalTag() { return FocusWidgetTag(std::string(kTotalTag), localized("Focus.Tag.All")); }
 
-// The focus widgets' tags, "total" first when asked; a search term keeps
-// the tags whose title holds it.
-std::optional<std::vector<FocusWidgetTag>> focusTagOptions(bool withTotal,
-                                                           const std::optional<std::string>& searchTerm = {}) {
+// The focus widgets' tags, "total" first when asked. (The sheets' search
+// term is never passed by these handlers, so none is taken.)
+std::optional<std::vector<FocusWidgetTag>> focusTagOptions(bool withTotal) {
   auto tags = intentTags<FocusWidgetTag>();
   if (!tags) return std::nullopt;
-  if (searchTerm) {
-    std::erase_if(*tags,
-                  [&](const FocusWidgetTag& tag) { return tag.displayString.find(*searchTerm) == std::string::npos; });
-  }
   if (withTotal) tags->insert(tags->begin(), totalTag());
   return tags;
 }
