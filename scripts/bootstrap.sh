@@ -6,7 +6,10 @@ packages=(
   cmake ninja-build g++ pkg-config
   libsqlite3-dev libicu-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libcli11-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libcairo2-dev libpango1.0-dev fonts-dejavu-core
   clang-format python3
+  # The browser test of the report
+  chromium chromium-driver python3-selenium
 )
 
 missing=()
