@@ -170,6 +170,56 @@ nlohmann::ordered_json comboJSON(const std::optional<EventsCombo::ComboType>& co
 
 }  // namespace
 
+View streaksView(const EventsCombo& combo) {
+  return {{{"date", combo.date().iso8601()},
+           {"screenTimeCombo", comboJSON(combo.screenTimeCombo)},
+           {"pickupCombo", comboJSON(combo.pickupCombo)},
+           {"sleepTimeCombo", comboJSON(combo.sleepTimeCombo)}},
+          "Screen time  " + comboText(combo.screenTimeCombo) + "\nPickups      " + comboText(combo.pickupCombo) +
+              "\nSleep        " + comboText(combo.sleepTimeCombo)};
+}
+
+View chartView(const StatisticsData& chart) { return {chartJSON(chart), chartText(chart)}; }
+
+View summaryView(Date from, int count) {
+  const EventsOfDays days(from.startOfDay(), count);
+  const auto clock = [](const DateComponents& time) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
+    return std::string(text);
+  };
+  const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
+  const auto [screenTotal, screenAverage] = days.screenTime();
+  const auto [pickupTotal, pickupAverage] = days.pickupTimes();
+  const auto [walkTotal, walkAverage] = days.walkingLife();
+  const auto [indoorTotal, indoorAverage] = days.indoorLife();
+  const auto longest = days.longestPickup();
+  nlohmann::ordered_json json = {{"start", from.startOfDay().iso8601()},
+                                 {"count", count},
+                                 {"screenTime", {{"total", screenTotal}, {"average", screenAverage}}},
+                                 {"pickupTimes", {{"total", pickupTotal}, {"average", pickupAverage}}},
+                                 {"walkingLife", {{"total", walkTotal}, {"average", walkAverage}}},
+                                 {"indoorLife", {{"total", indoorTotal}, {"average", indoorAverage}}},
+                                 {"longestPickup", optionalJSON(longest)},
+                                 {"averageCheckingEvery", days.averageCheckingEvery()},
+                                 {"averageBestBreak", days.averageBestBreak()},
+                                 {"averageContinuouslyUsage", days.averageContinuouslyUsage()},
+                                 {"averageSleepTime", days.averageSleepTime()},
+                                 {"averageFirstPickup", clock(days.averageFirstPickup())},
+                                 {"averageLastPickup", clock(days.averageLastPickup())}};
+  const std::string text =
+      "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
+      "Pickups             " + std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)\n" +
+      "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
+      "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
+      "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
+      duration(days.averageCheckingEvery()) + "\n" + "Best break          " + duration(days.averageBestBreak()) + "\n" +
+      "Continuous use      " + duration(days.averageContinuouslyUsage()) + "\n" + "Sleep               " +
+      duration(days.averageSleepTime()) + "\n" + "First pickup        " + clock(days.averageFirstPickup()) + "\n" +
+      "Last pickup         " + clock(days.averageLastPickup());
+  return {std::move(json), text};
+}
+
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
   auto a = std::make_shared<Arguments>();
   auto* chart = app.add_subcommand("chart", "A metric's chart model for a day, week, month or year");
@@ -190,19 +240,14 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       },
       [&options](const auto& input) {
         const auto& [date, range, dataType] = input;
-        const StatisticsData model(date, range, dataType);
-        Output(options).print(chartJSON(model), chartText(model));
+        const View view = chartView(StatisticsData(date, range, dataType));
+        Output(options).print(view.json, view.text);
       });
 
   onRun(app.add_subcommand("streaks", "Days in a row the screen-time, pickup and sleep goals were kept or missed"),
         action, [&options] {
-          const EventsCombo combo = EventsCombo::currentCombo();
-          Output(options).print({{"date", combo.date().iso8601()},
-                                 {"screenTimeCombo", comboJSON(combo.screenTimeCombo)},
-                                 {"pickupCombo", comboJSON(combo.pickupCombo)},
-                                 {"sleepTimeCombo", comboJSON(combo.sleepTimeCombo)}},
-                                "Screen time  " + comboText(combo.screenTimeCombo) + "\nPickups      " +
-                                    comboText(combo.pickupCombo) + "\nSleep        " + comboText(combo.sleepTimeCombo));
+          const View view = streaksView(EventsCombo::currentCombo());
+          Output(options).print(view.json, view.text);
         });
 
   auto* summary = app.add_subcommand("summary", "Totals and averages of a run of days");
@@ -215,42 +260,8 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
         return a->from ? parseInstant(*a->from) : Date::now().startOfDay().addingDay(-6);
       },
       [&options, a](Date from) {
-        const EventsOfDays days(from.startOfDay(), a->count);
-        const auto clock = [](const DateComponents& time) {
-          char text[16];
-          std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
-          return std::string(text);
-        };
-        const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
-        const auto [screenTotal, screenAverage] = days.screenTime();
-        const auto [pickupTotal, pickupAverage] = days.pickupTimes();
-        const auto [walkTotal, walkAverage] = days.walkingLife();
-        const auto [indoorTotal, indoorAverage] = days.indoorLife();
-        const auto longest = days.longestPickup();
-        nlohmann::ordered_json json = {{"start", from.startOfDay().iso8601()},
-                                       {"count", a->count},
-                                       {"screenTime", {{"total", screenTotal}, {"average", screenAverage}}},
-                                       {"pickupTimes", {{"total", pickupTotal}, {"average", pickupAverage}}},
-                                       {"walkingLife", {{"total", walkTotal}, {"average", walkAverage}}},
-                                       {"indoorLife", {{"total", indoorTotal}, {"average", indoorAverage}}},
-                                       {"longestPickup", optionalJSON(longest)},
-                                       {"averageCheckingEvery", days.averageCheckingEvery()},
-                                       {"averageBestBreak", days.averageBestBreak()},
-                                       {"averageContinuouslyUsage", days.averageContinuouslyUsage()},
-                                       {"averageSleepTime", days.averageSleepTime()},
-                                       {"averageFirstPickup", clock(days.averageFirstPickup())},
-                                       {"averageLastPickup", clock(days.averageLastPickup())}};
-        const std::string text =
-            "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
-            "Pickups             " + std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)\n" +
-            "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
-            "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
-            "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
-            duration(days.averageCheckingEvery()) + "\n" + "Best break          " + duration(days.averageBestBreak()) +
-            "\n" + "Continuous use      " + duration(days.averageContinuouslyUsage()) + "\n" + "Sleep               " +
-            duration(days.averageSleepTime()) + "\n" + "First pickup        " + clock(days.averageFirstPickup()) +
-            "\n" + "Last pickup         " + clock(days.averageLastPickup());
-        Output(options).print(json, text);
+        const View view = summaryView(from, a->count);
+        Output(options).print(view.json, view.text);
       });
 }
 

@@ -23,8 +23,10 @@
 #include "tarnwell/widgets/FocusType.h"
 
 namespace tarnwell {
+class EventsCombo;
 class EventsOfDay;
-}
+struct StatisticsData;
+}  // namespace tarnwell
 
 namespace tarnwell::cli {
 
@@ -192,6 +194,42 @@ template <class Body>
 void onRunWithoutStore(CLI::App* command, Action& action, Body body) {
   command->callback([&action, body] { action = body; });
 }
+
+// The line that shows how far a long run has come ("import: 42%, 120000
+// rows"), redrawn in place on standard error when that is a terminal, at most
+// ten times a second. When standard error is a file or a pipe it stays
+// silent, so scripts and logs see the result alone.
+class Progress {
+ public:
+  explicit Progress(std::string what);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // `count` of `unit` so far, and the share done when it is known.
+  void update(std::size_t count, std::string_view unit, std::optional<double> share = std::nullopt);
+  // A message of its own line (a skipped row, say), kept above the progress line.
+  void note(const std::string& line);
+
+ private:
+  void clear();
+
+  std::string what_;
+  bool terminal_;
+  bool shown_ = false;
+  std::int64_t lastDrawn_ = 0;
+};
+
+// What `chart`, `streaks` and `summary` print, for the commands that show
+// them beside other things (demo, report): the JSON value and the text.
+struct View {
+  nlohmann::ordered_json json;
+  std::string text;
+};
+View chartView(const StatisticsData& chart);
+View streaksView(const EventsCombo& combo);
+// The `count` days from the start of `from`'s day.
+View summaryView(Date from, int count);
 
 // Today's or any day's metrics, night and hours.
 void printDay(const GlobalOptions& options, const EventsOfDay& day);

@@ -1,8 +1,6 @@
 // `tarnwell health ...` and `tarnwell focus state-of-mind`: the installation's
 // health store as the phone's health app and other applications see it.
 
-#include <unistd.h>
-
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -146,26 +144,23 @@ void importExport(const GlobalOptions& options, const std::string& file) {
   if (!in || !std::filesystem::is_regular_file(file, notAFile)) {
     throw InputError("health import: cannot read \"" + file + "\"");
   }
-  const auto total = std::filesystem::file_size(file);
-  const bool showProgress = ::isatty(STDERR_FILENO) != 0;
+  const auto total = static_cast<double>(std::filesystem::file_size(file));
   HealthExportReader reader(in);
-  std::size_t shown = 0;
+  std::size_t read = 0;
   std::size_t count = 0;
   try {
+    Progress progress("health import " + file);
     count = installationStore().importSamples([&](std::vector<HKSample>& batch) {
       const bool more = reader.next(batch, 10000);
       for (auto& sample : batch) sample.source.bundleIdentifier = bundleOfExportedSource(sample.source.name);
-      if (showProgress && (shown += batch.size()) > 0) {
-        std::fprintf(stderr, "\rimporting %s: %3d%%, %zu records", file.c_str(),
-                     total ? static_cast<int>(100.0 * static_cast<double>(reader.bytesRead()) / total) : 100, shown);
-      }
+      read += batch.size();
+      progress.update(read, "records",
+                      total > 0 ? std::optional(static_cast<double>(reader.bytesRead()) / total) : std::nullopt);
       return more;
     });
   } catch (const HealthExportError& error) {
-    if (showProgress) std::fputc('\n', stderr);
     throw InputError("health import: " + file + ", " + error.what() + "; nothing was imported");
   }
-  if (showProgress) std::fputc('\n', stderr);
   Output(options).print({{"imported", count}, {"file", file}},
                         "Imported " + std::to_string(count) + " sleep and mindful records from " + file);
 }

@@ -17,8 +17,6 @@
 // Everything is written in one transaction: a process that dies half-way
 // has written nothing.
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
 #include <fstream>
@@ -68,51 +66,44 @@ struct Imported {
   std::size_t unclosed = 0;
 };
 
-class Progress {
- public:
-  explicit Progress(std::string file) : file_(std::move(file)), terminal_(::isatty(STDERR_FILENO) != 0) {}
-  void row(std::size_t rows) {
-    if (rows % 100000 != 0) return;
-    std::cerr << (terminal_ ? "\r" : "") << "tarnwell: " << file_ << ": " << rows << " rows read"
-              << (terminal_ ? "" : "\n") << std::flush;
-    shown_ = true;
-  }
-  ~Progress() {
-    if (shown_ && terminal_) std::cerr << "\n";
-  }
+// The size of what is left to read, so that progress can be a share.
+double remainingSize(std::istream& in) {
+  const auto here = in.tellg();
+  in.seekg(0, std::ios::end);
+  const auto end = in.tellg();
+  in.seekg(here);
+  return here < 0 || end < here ? 0 : static_cast<double>(end - here);
+}
 
- private:
-  std::string file_;
-  bool terminal_;
-  bool shown_ = false;
-};
-
-void skip(Imported& imported, std::size_t line, const std::string& why) {
-  std::cerr << "tarnwell: line " << line << ": " << why << "; skipped\n";
+void skip(Progress& progress, Imported& imported, std::size_t line, const std::string& why) {
+  progress.note("tarnwell: line " + std::to_string(line) + ": " + why + "; skipped");
   ++imported.skipped;
 }
 
 void readTarnwell(std::istream& in, Progress& progress, Imported& imported) {
   std::string line;
   std::size_t number = 0;
+  const double size = remainingSize(in);
+  double read = 0;
   while (std::getline(in, line)) {
     ++number;
-    progress.row(number);
+    read += static_cast<double>(line.size() + 1);
+    progress.update(number, "rows", size > 0 ? std::optional(read / size) : std::nullopt);
     if (line.empty() || line == "\r") continue;
     const auto fields = splitCSV(line);
     if (number == 1 && !fields.empty() && fields[0] == "kind") continue;
     ++imported.rows;
     if (fields.size() != 3) {
-      skip(imported, number, "expected kind,start,end");
+      skip(progress, imported, number, "expected kind,start,end");
       continue;
     }
     const auto start = Date::parseISO8601(fields[1]), end = Date::parseISO8601(fields[2]);
     if (!start || !end) {
-      skip(imported, number, "a time is not ISO 8601");
+      skip(progress, imported, number, "a time is not ISO 8601");
       continue;
     }
     if (*end < *start) {
-      skip(imported, number, "the end is before the start");
+      skip(progress, imported, number, "the end is before the start");
       continue;
     }
     if (fields[0] == "pickup") {
@@ -122,7 +113,7 @@ void readTarnwell(std::istream& in, Progress& progress, Imported& imported) {
     } else if (fields[0] == "alive") {
       imported.alives.emplace_back(*start, *end);
     } else {
-      skip(imported, number, "unknown kind \"" + fields[0] + "\" (pickup, walk or alive)");
+      skip(progress, imported, number, "unknown kind \"" + fields[0] + "\" (pickup, walk or alive)");
     }
   }
 }
@@ -137,9 +128,12 @@ void readAware(std::istream& in, Progress& progress, Imported& imported) {
   std::string line;
   std::size_t number = 0;
   int timestampColumn = -1, deviceColumn = -1, statusColumn = -1;
+  const double size = remainingSize(in);
+  double read = 0;
   while (std::getline(in, line)) {
     ++number;
-    progress.row(number);
+    read += static_cast<double>(line.size() + 1);
+    progress.update(number, "rows", size > 0 ? std::optional(read / size) : std::nullopt);
     if (line.empty() || line == "\r") continue;
     const auto fields = splitCSV(line);
     if (timestampColumn < 0) {
@@ -157,7 +151,7 @@ void readAware(std::istream& in, Progress& progress, Imported& imported) {
     ++imported.rows;
     const auto column = [&fields](int index) -> const std::string& { return fields[static_cast<std::size_t>(index)]; };
     if (static_cast<int>(fields.size()) <= std::max({timestampColumn, deviceColumn, statusColumn})) {
-      skip(imported, number, "missing columns");
+      skip(progress, imported, number, "missing columns");
       continue;
     }
     double milliseconds = 0;
@@ -170,7 +164,7 @@ void readAware(std::istream& in, Progress& progress, Imported& imported) {
         std::from_chars(statusText.data(), statusText.data() + statusText.size(), status);
     if (timestampError != std::errc() || timestampEnd != timestamp.data() + timestamp.size() ||
         statusError != std::errc() || statusEnd != statusText.data() + statusText.size() || status < 0 || status > 3) {
-      skip(imported, number, "timestamp or screen_status is not a number of the format");
+      skip(progress, imported, number, "timestamp or screen_status is not a number of the format");
       continue;
     }
     byDevice[column(deviceColumn)].push_back({milliseconds, status, number});
@@ -222,7 +216,7 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
       [&options, arguments](std::ifstream& in) {
         Imported imported;
         {
-          Progress progress(arguments->file);
+          Progress progress("import " + arguments->file);
           if (arguments->format == "aware") {
             readAware(in, progress, imported);
           } else {

@@ -1,3 +1,8 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <iostream>
 
 #include "Cli.h"
@@ -81,6 +86,40 @@ void settleOperations() {
 void finishRun() {
   settleOperations();
   if (launched) endLaunch();
+}
+
+Progress::Progress(std::string what) : what_(std::move(what)), terminal_(::isatty(STDERR_FILENO) != 0) {}
+
+Progress::~Progress() {
+  if (shown_) std::fputc('\n', stderr);
+}
+
+void Progress::update(std::size_t count, std::string_view unit, std::optional<double> share) {
+  if (!terminal_) return;
+  // A display, not a measurement: the wall clock only paces the redraws.
+  const std::int64_t now =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+          .count();
+  if (shown_ && now - lastDrawn_ < 100) return;
+  lastDrawn_ = now;
+  std::string line = "\r" + what_ + ": ";
+  if (share) line += std::to_string(static_cast<int>(std::clamp(*share, 0.0, 1.0) * 100)) + "%, ";
+  line += std::to_string(count) + " " + std::string(unit) + "\x1b[K";
+  std::fputs(line.c_str(), stderr);
+  std::fflush(stderr);
+  shown_ = true;
+}
+
+void Progress::note(const std::string& line) {
+  clear();
+  std::fputs((line + "\n").c_str(), stderr);
+}
+
+void Progress::clear() {
+  if (!shown_) return;
+  std::fputs("\r\x1b[K", stderr);
+  // The next update draws the line again at once.
+  shown_ = false;
 }
 
 }  // namespace tarnwell::cli

@@ -3,6 +3,8 @@
 
 #include <charconv>
 #include <cmath>
+#include <type_traits>
+#include <variant>
 
 #include "Cli.h"
 #include "tarnwell/analytics/EventsOfDay.h"
@@ -46,25 +48,47 @@ bool parseBool(const std::string& name, const std::string& text) {
   refuse(name, text, "true or false");
 }
 
-// "countdown:1500", "pomodoro:1500", "addTime" or the JSON form.
-FocusType parseFocusType(const std::string& name, const std::string& text) {
-  constexpr const char* kAccepts = "a focus type (pomodoro:SECONDS, countdown:SECONDS, addTime or JSON)";
+namespace {
+
+constexpr double kDay = 24 * 3600;
+
+// A type the timer can run: a focus lasts more than nothing and at most a
+// day, breaks and reminders are not negative. The app's pickers offer
+// nothing else, so a value outside is a typing mistake, not a wish.
+bool isRunnable(const FocusType& type) {
+  const auto within = [](double seconds, double low) { return seconds >= low && seconds <= kDay; };
+  const auto positive = [&within](double seconds) { return seconds > 0 && within(seconds, 0); };
+  return std::visit(
+      [&](const auto& p) {
+        using P = std::decay_t<decltype(p)>;
+        if constexpr (std::is_same_v<P, FocusType::Pomodoro>) {
+          return positive(p.duration) && within(p.shortBreak, 0) && within(p.longBreak, 0) && p.longBreakInterval >= 0;
+        } else if constexpr (std::is_same_v<P, FocusType::Countdown>) {
+          return positive(p.duration) && within(p.reminderInterval, 0);
+        } else {
+          return within(p.duration, 0) && within(p.reminderInterval, 0);
+        }
+      },
+      type.parameters());
+}
+
+FocusType readFocusType(const std::string& name, const std::string& text, const char* accepts) {
   if (!text.empty() && text.front() == '{') {
     try {
       return nlohmann::json::parse(text).get<FocusType>();
     } catch (const nlohmann::json::exception&) {
-      refuse(name, text, kAccepts);
+      refuse(name, text, accepts);
     }
   }
   const auto colon = text.find(':');
   const std::string kind = text.substr(0, colon);
   const auto abstract = widgets::abstractFocusTypeFromRawValue(kind);
-  if (!abstract) refuse(name, text, kAccepts);
+  if (!abstract) refuse(name, text, accepts);
   double seconds = 0;
   if (colon != std::string::npos) {
     seconds = parseNumber(name, text.substr(colon + 1));
   } else if (*abstract != widgets::AbstractFocusType::addTime) {
-    refuse(name, text, kAccepts);
+    refuse(name, text, accepts);
   }
   switch (*abstract) {
     case widgets::AbstractFocusType::pomodoro: {
@@ -77,7 +101,20 @@ FocusType parseFocusType(const std::string& name, const std::string& text) {
     case widgets::AbstractFocusType::addTime:
       return FocusType::addTime(seconds);
   }
-  refuse(name, text, kAccepts);
+  refuse(name, text, accepts);
+}
+
+}  // namespace
+
+// "countdown:1500", "pomodoro:1500", "addTime" or the JSON form.
+FocusType parseFocusType(const std::string& name, const std::string& text) {
+  const FocusType type =
+      readFocusType(name, text, "a focus type (pomodoro:SECONDS, countdown:SECONDS, addTime or JSON)");
+  if (!isRunnable(type)) {
+    refuse(name, text,
+           "a focus a timer can run (more than 0 and at most 86400 seconds, breaks and reminders not negative)");
+  }
+  return type;
 }
 
 std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end) {

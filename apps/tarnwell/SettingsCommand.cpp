@@ -77,12 +77,43 @@ Entry plain(std::string name, T (*parse)(const std::string&, const std::string&)
           [name, parse, set](const std::string& text) { set(parse(name, text)); }};
 }
 
-Entry number(std::string name, double (*get)(), void (*set)(double)) {
-  return plain(std::move(name), parseNumber, get, set);
+// What a number means, beyond being one: the values the app's pickers can
+// produce. Anything else would be stored and then read as nonsense (a day
+// starting tomorrow, a goal that is always met).
+struct Meaning {
+  double low, high;
+  bool includesHigh;
+  const char* accepts;
+};
+constexpr double kDay = 24 * 3600;
+constexpr Meaning kTimeOfDay{0, kDay, false, "a time of day in seconds from midnight (0 to less than 86400)"};
+constexpr Meaning kDurationOfDay{0, kDay, true, "a number of seconds from 0 to 86400"};
+constexpr Meaning kCount{0, std::numeric_limits<int>::max(), true, "a whole number, not negative"};
+
+template <class T>
+T checked(const std::string& name, const std::string& text, T value, const Meaning& meaning) {
+  const double number = static_cast<double>(value);
+  if (number < meaning.low || number > meaning.high || (!meaning.includesHigh && number == meaning.high)) {
+    refuse(name, text, meaning.accepts);
+  }
+  return value;
 }
 
-Entry integer(std::string name, int (*get)(), void (*set)(int)) {
-  return plain(std::move(name), parseInteger, get, set);
+// A number setting, checked for its type and then for its meaning.
+template <class T>
+Entry bounded(std::string name, T (*parse)(const std::string&, const std::string&), T (*get)(), void (*set)(T),
+              const Meaning& meaning) {
+  return {
+      name, [get] { return nlohmann::json(get()); },
+      [name, parse, set, meaning](const std::string& text) { set(checked(name, text, parse(name, text), meaning)); }};
+}
+
+Entry number(std::string name, double (*get)(), void (*set)(double), const Meaning& meaning) {
+  return bounded(std::move(name), parseNumber, get, set, meaning);
+}
+
+Entry integer(std::string name, int (*get)(), void (*set)(int), const Meaning& meaning) {
+  return bounded(std::move(name), parseInteger, get, set, meaning);
 }
 
 Entry boolean(std::string name, bool (*get)(), void (*set)(bool)) {
@@ -110,19 +141,21 @@ Entry optionalFocusType(std::string name, std::optional<FocusType> (*get)(),
 
 const std::vector<Entry>& catalogue() {
   static const std::vector<Entry> entries = {
-      number("startOfDayScreenTime", &Settings::startOfDayScreenTime, &Settings::setStartOfDayScreenTime),
-      number("defaultScreenTimeGoal", &Settings::defaultScreenTimeGoal, &Settings::setDefaultScreenTimeGoal),
+      number("startOfDayScreenTime", &Settings::startOfDayScreenTime, &Settings::setStartOfDayScreenTime, kTimeOfDay),
+      number("defaultScreenTimeGoal", &Settings::defaultScreenTimeGoal, &Settings::setDefaultScreenTimeGoal,
+             kDurationOfDay),
       boolean("dynamicScreenTimeGoal", &Settings::dynamicScreenTimeGoal, &Settings::setDynamicScreenTimeGoal),
       optionalDate("dayOfDynamicScreenTimeGoalUpdating", &Settings::dayOfDynamicScreenTimeGoalUpdating,
                    &Settings::setDayOfDynamicScreenTimeGoalUpdating),
       boolean("excludeFocusTime", &Settings::excludeFocusTime, &Settings::setExcludeFocusTime),
       boolean("excludeDialwickTime", &Settings::excludeDialwickTime, &Settings::setExcludeDialwickTime),
-      integer("defaultPickupGoal", &Settings::defaultPickupGoal, &Settings::setDefaultPickupGoal),
+      integer("defaultPickupGoal", &Settings::defaultPickupGoal, &Settings::setDefaultPickupGoal, kCount),
       boolean("dynamicPickupGoal", &Settings::dynamicPickupGoal, &Settings::setDynamicPickupGoal),
       optionalDate("dayOfDynamicPickupGoalUpdating", &Settings::dayOfDynamicPickupGoalUpdating,
                    &Settings::setDayOfDynamicPickupGoalUpdating),
-      number("defaultTimeForBed", &Settings::defaultTimeForBed, &Settings::setDefaultTimeForBed),
-      number("defaultSleepTimeGoal", &Settings::defaultSleepTimeGoal, &Settings::setDefaultSleepTimeGoal),
+      number("defaultTimeForBed", &Settings::defaultTimeForBed, &Settings::setDefaultTimeForBed, kTimeOfDay),
+      number("defaultSleepTimeGoal", &Settings::defaultSleepTimeGoal, &Settings::setDefaultSleepTimeGoal,
+             kDurationOfDay),
       boolean("sleepTimeScheduleEnabled", &Settings::sleepTimeScheduleEnabled, &Settings::setSleepTimeScheduleEnabled),
       optionalFocusType("previousFocusTypePomodoro", &Settings::previousFocusTypePomodoro,
                         &Settings::setPreviousFocusTypePomodoro),

@@ -3,8 +3,10 @@
 #include <unicode/dtptngen.h>
 #include <unicode/gregocal.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 
 #include "platform/Icu.h"
@@ -79,6 +81,32 @@ std::optional<Date> dateFromLocalTime(std::string_view zone, int year, int month
 
 namespace {
 
+// A language ICU holds data for; a locale of any other is only a name, whose
+// calendar and texts would silently fall back to the root locale's.
+bool isKnownLanguage(const char* language) {
+  static const std::set<std::string, std::less<>> languages = [] {
+    std::set<std::string, std::less<>> all;
+    int32_t count = 0;
+    const icu::Locale* locales = icu::Locale::getAvailableLocales(count);
+    for (int32_t i = 0; i < count; ++i) all.emplace(locales[i].getLanguage());
+    return all;
+  }();
+  return languages.find(std::string_view(language)) != languages.end();
+}
+
+// An ISO 3166 country, or a UN M.49 area such as "419" (Latin America).
+bool isKnownRegion(const char* region) {
+  const std::string_view code(region);
+  if (code.empty()) return true;
+  if (code.size() == 3 && std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+    return true;
+  }
+  for (const char* const* country = icu::Locale::getISOCountries(); *country; ++country) {
+    if (code == *country) return true;
+  }
+  return false;
+}
+
 std::string canonicalLocaleId(std::string_view id) {
   std::string text(id);
   UErrorCode status = U_ZERO_ERROR;
@@ -86,6 +114,7 @@ std::string canonicalLocaleId(std::string_view id) {
   icu::Locale locale = text.find('-') != std::string::npos ? icu::Locale::forLanguageTag(text, status)
                                                            : icu::Locale::createCanonical(text.c_str());
   if (U_FAILURE(status) || locale.isBogus()) return {};
+  if (!isKnownLanguage(locale.getLanguage()) || !isKnownRegion(locale.getCountry())) return {};
   return locale.getName();
 }
 
@@ -113,6 +142,8 @@ Region Region::system() {
   if (!icu_support::makeTimeZone(zoneId)) zoneId = "UTC";
   std::string localeId = icu::Locale::getDefault().getName();
   if (localeId.empty() || localeId == "c" || localeId == "C") localeId = "en_US_POSIX";
+  // A system set to a locale ICU has no data for still runs, as the phone does.
+  if (canonicalLocaleId(localeId).empty()) localeId = "en_US_POSIX";
   return Region(zoneId, localeId);
 }
 

@@ -90,7 +90,14 @@ TEST_F(CliTest, BadValuesAndNamesAreRefusedAndChangeNothing) {
        {"settings set defaultScreenTimeGoal 1h", "settings set defaultScreenTimeGoal nan",
         "settings set defaultPickupGoal 4.5", "settings set excludeFocusTime yes", "settings set colorTheme sepia",
         "settings set defaultFocusType sprint:10", "settings set cloudKitLastSyncDate yesterday",
-        "settings set deviceId X", "settings get noSuchSetting", "settings set noSuchSetting 1"}) {
+        "settings set deviceId X", "settings get noSuchSetting", "settings set noSuchSetting 1",
+        // Of the right type but meaningless: a goal below nothing, a day that starts tomorrow.
+        "settings set defaultScreenTimeGoal -5", "settings set defaultSleepTimeGoal 86401",
+        "settings set startOfDayScreenTime 999999", "settings set startOfDayScreenTime 86400",
+        "settings set defaultTimeForBed -1", "settings set defaultPickupGoal -1",
+        "settings set defaultFocusType countdown:0", R"(settings set defaultFocusType '{"pomodoro":{"duration":-1,"shortBreak":300,"longBreak":900,"longBreakInterval":4}}')",
+        "--locale xx_INVALID settings set defaultScreenTimeGoal 60",
+        "--tz Mars/Base settings set defaultScreenTimeGoal 60"}) {
     const Outcome result = run(bad);
     EXPECT_NE(result.status, 0) << bad;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << bad << ": " << result.err;
@@ -119,7 +126,9 @@ TEST_F(CliTest, GlobalOptionsPinTheClockZoneAndLocale) {
   EXPECT_EQ(facts["locale"], "de_DE");
   EXPECT_EQ(facts["appGroupContainer"], (container() / "group.org.vostra.tarnwell").string());
   EXPECT_TRUE(std::filesystem::exists(container() / "group.org.vostra.tarnwell" / "console.log"));
-  for (const char* bad : {"--tz Mars/Base info", "--now tomorrow info", "info --unknown", ""}) {
+  for (const char* bad :
+       {"--tz Mars/Base info", "--locale xx_INVALID info", "--locale en_QQ info", "--now tomorrow info", "info --unknown",
+        ""}) {
     const Outcome result = run(bad);
     EXPECT_NE(result.status, 0) << bad;
     EXPECT_FALSE(result.err.empty()) << bad;

@@ -79,6 +79,12 @@ TEST(EnvironmentTest, SystemConfigurationFollowsXDG) {
 TEST(RegionTest, ZonesAndLocalesAreChecked) {
   EXPECT_THROW(Region("Mars/Olympus", "en_US"), std::invalid_argument);
   EXPECT_THROW(Region("UTC", ""), std::invalid_argument);
+  // Only a name: no language or country ICU knows, so no calendar or texts of its own.
+  EXPECT_THROW(Region("UTC", "xx_INVALID"), std::invalid_argument);
+  EXPECT_THROW(Region("UTC", "zz"), std::invalid_argument);
+  EXPECT_THROW(Region("UTC", "en_QQ"), std::invalid_argument);
+  EXPECT_EQ(Region("UTC", "es-419").localeId(), "es_419");
+  EXPECT_EQ(Region("UTC", "en_US_POSIX").localeId(), "en_US_POSIX");
   const Region region("Europe/Berlin", "de-DE");
   EXPECT_EQ(region.localeId(), "de_DE");
   EXPECT_EQ(region.languageCode(), "de");
