@@ -226,6 +226,7 @@ struct View {
   nlohmann::ordered_json json;
   std::string text;
 };
+View dayView(const EventsOfDay& day);
 View chartView(const StatisticsData& chart);
 View streaksView(const EventsCombo& combo);
 // The `count` days from the start of `from`'s day.

@@ -148,6 +148,8 @@ struct DayArguments {
 
 }  // namespace
 
+View dayView(const EventsOfDay& day) { return {dayJSON(day), dayText(day)}; }
+
 void printDay(const GlobalOptions& options, const EventsOfDay& day) {
   Output(options).print(dayJSON(day), dayText(day));
 }

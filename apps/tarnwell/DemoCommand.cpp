@@ -1,21 +1,33 @@
 // `tarnwell demo`: a fresh installation filled with a made-up but lifelike
-// history, then today and last night as the library reads them.
+// history, then what a person looks at first: the last whole day with the
+// night before it, the last seven days, the streaks, a week's chart and the
+// commands to try next.
 //
 // The history is deterministic: the same seed, days and clock (--now) give
 // the same events. Days have 80 to 150 pickups of skewed lengths between
 // waking and bedtime, some nights a short pickup in the small hours, two to
-// four walks, monitoring that runs all day but for one afternoon's gap, and a
-// tablet, related to this device, that is picked up in the evenings.
+// four walks, monitoring that runs all day but for one afternoon's gap, a
+// tablet, related to this device, that is picked up in the evenings, and
+// focus sessions: work on most days, some study in the evenings.
+//
+// It shows the last whole day rather than today because today may have
+// barely begun: run at five in the morning, today has no pickups yet.
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 
 #include "Cli.h"
+#include "tarnwell/analytics/EventsCombo.h"
 #include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/charts/ScreenTimeDataType.h"
+#include "tarnwell/charts/StatisticsData.h"
 #include "tarnwell/modules/Database.h"
 #include "tarnwell/records/Device.h"
+#include "tarnwell/records/Focus.h"
+#include "tarnwell/records/Tag.h"
 #include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
@@ -67,6 +79,8 @@ struct History {
   std::vector<Pickup> pickups;
   std::vector<Walk> walks;
   std::vector<Alive> alives;
+  std::vector<Focus> focuses;
+  std::size_t size() const { return pickups.size() + walks.size() + alives.size() + focuses.size(); }
 };
 
 template <class Record>
@@ -85,7 +99,7 @@ void makeDay(Random& random, Date day, Date now, bool gapInMonitoring, const std
   const Date bed = midnight + std::clamp(random.around(23.25 * 3600, 2700), 21.5 * 3600, 24.5 * 3600);
 
   // A short look at the phone in the small hours, some nights.
-  if (random.chance(0.35)) {
+  if (random.chance(0.2)) {
     const Date start = midnight + random.between(1.5 * 3600, 4.5 * 3600);
     addSpan(history.pickups, start, start + random.between(30, 240), now, phone);
   }
@@ -113,6 +127,23 @@ void makeDay(Random& random, Date day, Date now, bool gapInMonitoring, const std
     addSpan(history.pickups, start, start + random.between(120, 1800), now, tablet);
   }
 
+  // Work in pomodoros on most days, a few of them given up before the end;
+  // study some evenings.
+  const auto focus = [&](const char* tag, Date start, double goal, double progress) {
+    if (!(start + progress < now)) return;
+    history.focuses.emplace_back(random.uuid(), start, start + progress, tag, goal, progress,
+                                 widgets::FocusType::pomodoro(goal), FocusMode::easy, std::nullopt);
+  };
+  if (random.chance(0.8)) {
+    Date start = midnight + random.between(9 * 3600.0, 11 * 3600.0);
+    for (int i = random.integer(1, 4); i > 0; --i) {
+      const double progress = random.chance(0.15) ? random.between(300, 1400) : 1500;
+      focus("working", start, 1500, progress);
+      start = start + progress + random.between(300, 5400);
+    }
+  }
+  if (random.chance(0.4)) focus("studying", midnight + random.between(19 * 3600.0, 21 * 3600.0), 1800, 1800);
+
   // Monitoring in stretches of a few hours; one afternoon it was off.
   Date start = midnight;
   const Date end = day.addingDay(1).startOfDay();
@@ -133,6 +164,43 @@ struct DemoArguments {
   std::uint64_t seed = 20261122;
 };
 
+// The command line that reads this installation again, for the suggestions.
+std::string commandLine(const GlobalOptions& options) {
+  const auto quoted = [](const std::string& text) {
+    if (text.find_first_of(" '\"$\\") == std::string::npos) return text;
+    std::string escaped = "'";
+    for (const char c : text) escaped += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return escaped + "'";
+  };
+  std::error_code error;
+  std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) program = "tarnwell";
+  const auto relative = std::filesystem::relative(program, std::filesystem::current_path(error), error);
+  if (!error && !relative.empty() && *relative.begin() != "..") program = "./" + relative.string();
+  std::string line = quoted(program.string());
+  if (options.container) line += " --container " + quoted(*options.container);
+  if (options.now) line += " --now " + quoted(*options.now);
+  if (options.timeZone) line += " --tz " + quoted(*options.timeZone);
+  if (options.locale) line += " --locale " + quoted(*options.locale);
+  return line;
+}
+
+std::string suggestions(const GlobalOptions& options, Date day) {
+  const std::string tarnwell = commandLine(options), date = day.iso8601().substr(0, 10);
+  const std::pair<std::string, const char*> next[] = {
+      {"day", "today so far"},
+      {"chart pickups --range month", "this month's pickups, day by day"},
+      {"chart sleepTime --date " + date, "the nights of that week"},
+      {"tag streak working --date " + date, "the days in a row of an hour of work"},
+      {"report --out tarnwell-report.html", "every chart on one page, for a browser"},
+      {"--help", "everything else"},
+  };
+  std::string text = "Try next:\n";
+  for (const auto& [command, what] : next) text += "  " + tarnwell + " " + command + "\n      " + what + "\n";
+  text.pop_back();
+  return text;
+}
+
 }  // namespace
 
 void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
@@ -150,8 +218,10 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
     const std::string tablet = random.uuid();
     const Date now = Date::now();
     History history;
+    Progress progress("demo");
     for (int back = arguments->days - 1; back >= 0; --back) {
       makeDay(random, now.addingDay(-back), now, back == std::min(3, arguments->days - 1), phone, tablet, history);
+      progress.update(static_cast<std::size_t>(arguments->days - back), "days made");
     }
 
     auto thisDevice = Database::getCurrentDevice().value_or(Device(phone, "Phone"));
@@ -159,15 +229,45 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
     store::Store::open().write([&](store::WriteTransaction& t) {
       t.add(thisDevice);
       t.add(Device(tablet, "Demo tablet"));
-      for (const auto& pickup : history.pickups) t.add(pickup, store::UpdatePolicy::error);
-      for (const auto& walk : history.walks) t.add(walk, store::UpdatePolicy::error);
-      for (const auto& alive : history.alives) t.add(alive, store::UpdatePolicy::error);
+      const double total = static_cast<double>(history.size());
+      std::size_t written = 0;
+      const auto add = [&](const auto& records) {
+        for (const auto& record : records) {
+          t.add(record, store::UpdatePolicy::error);
+          if (++written % 1000 == 0) progress.update(written, "records written", written / total);
+        }
+      };
+      add(history.pickups);
+      add(history.walks);
+      add(history.alives);
+      add(history.focuses);
     });
-    if (!options.json) {
-      std::printf("Made %zu pickups, %zu walks and %zu alive spans over %d days on this device and a tablet.\n\n",
-                  history.pickups.size(), history.walks.size(), history.alives.size(), arguments->days);
-    }
-    printDay(options, EventsOfDay(now, std::nullopt));
+    // An hour of work a day is the aim whose streak the suggestions show.
+    TagEdit goal;
+    goal.focusGoal = FocusGoal::moreThanOrEqualTo(3600);
+    Database::editTag("working", goal);
+
+    // The last whole day, unless today is all there is.
+    const Date day = arguments->days > 1 ? now.addingDay(-1) : now;
+    const View shownDay = dayView(EventsOfDay(day, std::nullopt));
+    const View week = summaryView(day.addingDay(-6), 7);
+    const View streaks = streaksView(EventsCombo::currentCombo());
+    const View chart = chartView(StatisticsData(
+        day, StatisticsDateRange::week, std::make_shared<ScreenTimeDataType>(ScreenTimeDataType::Case::screenTime)));
+    const std::string firstDay = day.addingDay(-6).iso8601().substr(0, 10), lastDay = day.iso8601().substr(0, 10);
+    const nlohmann::ordered_json made = {{"days", arguments->days},
+                                         {"pickups", history.pickups.size()},
+                                         {"walks", history.walks.size()},
+                                         {"alives", history.alives.size()},
+                                         {"focuses", history.focuses.size()}};
+    Output(options).print(
+        {{"made", made}, {"day", shownDay.json}, {"week", week.json}, {"streaks", streaks.json}, {"chart", chart.json}},
+        "Made " + std::to_string(history.pickups.size()) + " pickups, " + std::to_string(history.walks.size()) +
+            " walks, " + std::to_string(history.alives.size()) + " alive spans and " +
+            std::to_string(history.focuses.size()) + " focus sessions over " + std::to_string(arguments->days) +
+            " days on this device and a tablet.\n\n" + shownDay.text + "\n\nThe seven days " + firstDay + " to " +
+            lastDay + "\n" + week.text + "\n\nStreaks\n" + streaks.text + "\n\n" + chart.text + "\n\n" +
+            suggestions(options, day));
   });
 }
 

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "support/TestEnvironment.h"
 #include "tarnwell/platform/Sqlite.h"
@@ -86,18 +87,20 @@ TEST_F(CliTest, SetThenGetRoundTripsAcrossProcesses) {
 
 TEST_F(CliTest, BadValuesAndNamesAreRefusedAndChangeNothing) {
   ASSERT_EQ(run("settings set defaultScreenTimeGoal 3600").status, 0);
-  for (const char* bad :
-       {"settings set defaultScreenTimeGoal 1h", "settings set defaultScreenTimeGoal nan",
-        "settings set defaultPickupGoal 4.5", "settings set excludeFocusTime yes", "settings set colorTheme sepia",
-        "settings set defaultFocusType sprint:10", "settings set cloudKitLastSyncDate yesterday",
-        "settings set deviceId X", "settings get noSuchSetting", "settings set noSuchSetting 1",
-        // Of the right type but meaningless: a goal below nothing, a day that starts tomorrow.
-        "settings set defaultScreenTimeGoal -5", "settings set defaultSleepTimeGoal 86401",
-        "settings set startOfDayScreenTime 999999", "settings set startOfDayScreenTime 86400",
-        "settings set defaultTimeForBed -1", "settings set defaultPickupGoal -1",
-        "settings set defaultFocusType countdown:0", R"(settings set defaultFocusType '{"pomodoro":{"duration":-1,"shortBreak":300,"longBreak":900,"longBreakInterval":4}}')",
-        "--locale xx_INVALID settings set defaultScreenTimeGoal 60",
-        "--tz Mars/Base settings set defaultScreenTimeGoal 60"}) {
+  for (
+      const char* bad :
+      {"settings set defaultScreenTimeGoal 1h", "settings set defaultScreenTimeGoal nan",
+       "settings set defaultPickupGoal 4.5", "settings set excludeFocusTime yes", "settings set colorTheme sepia",
+       "settings set defaultFocusType sprint:10", "settings set cloudKitLastSyncDate yesterday",
+       "settings set deviceId X", "settings get noSuchSetting", "settings set noSuchSetting 1",
+       // Of the right type but meaningless: a goal below nothing, a day that starts tomorrow.
+       "settings set defaultScreenTimeGoal -5", "settings set defaultSleepTimeGoal 86401",
+       "settings set startOfDayScreenTime 999999", "settings set startOfDayScreenTime 86400",
+       "settings set defaultTimeForBed -1", "settings set defaultPickupGoal -1",
+       "settings set defaultFocusType countdown:0",
+       R"(settings set defaultFocusType '{"pomodoro":{"duration":-1,"shortBreak":300,"longBreak":900,"longBreakInterval":4}}')",
+       "--locale xx_INVALID settings set defaultScreenTimeGoal 60",
+       "--tz Mars/Base settings set defaultScreenTimeGoal 60"}) {
     const Outcome result = run(bad);
     EXPECT_NE(result.status, 0) << bad;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << bad << ": " << result.err;
@@ -126,9 +129,8 @@ TEST_F(CliTest, GlobalOptionsPinTheClockZoneAndLocale) {
   EXPECT_EQ(facts["locale"], "de_DE");
   EXPECT_EQ(facts["appGroupContainer"], (container() / "group.org.vostra.tarnwell").string());
   EXPECT_TRUE(std::filesystem::exists(container() / "group.org.vostra.tarnwell" / "console.log"));
-  for (const char* bad :
-       {"--tz Mars/Base info", "--locale xx_INVALID info", "--locale en_QQ info", "--now tomorrow info", "info --unknown",
-        ""}) {
+  for (const char* bad : {"--tz Mars/Base info", "--locale xx_INVALID info", "--locale en_QQ info",
+                          "--now tomorrow info", "info --unknown", ""}) {
     const Outcome result = run(bad);
     EXPECT_NE(result.status, 0) << bad;
     EXPECT_FALSE(result.err.empty()) << bad;
@@ -283,6 +285,32 @@ TEST_F(CliTest, ImportKeepsGoodRowsAndReportsBadOnes) {
   EXPECT_EQ(json(run("--json pickup list --device TABLET")).size(), 1u);
   EXPECT_EQ(run("--json pickup list").out, "[]\n");
   EXPECT_EQ(run("import '" + (folder.path() / "missing.csv").string() + "'").status, 1);
+  // Piped, standard error holds the skipped rows and nothing else.
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 3) << result.err;
+}
+
+TEST_F(CliTest, LongRunsShowTheirProgressOnATerminalOnly) {
+  const auto file = folder.path() / "events.csv";
+  {
+    std::ofstream out(file);
+    for (int i = 0; i < 2000; ++i) out << "pickup,2026-11-22T08:00:00Z,2026-11-22T08:00:0" << i % 10 << "Z\n";
+    out << "nap,2026-11-22T11:00:00Z,2026-11-22T12:00:00Z\n";
+  }
+  // `script` gives the command a terminal of its own and copies what it shows.
+  const auto onATerminal = [this](const std::filesystem::path& installation, const std::string& arguments) {
+    const auto typescript = folder.path() / "typescript";
+    const std::string command = "script -qec \"XDG_DATA_HOME='" + (folder.path() / "xdg").string() + "' '" +
+                                std::getenv("TARNWELL_CLI") + "' --container '" + installation.string() + "' " +
+                                arguments + "\" '" + typescript.string() + "' >/dev/null 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0) << arguments;
+    return read(typescript);
+  };
+  const std::string shown = onATerminal(container(), "import '" + file.string() + "'");
+  EXPECT_NE(shown.find("\rimport " + file.string() + ": "), std::string::npos) << shown;
+  EXPECT_NE(shown.find("%, "), std::string::npos) << shown;
+  EXPECT_NE(shown.find("line 2001: unknown kind \"nap\""), std::string::npos) << shown;
+  EXPECT_NE(shown.find("Imported 2000 pickups"), std::string::npos) << shown;
+  EXPECT_NE(onATerminal(folder.path() / "demo", "demo --days 3").find("\rdemo: "), std::string::npos);
 }
 
 TEST_F(CliTest, AnotherApplicationsSleepIsSharedComparedAndChosen) {
@@ -482,14 +510,47 @@ TEST_F(CliTest, TheDemoIsDeterministicAndWantsAFreshInstallation) {
   const std::string demo = "--tz Europe/Berlin --now 2026-11-22T21:00:00 --json demo --days 5 --seed 7";
   const Outcome first = run(demo);
   ASSERT_EQ(first.status, 0) << first.err;
-  const auto today = json(first);
-  EXPECT_GE(today["pickupTimes"].get<int>(), 80);
-  EXPECT_TRUE(today["sleepTime"].is_number());
+  EXPECT_TRUE(first.err.empty()) << "no progress line when standard error is not a terminal: " << first.err;
+  EXPECT_GE(json(first)["day"]["pickupTimes"].get<int>(), 80);
   EXPECT_EQ(run(demo).status, 1);  // not a fresh installation any more
   std::filesystem::remove_all(container());
   EXPECT_EQ(run(demo).out, first.out);
   const auto devices = json(run("--json device list"));
   EXPECT_EQ(devices.size(), 2u);
+}
+
+// At five on a Monday morning today is empty and so is this week: the demo
+// shows Sunday, whose week is whole.
+TEST_F(CliTest, TheDemoShowsAWholeDayAndWeekAtAnyHour) {
+  const auto shown = json(run("--tz Europe/Berlin --now 2026-11-23T05:00:00 --json demo --days 10"));
+  EXPECT_EQ(shown["day"]["startOfDay"], "2026-11-22T00:00:00+01:00");
+  EXPECT_GE(shown["day"]["pickupTimes"].get<int>(), 80);
+  EXPECT_TRUE(shown["day"]["sleepTime"].is_number());
+  EXPECT_EQ(shown["week"]["start"], "2026-11-16T00:00:00+01:00");
+  EXPECT_GT(shown["week"]["pickupTimes"]["total"].get<int>(), 7 * 80);
+  const auto& entries = shown["chart"]["entries"];
+  ASSERT_EQ(entries.size(), 7u);
+  for (const auto& entry : entries) EXPECT_GT(entry["y"].get<double>(), 3600) << entry;
+  EXPECT_TRUE(shown["streaks"].contains("screenTimeCombo"));
+  EXPECT_GT(shown["made"]["focuses"].get<int>(), 0);
+}
+
+TEST_F(CliTest, TheDemosSuggestionsWorkAsPrinted) {
+  const Outcome demo = run("--tz Europe/Berlin --now 2026-11-23T05:00:00 demo --days 3");
+  ASSERT_EQ(demo.status, 0) << demo.err;
+  const auto next = demo.out.find("Try next:");
+  ASSERT_NE(next, std::string::npos) << demo.out;
+  std::istringstream lines(demo.out.substr(next));
+  int tried = 0;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("  ", 0) != 0 || line.find("--container") == std::string::npos) continue;
+    // As the person who ran the demo runs them: same keychain, in a folder of their own.
+    const std::string command = "cd '" + folder.path().string() + "' && XDG_DATA_HOME='" +
+                                (folder.path() / "xdg").string() + "'" + line + " >/dev/null 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0) << line;
+    ++tried;
+  }
+  EXPECT_GE(tried, 5);
 }
 
 TEST_F(CliTest, FocusTimeLeavesScreenTimeInTheDay) {
