@@ -125,8 +125,10 @@ std::string dayText(const EventsOfDay& day) {
   row("Asleep at", wallTime(day.asleepAt(), date));
   // The night's pieces follow on lines of their own; without a night there are none.
   const auto sleeps = day.sleeps();
-  row("Sleep", clock(day.sleepTime()) + " by " + day.sleepSourceDisplayName() +
-                   (sleeps.empty() ? std::string() : spans(sleeps, date)));
+  // Whose night it is matters only when there is one.
+  row("Sleep", day.sleepTime() ? clock(day.sleepTime()) + " by " + day.sleepSourceDisplayName() +
+                                     (sleeps.empty() ? std::string() : spans(sleeps, date))
+                               : "-");
   row("Breaks", std::to_string(day.breaks().size()));
   row("No data", spans(day.noDatas(), date));
   text += "Hours\n";

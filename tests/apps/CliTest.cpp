@@ -489,13 +489,13 @@ TEST_F(CliTest, TheDayInJSONCarriesEveryMetric) {
 }
 
 // The sleep row once ran the source's name into the night's pieces, or into
-// "none" when there was no night.
+// "none" when there was no night; without a night it names no source.
 TEST_F(CliTest, TheDayAsTextPutsTheNightsPiecesOnLinesOfTheirOwn) {
   const std::string day = "--tz UTC --now 2026-11-23T12:00:00Z day 2026-11-22";
   const Outcome empty = run(day);
   ASSERT_EQ(empty.status, 0) << empty.err;
   EXPECT_EQ(empty.out.substr(0, empty.out.find('\n')), "Day 2026-11-22, 00:00:00 to 2026-11-23 00:00:00");
-  EXPECT_NE(empty.out.find("\nSleep               - by Tarnwell\nBreaks"), std::string::npos) << empty.out;
+  EXPECT_NE(empty.out.find("\nSleep               -\nBreaks"), std::string::npos) << empty.out;
 
   run("pickup add 2026-11-21T22:00:00Z 2026-11-21T22:10:00Z");
   run("pickup add 2026-11-22T07:00:00Z 2026-11-22T07:05:00Z");
