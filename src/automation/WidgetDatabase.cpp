@@ -38,35 +38,47 @@ std::vector<std::string> tagIds() {
   }
 }
 
-// Each tag of the list that can be read and is not soft-deleted.
-template <class Visit>
-void forEachLiveTag(Visit visit) {
+// Each tag of the list that can be read and is not soft-deleted, in the list's order.
+std::vector<Tag> liveTags() {
+  std::vector<Tag> tags;
   for (const auto& id : tagIds()) {
-    std::optional<Tag> tag;
     try {
-      tag = Database::getTag(id);
+      if (auto tag = Database::getTag(id)) tags.push_back(std::move(*tag));
     } catch (const std::exception&) {
-      continue;
     }
-    if (tag) visit(id, *tag);
   }
+  return tags;
 }
 
-std::optional<widgets::WidgetFocusGoal> widgetGoal(const std::optional<FocusGoal>& goal) {
-  if (!goal) return std::nullopt;
-  return goal->toWidgetFocusGoal();
+// A line per tag; the tags are read once for all the days of a publication.
+FocusTimeToday focusTimeOfTags(Date date, const std::vector<FocusData>& focuses, int failedCount,
+                               const std::vector<Tag>& tags) {
+  FocusTimeToday day{date, {}, failedCount, focuses.empty() ? 0.0 : focuses.back().progress};
+  for (const auto& tag : tags) {
+    const std::string id = tag.id.value_or("");
+    double time = 0;
+    for (const auto& focus : focuses) {
+      if (focus.tagId == id) time += focus.progress;
+    }
+    const auto goal = tag.focusGoal();
+    day.tags.push_back({id, tag.emoji, tag.displayTitle(), time, goal ? std::optional(goal->duration()) : std::nullopt,
+                        tag.color().hex(false)});
+  }
+  return day;
 }
 
-FocusTimeToday focusTimeOfDay(Date day) {
+FocusTimeToday focusTimeOfDay(Date day, const std::vector<Tag>& tags) {
   const std::optional<std::string> everyTag;
   const Focuses focuses(DateInterval::getDateInterval(day, 1), everyTag);
-  return makeFocusTimeToday(day, focuses.focuses.value_or(std::vector<FocusData>{}), focuses.failedTimes().value_or(0));
+  return focusTimeOfTags(day, focuses.focuses.value_or(std::vector<FocusData>{}), focuses.failedTimes().value_or(0),
+                         tags);
 }
 
 std::vector<FocusTimeToday> focusTimeOfDays(Date start, int count) {
+  const auto tags = liveTags();
   std::vector<FocusTimeToday> days;
   days.reserve(static_cast<std::size_t>(std::max(count, 0)));
-  for (int i = 0; i < count; ++i) days.push_back(focusTimeOfDay(start.addingDay(i)));
+  for (int i = 0; i < count; ++i) days.push_back(focusTimeOfDay(start.addingDay(i), tags));
   return days;
 }
 
@@ -86,17 +98,7 @@ widgets::ScreenTimeToday makeScreenTimeToday(const ItemLikeEventsOfDay& events) 
 }
 
 FocusTimeToday makeFocusTimeToday(Date date, const std::vector<FocusData>& focuses, int failedCount) {
-  FocusTimeToday day{date, {}, failedCount, focuses.empty() ? 0.0 : focuses.back().progress};
-  forEachLiveTag([&](const std::string& id, const Tag& tag) {
-    double time = 0;
-    for (const auto& focus : focuses) {
-      if (focus.tagId == id) time += focus.progress;
-    }
-    const auto goal = tag.focusGoal();
-    day.tags.push_back({id, tag.emoji, tag.displayTitle(), time, goal ? std::optional(goal->duration()) : std::nullopt,
-                        tag.color().hex(false)});
-  });
-  return day;
+  return focusTimeOfTags(date, focuses, failedCount, liveTags());
 }
 
 void WidgetDatabase::refreshScreenTimeToday() {
@@ -114,7 +116,7 @@ void WidgetDatabase::refreshScreenTimeToday() {
 
 void WidgetDatabase::refreshFocusTimeToday() {
   const Date now = Date::now();
-  Keys::focusTimeToday.set(focusTimeOfDay(now.startOfDay()));
+  Keys::focusTimeToday.set(focusTimeOfDay(now.startOfDay(), liveTags()));
   if (holdsBackWeekAndMonth(now, recentWidgetFocusDataRefreshDate())) return;
   Keys::focusTimeThisWeek.set(focusTimeOfDays(now.startOfWeek(), 7));
   Keys::focusTimeThisMonth.set(focusTimeOfDays(now.startOfMonth(), now.daysOfMonth()));
@@ -133,9 +135,7 @@ void WidgetDatabase::refreshFocusTimeToday() {
 
 void WidgetDatabase::updateFocusTags() {
   std::vector<WidgetTag> tags;
-  forEachLiveTag([&tags](const std::string& id, const Tag& tag) {
-    tags.push_back({id, tag.displayTitle(), tag.emoji, widgetGoal(tag.focusGoal()), tag.type(), tag.isDefault});
-  });
+  for (const auto& tag : liveTags()) tags.push_back(tag.widgetTag());
   setTags(tags);
 }
 
@@ -146,8 +146,7 @@ void WidgetDatabase::updateCurrentFocusState(const std::optional<ThreadSafeTag>&
   std::optional<WidgetTag> widgetTag;
   if (tag) {
     if (!tag->id) fatalError("A focus tag without an id cannot be shown in a widget");
-    widgetTag =
-        WidgetTag{*tag->id, tag->displayTitle(), tag->emoji, widgetGoal(tag->focusGoal), tag->type, tag->isDefault};
+    widgetTag = tag->widgetTag();
   }
   setCurrentFocusState(widgets::WidgetFocusState(std::move(widgetTag), focusType, state, isPaused, timeSpent, goal));
   if (platformVersion() >= 18) {

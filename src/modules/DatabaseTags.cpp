@@ -241,11 +241,7 @@ void Database::updateTagsDisplayInIntent() {
       Query().filter("isDeleted = 0 AND isArchived = 0 AND isDefault = 0").sorted("created DESC, isDefault DESC"));
   std::vector<widgets::WidgetTag> published;
   published.reserve(tags.size());
-  for (const auto& tag : tags) {
-    const auto goal = tag.focusGoal();
-    published.push_back({tag.id.value_or(""), tag.displayTitle(), tag.emoji,
-                         goal ? std::optional(goal->toWidgetFocusGoal()) : std::nullopt, tag.type(), tag.isDefault});
-  }
+  for (const auto& tag : tags) published.push_back(tag.widgetTag());
   widgets::IntentDatabase::setTags(published);
   if (Environment::current().device().platformVersion >= 14) widgets::refreshFocusWidget();
 }

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -25,6 +26,7 @@
 #include "tarnwell/records/Properties.h"
 #include "tarnwell/widgets/FocusType.h"
 #include "tarnwell/widgets/WidgetFocusGoal.h"
+#include "tarnwell/widgets/WidgetTag.h"
 
 namespace tarnwell {
 
@@ -138,6 +140,24 @@ struct FocusTagObject {
       associations.push_back(static_cast<HKStateOfMindAssociation>(raw));
     }
     return associations;
+  }
+
+  // The tag as widgets and shortcuts list it.
+  widgets::WidgetTag widgetTag() const {
+    const Self& tag = self();
+    const auto [goal, type] = [&tag] {
+      if constexpr (requires { tag.focusGoal(); }) {
+        return std::pair(tag.focusGoal(), tag.type());  // the stored row
+      } else {
+        return std::pair(tag.focusGoal, tag.type);  // the typed copy
+      }
+    }();
+    return {tag.id.value_or(""),
+            displayTitle(),
+            tag.emoji,
+            goal ? std::optional(goal->toWidgetFocusGoal()) : std::nullopt,
+            type,
+            tag.isDefault};
   }
 
   friend bool operator==(const FocusTagObject&, const FocusTagObject&) = default;
