@@ -170,6 +170,47 @@ nlohmann::ordered_json comboJSON(const std::optional<EventsCombo::ComboType>& co
 
 }  // namespace
 
+DaysSummary summarizeDays(Date from, int count) {
+  const EventsOfDays days(from.startOfDay(), count);
+  const auto clock = [](const DateComponents& time) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
+    return std::string(text);
+  };
+  const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
+  const auto [screenTotal, screenAverage] = days.screenTime();
+  const auto [pickupTotal, pickupAverage] = days.pickupTimes();
+  const auto [walkTotal, walkAverage] = days.walkingLife();
+  const auto [indoorTotal, indoorAverage] = days.indoorLife();
+  const auto longest = days.longestPickup();
+  nlohmann::ordered_json json = {{"start", from.startOfDay().iso8601()},
+                                 {"count", count},
+                                 {"screenTime", {{"total", screenTotal}, {"average", screenAverage}}},
+                                 {"pickupTimes", {{"total", pickupTotal}, {"average", pickupAverage}}},
+                                 {"walkingLife", {{"total", walkTotal}, {"average", walkAverage}}},
+                                 {"indoorLife", {{"total", indoorTotal}, {"average", indoorAverage}}},
+                                 {"longestPickup", optionalJSON(longest)},
+                                 {"averageCheckingEvery", days.averageCheckingEvery()},
+                                 {"averageBestBreak", days.averageBestBreak()},
+                                 {"averageContinuouslyUsage", days.averageContinuouslyUsage()},
+                                 {"averageSleepTime", days.averageSleepTime()},
+                                 {"averageFirstPickup", clock(days.averageFirstPickup())},
+                                 {"averageLastPickup", clock(days.averageLastPickup())}};
+  std::vector<std::pair<std::string, std::string>> rows{
+      {"Screen time", duration(screenTotal) + " (" + duration(screenAverage) + " a day)"},
+      {"Pickups", std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)"},
+      {"Walking", duration(walkTotal) + " (" + duration(walkAverage) + " a day)"},
+      {"Indoor", duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)"},
+      {"Longest pickup", longest ? duration(*longest) : "-"},
+      {"Checking every", duration(days.averageCheckingEvery())},
+      {"Best break", duration(days.averageBestBreak())},
+      {"Continuous use", duration(days.averageContinuouslyUsage())},
+      {"Sleep", duration(days.averageSleepTime())},
+      {"First pickup", clock(days.averageFirstPickup())},
+      {"Last pickup", clock(days.averageLastPickup())}};
+  return {std::move(json), std::move(rows)};
+}
+
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
   auto a = std::make_shared<Arguments>();
   auto* chart = app.add_subcommand("chart", "A metric's chart model for a day, week, month or year");
@@ -215,42 +256,13 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
         return a->from ? parseInstant(*a->from) : Date::now().startOfDay().addingDay(-6);
       },
       [&options, a](Date from) {
-        const EventsOfDays days(from.startOfDay(), a->count);
-        const auto clock = [](const DateComponents& time) {
-          char text[16];
-          std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
-          return std::string(text);
-        };
-        const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
-        const auto [screenTotal, screenAverage] = days.screenTime();
-        const auto [pickupTotal, pickupAverage] = days.pickupTimes();
-        const auto [walkTotal, walkAverage] = days.walkingLife();
-        const auto [indoorTotal, indoorAverage] = days.indoorLife();
-        const auto longest = days.longestPickup();
-        nlohmann::ordered_json json = {{"start", from.startOfDay().iso8601()},
-                                       {"count", a->count},
-                                       {"screenTime", {{"total", screenTotal}, {"average", screenAverage}}},
-                                       {"pickupTimes", {{"total", pickupTotal}, {"average", pickupAverage}}},
-                                       {"walkingLife", {{"total", walkTotal}, {"average", walkAverage}}},
-                                       {"indoorLife", {{"total", indoorTotal}, {"average", indoorAverage}}},
-                                       {"longestPickup", optionalJSON(longest)},
-                                       {"averageCheckingEvery", days.averageCheckingEvery()},
-                                       {"averageBestBreak", days.averageBestBreak()},
-                                       {"averageContinuouslyUsage", days.averageContinuouslyUsage()},
-                                       {"averageSleepTime", days.averageSleepTime()},
-                                       {"averageFirstPickup", clock(days.averageFirstPickup())},
-                                       {"averageLastPickup", clock(days.averageLastPickup())}};
-        const std::string text =
-            "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
-            "Pickups             " + std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)\n" +
-            "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
-            "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
-            "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
-            duration(days.averageCheckingEvery()) + "\n" + "Best break          " + duration(days.averageBestBreak()) +
-            "\n" + "Continuous use      " + duration(days.averageContinuouslyUsage()) + "\n" + "Sleep               " +
-            duration(days.averageSleepTime()) + "\n" + "First pickup        " + clock(days.averageFirstPickup()) +
-            "\n" + "Last pickup         " + clock(days.averageLastPickup());
-        Output(options).print(json, text);
+        const DaysSummary days = summarizeDays(from, a->count);
+        std::vector<std::string> lines;
+        for (auto [label, value] : days.rows) {
+          label.resize(std::max<std::size_t>(label.size(), 20), ' ');
+          lines.push_back(label + value);
+        }
+        Output(options).print(days.json, joinLines(lines));
       });
 }
 

@@ -193,6 +193,28 @@ void onRunWithoutStore(CLI::App* command, Action& action, Body body) {
   command->callback([&action, body] { action = body; });
 }
 
+// The totals and averages of `count` days from `from`'s day, as `summary`
+// prints them: its JSON, and the rows a person reads (label, value).
+struct DaysSummary {
+  nlohmann::ordered_json json;
+  std::vector<std::pair<std::string, std::string>> rows;
+};
+DaysSummary summarizeDays(Date from, int count);
+
+// A tag's run of days back from `date`'s day, as `tag streak` prints it.
+struct TagStreak {
+  std::string kind;  // "streak", "fail" or "focus"
+  int days = 0;
+  std::string text() const;  // "streak 3 days"
+};
+std::optional<TagStreak> tagStreak(const std::string& tagId, Date date);
+
+// The asleep samples, of every asleep value, that the application `bundle`
+// wrote in `span`; `command` names the command when the health store does
+// not answer.
+std::vector<DateInterval> recordedSleeps(const std::string& bundle, const DateInterval& span,
+                                         const std::string& command);
+
 // Today's or any day's metrics, night and hours.
 void printDay(const GlobalOptions& options, const EventsOfDay& day);
 
