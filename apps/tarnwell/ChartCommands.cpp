@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <tuple>
 
+#include "ChartDrawing.h"
 #include "Cli.h"
 #include "tarnwell/analytics/EventsCombo.h"
 #include "tarnwell/analytics/EventsOfDays.h"
@@ -19,7 +20,7 @@ namespace {
 
 struct Arguments {
   std::string metric, range = "week";
-  std::optional<std::string> date, from;
+  std::optional<std::string> date, from, svg, png;
   int count = 7;
 };
 
@@ -221,6 +222,8 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       ->required();
   chart->add_option("--range", a->range, "day, week, month or year (default: week)");
   chart->add_option("--date", a->date, "ISO 8601 (default: now)");
+  chart->add_option("--svg", a->svg, "Draw the chart into this SVG file");
+  chart->add_option("--png", a->png, "Draw the chart into this PNG file");
   onRun(
       chart, action,
       [a] {
@@ -229,10 +232,23 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
         const Date date = parseInstantOrNow(a->date);
         return std::tuple(date, *range, parseMetric(a->metric));
       },
-      [&options](const auto& input) {
+      [&options, a](const auto& input) {
         const auto& [date, range, dataType] = input;
         const StatisticsData model(date, range, dataType);
-        Output(options).print(chartJSON(model), chartText(model));
+        if (!a->svg && !a->png) return Output(options).print(chartJSON(model), chartText(model));
+        nlohmann::ordered_json written = nlohmann::ordered_json::object();
+        std::vector<std::string> paths;
+        if (a->svg) {
+          writeFileAtomically("--svg", *a->svg, drawChartSVG(model));
+          written["svg"] = *a->svg;
+          paths.push_back(*a->svg);
+        }
+        if (a->png) {
+          writeFileAtomically("--png", *a->png, drawChartPNG(model));
+          written["png"] = *a->png;
+          paths.push_back(*a->png);
+        }
+        Output(options).print(written, joinLines(paths));
       });
 
   onRun(app.add_subcommand("streaks", "Days in a row the screen-time, pickup and sleep goals were kept or missed"),

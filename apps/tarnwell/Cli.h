@@ -94,6 +94,10 @@ WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word)
 // The ids asked for, or this device and the devices it merges with.
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked);
 
+// Writes `bytes` to `file` whole or not at all: into a new file beside it,
+// then renamed over it. InputError naming `option` when it cannot.
+void writeFileAtomically(const std::string& option, const std::filesystem::path& file, std::string_view bytes);
+
 // The lines joined by line feeds, or `empty` when there are none.
 std::string joinLines(const std::vector<std::string>& lines, const std::string& empty = "(none)");
 
