@@ -232,6 +232,7 @@ void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addReportCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 // After addFocusCommands: it adds `focus state`.
 void addWidgetCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addLinkCommands(CLI::App& app, const GlobalOptions& options, Action& action);

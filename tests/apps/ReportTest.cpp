@@ -1,4 +1,4 @@
-// Charts drawn to files, driven as a user drives the
+// Charts drawn to files and the HTML report, driven as a user drives the
 // `tarnwell` command: one process per call, on a pinned clock.
 
 #include <gtest/gtest.h>
@@ -7,9 +7,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
 
 #include "support/TestEnvironment.h"
+#include "tarnwell/platform/Base64.h"
 
 namespace tarnwell {
 namespace {
@@ -151,6 +154,127 @@ TEST_F(ReportTest, AChartFileThatCannotBeWrittenIsRefusedAndLeavesNoPartOfItself
   // The first of two files was written before the second failed; no partial file stays behind.
   EXPECT_EQ(written(), (std::vector<std::string>{"folder", "ok.svg"}));
   EXPECT_TRUE(std::filesystem::is_empty(files() / "folder"));
+}
+
+// The figures of a report page: id and the image's attributes.
+struct Figure {
+  std::string id, alt, width, height, source;
+};
+
+// The value of `attribute` in the element that starts at `at`, and where it ends.
+std::string attribute(const std::string& html, std::size_t at, const std::string& name) {
+  const auto end = html.find('>', at);
+  const auto start = html.find(" " + name + "=\"", at);
+  if (start == std::string::npos || start > end) return "";
+  const auto first = start + name.size() + 3;
+  return html.substr(first, html.find('"', first) - first);
+}
+
+// Each figure element and the image that must follow it directly.
+std::vector<Figure> figures(const std::string& html) {
+  std::vector<Figure> found;
+  for (auto at = html.find("<figure"); at != std::string::npos; at = html.find("<figure", at + 1)) {
+    const auto image = html.find('<', html.find('>', at));
+    if (attribute(html, at, "class") != "chart" || html.compare(image, 5, "<img ") != 0) {
+      ADD_FAILURE() << "not a chart figure with its image: " << html.substr(at, 200);
+      continue;
+    }
+    found.push_back({attribute(html, at, "id"), attribute(html, image, "alt"), attribute(html, image, "width"),
+                     attribute(html, image, "height"), attribute(html, image, "src")});
+  }
+  return found;
+}
+
+// The page without its images' data.
+std::string withoutData(std::string html) {
+  for (auto at = html.find("src=\"data:"); at != std::string::npos; at = html.find("src=\"data:", at)) {
+    html.erase(at, html.find('"', at + 5) + 1 - at);
+  }
+  return html;
+}
+
+TEST_F(ReportTest, AReportHoldsEveryChartAsAnImageOfItsOwnAndEscapesUserText) {
+  addPickups();
+  const Outcome tag = run("--json tag add '<b>&\"' --goal '>=600'");
+  ASSERT_EQ(tag.status, 0) << tag.err;
+  const std::string id = nlohmann::json::parse(tag.out)["id"];
+  for (const char* day : {"2026-11-21", "2026-11-22"}) {
+    ASSERT_EQ(run("focus add " + std::string(day) + "T08:00:00Z " + day + "T08:20:00Z --tag " + id).status, 0);
+  }
+  const std::size_t tags = nlohmann::json::parse(run("--json tag list").out).size();
+
+  const Outcome made = run("report --from 2026-11-16 --to 2026-11-22 --out report.html");
+  ASSERT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(made.out, "report.html\n");
+  EXPECT_EQ(written(), std::vector<std::string>{"report.html"});
+  const std::string html = read(files() / "report.html");
+
+  // Two charts of the day, two each of the week, month and year, four of
+  // the nights, two of focus and one per tag.
+  const auto found = figures(html);
+  EXPECT_EQ(found.size(), 14 + tags);
+  std::set<std::string> ids;
+  for (const auto& figure : found) {
+    EXPECT_TRUE(ids.insert(figure.id).second) << figure.id;
+    EXPECT_FALSE(figure.alt.empty()) << figure.id;
+    EXPECT_EQ(figure.width + "x" + figure.height, "720x360") << figure.id;
+    const std::string prefix = "data:image/svg+xml;base64,";
+    ASSERT_EQ(figure.source.rfind(prefix, 0), 0u) << figure.id;
+    const auto svg = base64::decode(figure.source.substr(prefix.size()));
+    ASSERT_TRUE(svg) << figure.id;
+    expectSVGOfChartSize(std::string(svg->begin(), svg->end()));
+  }
+
+  // The tag's title is text, never markup, in the page and in its chart.
+  EXPECT_EQ(html.find("<b>&\""), std::string::npos);
+  EXPECT_NE(html.find("<h3>&lt;b&gt;&amp;&quot;</h3>"), std::string::npos);
+  EXPECT_NE(html.find("alt=\"&lt;b&gt;&amp;&quot; Mon, Nov 16 – Sun, Nov 22, 2026\""), std::string::npos);
+  EXPECT_NE(html.find("Goal ≥ 10m · Goal reached 2 days in a row"), std::string::npos);
+
+  // Self-contained: no script and nothing fetched, the charts' data aside.
+  const std::string page = withoutData(html);
+  for (const char* external : {"<script", "http:", "https:", "<link", "@import", "url("}) {
+    EXPECT_EQ(page.find(external), std::string::npos) << external;
+  }
+
+  // A night per day of the range, and the summary's rows as `summary` has them.
+  const auto rows = [&page](const std::string& table) {
+    const auto start = page.find("<table class=\"" + table + "\">");
+    const auto end = page.find("</table>", start);
+    std::size_t n = 0;
+    for (auto at = page.find("<tr><th scope=\"row\">", start); at < end; at = page.find("<tr><th", at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(rows("nights"), 7u);
+  EXPECT_EQ(rows("summary"), 11u);
+  EXPECT_NE(page.find("<tr><th scope=\"row\">Screen time</th><td>2h25m (24m a day)</td></tr>"), std::string::npos);
+}
+
+TEST_F(ReportTest, AChosenSleepApplicationsNightsStandBesideTheInferredOnes) {
+  addPickups();
+  ASSERT_EQ(run("health add-sleep 2026-11-21T23:00:00Z 2026-11-22T06:30:00Z --source-bundle com.tantsissa.AutoSleep "
+                "--source-name AutoSleep")
+                .status,
+            0);
+  ASSERT_EQ(run("settings set defaultSleepDataSource com.tantsissa.AutoSleep").status, 0);
+  const Outcome made = run("report --to 2026-11-22 --out report.html");
+  ASSERT_EQ(made.status, 0) << made.err;
+  const std::string html = read(files() / "report.html");
+  EXPECT_NE(html.find("<th scope=\"col\">AutoSleep asleep</th>"), std::string::npos);
+  // Phone use says 22:40 to 07:00; the application 23:00 to 06:30.
+  EXPECT_NE(html.find("<tr><th scope=\"row\">Sun, Nov 22</th><td>10:40PM</td><td>7:00AM</td><td>8h20m</td>"
+                      "<td>11:00PM</td><td>6:30AM</td><td>7h30m</td></tr>"),
+            std::string::npos);
+}
+
+TEST_F(ReportTest, BadRangesAndUnwritableFilesAreRefusedWritingNothing) {
+  ASSERT_EQ(run("--json info").status, 0);
+  expectRefused(run("report --from 2026-11-23 --to 2026-11-22 --out r.html"), "--from after --to");
+  expectRefused(run("report --from 2016-01-01 --to 2026-11-22 --out r.html"), "more than ten years");
+  expectRefused(run("report --to someday --out r.html"), "a bad date");
+  expectRefused(run("report --out missing/r.html"), "a folder that does not exist");
+  EXPECT_TRUE(written().empty());
+  EXPECT_NE(run("report").status, 0) << "--out is required";
 }
 
 }  // namespace
