@@ -160,6 +160,10 @@ std::size_t labelStride(const std::vector<double>& widths, double slot, Statisti
   return candidates.back();
 }
 
+bool hasData(const StatisticsData& chart) {
+  return std::any_of(chart.entries.begin(), chart.entries.end(), [](const auto& entry) { return entry.y; });
+}
+
 // The index of the running day among a week's or a month's entries.
 std::optional<std::size_t> todayIndex(const StatisticsData& chart) {
   const Date now = Date::now();
@@ -243,8 +247,7 @@ void draw(cairo_t* cr, const StatisticsData& chart, ChartSize size) {
                        limit ? kLimit : kGoal,
                        {7, 4}});
   }
-  const bool empty = std::none_of(chart.entries.begin(), chart.entries.end(), [](const auto& e) { return e.y; });
-  if (chart.averageLine && !empty) {
+  if (chart.averageLine && hasData(chart)) {
     markers.push_back(
         {*chart.averageLine, chart.averageLabel() + "\n" + type.valueFormatter(*chart.averageLine), kAverage, {2, 3}});
   }
@@ -439,8 +442,7 @@ std::vector<ChartFigure> chartFigures(const StatisticsData& chart) {
   const auto& type = *chart.dataType;
   // Without a value there is no average; the model's 0 would read as
   // midnight on an axis of clock times.
-  const bool empty = std::none_of(chart.entries.begin(), chart.entries.end(), [](const auto& e) { return e.y; });
-  std::vector<ChartFigure> out{{chart.averageLabel(), empty ? "-" : type.valueFormatter(chart.averageValue)}};
+  std::vector<ChartFigure> out{{chart.averageLabel(), hasData(chart) ? type.valueFormatter(chart.averageValue) : "-"}};
   if (type.showsTotalValue()) out.push_back({chart.totalLabel(), type.valueFormatter(chart.totalValue)});
   const auto extreme = [&](const std::string& description, const std::optional<std::string>& label,
                            const std::optional<double>& value) {
