@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <tuple>
 
+#include "ChartDrawing.h"
 #include "Cli.h"
 #include "tarnwell/analytics/EventsCombo.h"
 #include "tarnwell/analytics/EventsOfDays.h"
@@ -19,7 +20,7 @@ namespace {
 
 struct Arguments {
   std::string metric, range = "week";
-  std::optional<std::string> date, from;
+  std::optional<std::string> date, from, svg, png;
   int count = 7;
 };
 
@@ -181,7 +182,7 @@ View streaksView(const EventsCombo& combo) {
 
 View chartView(const StatisticsData& chart) { return {chartJSON(chart), chartText(chart)}; }
 
-View summaryView(Date from, int count) {
+DaysSummary summarizeDays(Date from, int count) {
   const EventsOfDays days(from.startOfDay(), count);
   const auto clock = [](const DateComponents& time) {
     char text[16];
@@ -207,17 +208,29 @@ View summaryView(Date from, int count) {
                                  {"averageSleepTime", days.averageSleepTime()},
                                  {"averageFirstPickup", clock(days.averageFirstPickup())},
                                  {"averageLastPickup", clock(days.averageLastPickup())}};
-  const std::string text =
-      "Screen time         " + duration(screenTotal) + " (" + duration(screenAverage) + " a day)\n" +
-      "Pickups             " + std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)\n" +
-      "Walking             " + duration(walkTotal) + " (" + duration(walkAverage) + " a day)\n" +
-      "Indoor              " + duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)\n" +
-      "Longest pickup      " + (longest ? duration(*longest) : "-") + "\n" + "Checking every      " +
-      duration(days.averageCheckingEvery()) + "\n" + "Best break          " + duration(days.averageBestBreak()) + "\n" +
-      "Continuous use      " + duration(days.averageContinuouslyUsage()) + "\n" + "Sleep               " +
-      duration(days.averageSleepTime()) + "\n" + "First pickup        " + clock(days.averageFirstPickup()) + "\n" +
-      "Last pickup         " + clock(days.averageLastPickup());
-  return {std::move(json), text};
+  std::vector<std::pair<std::string, std::string>> rows{
+      {"Screen time", duration(screenTotal) + " (" + duration(screenAverage) + " a day)"},
+      {"Pickups", std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)"},
+      {"Walking", duration(walkTotal) + " (" + duration(walkAverage) + " a day)"},
+      {"Indoor", duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)"},
+      {"Longest pickup", longest ? duration(*longest) : "-"},
+      {"Checking every", duration(days.averageCheckingEvery())},
+      {"Best break", duration(days.averageBestBreak())},
+      {"Continuous use", duration(days.averageContinuouslyUsage())},
+      {"Sleep", duration(days.averageSleepTime())},
+      {"First pickup", clock(days.averageFirstPickup())},
+      {"Last pickup", clock(days.averageLastPickup())}};
+  return {std::move(json), std::move(rows)};
+}
+
+View summaryView(Date from, int count) {
+  const DaysSummary days = summarizeDays(from, count);
+  std::vector<std::string> lines;
+  for (auto [label, value] : days.rows) {
+    label.resize(std::max<std::size_t>(label.size(), 20), ' ');
+    lines.push_back(label + value);
+  }
+  return {days.json, joinLines(lines)};
 }
 
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
@@ -230,6 +243,8 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       ->required();
   chart->add_option("--range", a->range, "day, week, month or year (default: week)");
   chart->add_option("--date", a->date, "ISO 8601 (default: now)");
+  chart->add_option("--svg", a->svg, "Draw the chart into this SVG file");
+  chart->add_option("--png", a->png, "Draw the chart into this PNG file");
   onRun(
       chart, action,
       [a] {
@@ -238,10 +253,23 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
         const Date date = parseInstantOrNow(a->date);
         return std::tuple(date, *range, parseMetric(a->metric));
       },
-      [&options](const auto& input) {
+      [&options, a](const auto& input) {
         const auto& [date, range, dataType] = input;
-        const View view = chartView(StatisticsData(date, range, dataType));
-        Output(options).print(view.json, view.text);
+        const StatisticsData model(date, range, dataType);
+        if (!a->svg && !a->png) return Output(options).print(chartJSON(model), chartText(model));
+        nlohmann::ordered_json written = nlohmann::ordered_json::object();
+        std::vector<std::string> paths;
+        if (a->svg) {
+          writeFileAtomically("--svg", *a->svg, drawChartSVG(model));
+          written["svg"] = *a->svg;
+          paths.push_back(*a->svg);
+        }
+        if (a->png) {
+          writeFileAtomically("--png", *a->png, drawChartPNG(model));
+          written["png"] = *a->png;
+          paths.push_back(*a->png);
+        }
+        Output(options).print(written, joinLines(paths));
       });
 
   onRun(app.add_subcommand("streaks", "Days in a row the screen-time, pickup and sleep goals were kept or missed"),

@@ -96,6 +96,10 @@ WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word)
 // The ids asked for, or this device and the devices it merges with.
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked);
 
+// Writes `bytes` to `file` whole or not at all: into a new file beside it,
+// then renamed over it. InputError naming `option` when it cannot.
+void writeFileAtomically(const std::string& option, const std::filesystem::path& file, std::string_view bytes);
+
 // The lines joined by line feeds, or `empty` when there are none.
 std::string joinLines(const std::vector<std::string>& lines, const std::string& empty = "(none)");
 
@@ -232,6 +236,28 @@ View streaksView(const EventsCombo& combo);
 // The `count` days from the start of `from`'s day.
 View summaryView(Date from, int count);
 
+// The totals and averages of `count` days from `from`'s day, as `summary`
+// prints them: its JSON, and the rows a person reads (label, value).
+struct DaysSummary {
+  nlohmann::ordered_json json;
+  std::vector<std::pair<std::string, std::string>> rows;
+};
+DaysSummary summarizeDays(Date from, int count);
+
+// A tag's run of days back from `date`'s day, as `tag streak` prints it.
+struct TagStreak {
+  std::string kind;  // "streak", "fail" or "focus"
+  int days = 0;
+  std::string text() const;  // "streak 3 days"
+};
+std::optional<TagStreak> tagStreak(const std::string& tagId, Date date);
+
+// The asleep samples, of every asleep value, that the application `bundle`
+// wrote in `span`; `command` names the command when the health store does
+// not answer.
+std::vector<DateInterval> recordedSleeps(const std::string& bundle, const DateInterval& span,
+                                         const std::string& command);
+
 // Today's or any day's metrics, night and hours.
 void printDay(const GlobalOptions& options, const EventsOfDay& day);
 
@@ -245,6 +271,7 @@ void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+void addReportCommand(CLI::App& app, const GlobalOptions& options, Action& action);
 // After addFocusCommands: it adds `focus state`.
 void addWidgetCommands(CLI::App& app, const GlobalOptions& options, Action& action);
 void addLinkCommands(CLI::App& app, const GlobalOptions& options, Action& action);

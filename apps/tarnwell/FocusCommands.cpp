@@ -200,13 +200,9 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   onRun(
       streak, action, [a] { return parseInstantOrNow(a->date); },
       [&options, a](Date date) {
-        const auto combo = Database::getFocusCombo(a->id, date);
-        if (!combo) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
-        static constexpr const char* kKinds[] = {"streak", "fail", "focus"};
-        const char* kind = kKinds[static_cast<int>(combo->kind)];
-        Output(options).print(
-            {{"tagId", a->id}, {"combo", {{"kind", kind}, {"days", combo->days}}}},
-            std::string(kind) + " " + std::to_string(combo->days) + (combo->days == 1 ? " day" : " days"));
+        const auto run = tagStreak(a->id, date);
+        if (!run) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
+        Output(options).print({{"tagId", a->id}, {"combo", {{"kind", run->kind}, {"days", run->days}}}}, run->text());
       });
 
   auto* progress = tag->add_subcommand("progress", "Seconds focused on a day over the tag's goal");
@@ -313,6 +309,15 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
 }
 
 }  // namespace
+
+std::string TagStreak::text() const { return kind + " " + std::to_string(days) + (days == 1 ? " day" : " days"); }
+
+std::optional<TagStreak> tagStreak(const std::string& tagId, Date date) {
+  const auto combo = Database::getFocusCombo(tagId, date);
+  if (!combo) return std::nullopt;
+  static constexpr const char* kKinds[] = {"streak", "fail", "focus"};
+  return TagStreak{kKinds[static_cast<int>(combo->kind)], combo->days};
+}
 
 void addFocusCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
   addTagCommands(app, options, action);

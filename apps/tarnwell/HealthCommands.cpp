@@ -247,31 +247,6 @@ std::string clocks(const std::optional<DateInterval>& night) {
   return night->start().iso8601().substr(11, 5) + "-" + night->end().iso8601().substr(11, 5) + "  ";
 }
 
-// The application's asleep samples of every value, from the store this
-// application reads: what it wrote in `span`, widened by the night windows.
-std::vector<DateInterval> recordedSleeps(const std::string& bundle, const DateInterval& span) {
-  auto& manager = HealthManager::shared();
-  awaitHealth(manager.requestSleepAnalysisAuthorization(), "sleep compare");
-  auto [found, resolver] = Promise<std::vector<HKSample>>::pending();
-  manager.healthStore().execute(std::make_shared<HKSampleQuery>(
-      HKSampleType::sleepAnalysis, HKQueryPredicate::forSamples(span.start(), span.end()), HKSampleQuery::kNoLimit,
-      std::vector<HKSortDescriptor>{},
-      [resolver](std::optional<std::vector<HKSample>> samples, std::exception_ptr error) {
-        if (error) return resolver.reject(error);
-        resolver.fulfill(samples.value_or(std::vector<HKSample>()));
-      }));
-  std::vector<DateInterval> sleeps;
-  for (const auto& sample : awaitHealth(found, "sleep compare")) {
-    const auto value = sample.categoryValue.value_or(-1);
-    const bool asleep = value == static_cast<std::int64_t>(HKCategoryValueSleepAnalysis::asleepUnspecified) ||
-                        value >= static_cast<std::int64_t>(HKCategoryValueSleepAnalysis::asleepCore);
-    if (asleep && sample.source.bundleIdentifier == bundle && sample.startDate <= sample.endDate) {
-      sleeps.emplace_back(sample.startDate, sample.endDate);
-    }
-  }
-  return sleeps;
-}
-
 void compareSleep(const GlobalOptions& options, const Arguments& a) {
   std::string bundle;
   if (a.source) {
@@ -291,7 +266,7 @@ void compareSleep(const GlobalOptions& options, const Arguments& a) {
   std::vector<Date> days;
   for (Date day = first; day <= last; day = day.addingDay(1)) days.push_back(day);
   const DateInterval span(first.addingDay(-1), last.addingDay(1));
-  const auto comparison = SleepComparison::compare(days, recordedSleeps(bundle, span));
+  const auto comparison = SleepComparison::compare(days, recordedSleeps(bundle, span, "sleep compare"));
 
   nlohmann::ordered_json nights = nlohmann::ordered_json::array();
   std::vector<std::string> lines{"Day         Inferred       Recorded       Asleep  Awake  Length  (minutes off)"};
@@ -341,6 +316,30 @@ void compareSleep(const GlobalOptions& options, const Arguments& a) {
 }
 
 }  // namespace
+
+std::vector<DateInterval> recordedSleeps(const std::string& bundle, const DateInterval& span,
+                                         const std::string& command) {
+  auto& manager = HealthManager::shared();
+  awaitHealth(manager.requestSleepAnalysisAuthorization(), command);
+  auto [found, resolver] = Promise<std::vector<HKSample>>::pending();
+  manager.healthStore().execute(std::make_shared<HKSampleQuery>(
+      HKSampleType::sleepAnalysis, HKQueryPredicate::forSamples(span.start(), span.end()), HKSampleQuery::kNoLimit,
+      std::vector<HKSortDescriptor>{},
+      [resolver](std::optional<std::vector<HKSample>> samples, std::exception_ptr error) {
+        if (error) return resolver.reject(error);
+        resolver.fulfill(samples.value_or(std::vector<HKSample>()));
+      }));
+  std::vector<DateInterval> sleeps;
+  for (const auto& sample : awaitHealth(found, command)) {
+    const auto value = sample.categoryValue.value_or(-1);
+    const bool asleep = value == static_cast<std::int64_t>(HKCategoryValueSleepAnalysis::asleepUnspecified) ||
+                        value >= static_cast<std::int64_t>(HKCategoryValueSleepAnalysis::asleepCore);
+    if (asleep && sample.source.bundleIdentifier == bundle && sample.startDate <= sample.endDate) {
+      sleeps.emplace_back(sample.startDate, sample.endDate);
+    }
+  }
+  return sleeps;
+}
 
 void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
   auto a = std::make_shared<Arguments>();

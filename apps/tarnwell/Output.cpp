@@ -1,8 +1,11 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 #include "Cli.h"
@@ -38,6 +41,37 @@ std::string joinLines(const std::vector<std::string>& lines, const std::string& 
   for (const auto& line : lines) text += line + "\n";
   text.pop_back();
   return text;
+}
+
+void writeFileAtomically(const std::string& option, const std::filesystem::path& file, std::string_view bytes) {
+  const auto refused = [&](int error) {
+    return InputError(option + ": cannot write \"" + file.string() + "\": " + std::strerror(error));
+  };
+  if (file.filename().empty()) throw refused(EISDIR);
+  // A name of its own in the same folder, so the rename cannot cross file systems.
+  const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
+  std::filesystem::path temporary;
+  int fd = -1;
+  for (int attempt = 0; fd < 0 && attempt < 100; ++attempt) {
+    temporary = folder / ("." + file.filename().string() + "." + std::to_string(::getpid()) + "-" +
+                          std::to_string(attempt) + ".partial");
+    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0 && errno != EEXIST) throw refused(errno);
+  }
+  if (fd < 0) throw refused(EEXIST);
+  int error = 0;
+  for (std::size_t written = 0; written < bytes.size() && error == 0;) {
+    const auto n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno != EINTR) error = errno;
+    if (n > 0) written += static_cast<std::size_t>(n);
+  }
+  if (error == 0 && ::fsync(fd) != 0) error = errno;
+  if (::close(fd) != 0 && error == 0) error = errno;
+  if (error == 0 && ::rename(temporary.c_str(), file.c_str()) != 0) error = errno;
+  if (error != 0) {
+    ::unlink(temporary.c_str());
+    throw refused(error);
+  }
 }
 
 std::size_t drainQueues() {

@@ -64,6 +64,7 @@ int main(int argc, char** argv) {
   addManageCommands(app, options, action);
   addFormatCommand(app, options, action);
   addChartCommands(app, options, action);
+  addReportCommand(app, options, action);
   addHealthCommands(app, options, action);
   addCloudCommands(app, options, action);
   addSyncCommands(app, options, action);
