@@ -6,7 +6,7 @@ packages=(
   cmake ninja-build g++ pkg-config
   libsqlite3-dev libicu-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libcli11-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libcairo2-dev libpango1.0-dev fonts-dejavu-core
+  libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
   clang-format python3
   # The browser test of the report
   chromium chromium-driver python3-selenium
