@@ -252,8 +252,14 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
     const View shownDay = dayView(EventsOfDay(day, std::nullopt));
     const View week = summaryView(day.addingDay(-6), 7);
     const View streaks = streaksView(EventsCombo::currentCombo());
-    const View chart = chartView(StatisticsData(
-        day, StatisticsDateRange::week, std::make_shared<ScreenTimeDataType>(ScreenTimeDataType::Case::screenTime)));
+    // The last whole calendar week, when the history reaches back to its
+    // start: this week may hold only today, and the week of yesterday is half
+    // in the future from Tuesday on.
+    const Date lastWeek = now.startOfWeek().addingDay(-1);
+    const Date firstDayMade = now.addingDay(1 - arguments->days).startOfDay();
+    const View chart =
+        chartView(StatisticsData(lastWeek.startOfWeek() < firstDayMade ? day : lastWeek, StatisticsDateRange::week,
+                                 std::make_shared<ScreenTimeDataType>(ScreenTimeDataType::Case::screenTime)));
     const std::string firstDay = day.addingDay(-6).iso8601().substr(0, 10), lastDay = day.iso8601().substr(0, 10);
     const nlohmann::ordered_json made = {{"days", arguments->days},
                                          {"pickups", history.pickups.size()},

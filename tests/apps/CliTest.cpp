@@ -533,6 +533,14 @@ TEST_F(CliTest, TheDemoShowsAWholeDayAndWeekAtAnyHour) {
   for (const auto& entry : entries) EXPECT_GT(entry["y"].get<double>(), 3600) << entry;
   EXPECT_TRUE(shown["streaks"].contains("screenTimeCombo"));
   EXPECT_GT(shown["made"]["focuses"].get<int>(), 0);
+
+  // On a Wednesday the week of yesterday is half in the future: the chart is
+  // of the last whole week.
+  std::filesystem::remove_all(container());
+  const auto wednesday = json(run("--tz Europe/Berlin --now 2026-11-25T05:00:00 --json demo"));
+  EXPECT_EQ(wednesday["day"]["startOfDay"], "2026-11-24T00:00:00+01:00");
+  EXPECT_EQ(wednesday["chart"]["interval"]["start"], "2026-11-16T00:00:00+01:00");
+  for (const auto& entry : wednesday["chart"]["entries"]) EXPECT_GT(entry["y"].get<double>(), 3600) << entry;
 }
 
 TEST_F(CliTest, TheDemosSuggestionsWorkAsPrinted) {
