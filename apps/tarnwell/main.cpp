@@ -4,6 +4,8 @@
 // installation folder, starts the log, runs one command and lets the main
 // queue finish what the command left for it.
 
+#include <glib.h>
+
 #include <iostream>
 
 #include "Cli.h"
@@ -72,6 +74,14 @@ int main(int argc, char** argv) {
   addLinkCommands(app, options, action);
   addIntentCommands(app, options, action);
 
+  // Every text the store keeps is UTF-8, and one that is not would make the
+  // next launch set the whole store aside: refused before anything runs.
+  for (int i = 1; i < argc; ++i) {
+    if (!g_utf8_validate(argv[i], -1, nullptr)) {
+      std::cerr << "tarnwell: argument " << i << " is not valid UTF-8\n";
+      return 1;
+    }
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& help) {

@@ -100,7 +100,9 @@ TEST_F(CliTest, BadValuesAndNamesAreRefusedAndChangeNothing) {
        "settings set defaultFocusType countdown:0",
        R"(settings set defaultFocusType '{"pomodoro":{"duration":-1,"shortBreak":300,"longBreak":900,"longBreakInterval":4}}')",
        "--locale xx_INVALID settings set defaultScreenTimeGoal 60",
-       "--tz Mars/Base settings set defaultScreenTimeGoal 60"}) {
+       "--tz Mars/Base settings set defaultScreenTimeGoal 60",
+       // Bytes that are not UTF-8 once made the next launch set the store aside.
+       R"x(tag add "$(printf '\377\376')")x", R"x(settings set tarnwellFocusStatus "$(printf 'a\377')")x"}) {
     const Outcome result = run(bad);
     EXPECT_NE(result.status, 0) << bad;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << bad << ": " << result.err;
@@ -108,6 +110,7 @@ TEST_F(CliTest, BadValuesAndNamesAreRefusedAndChangeNothing) {
   }
   EXPECT_EQ(run("settings get defaultScreenTimeGoal").out, "3600.0\n");
   EXPECT_EQ(run("settings get excludeFocusTime").out, "true\n");
+  EXPECT_EQ(json(run("--json tag list")).size(), 3u);
 }
 
 TEST_F(CliTest, TheDeviceIdSurvivesAReinstallThroughTheKeychain) {
