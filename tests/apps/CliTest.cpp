@@ -1,7 +1,6 @@
 // The `tarnwell` command, driven as a user drives it: one process per call.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -10,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "support/CliProcess.h"
 #include "support/TestEnvironment.h"
 #include "tarnwell/platform/Sqlite.h"
 #include "tarnwell/platform/Uuid.h"
@@ -17,11 +17,8 @@
 namespace tarnwell {
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
+using testing::Outcome;
+using testing::readFile;
 
 class CliTest : public ::testing::Test {
  protected:
@@ -36,21 +33,12 @@ class CliTest : public ::testing::Test {
   }
   Outcome runIn(const std::filesystem::path& xdg, const std::optional<std::filesystem::path>& installation,
                 const std::string& arguments) {
-    const char* binary = std::getenv("TARNWELL_CLI");
-    if (!binary) throw std::runtime_error("TARNWELL_CLI is not set");
-    const auto out = folder.path() / "out.txt", err = folder.path() / "err.txt";
-    const std::string command = "XDG_DATA_HOME='" + xdg.string() + "' '" + binary + "' " +
-                                (installation ? "--container '" + installation->string() + "' " : "") + arguments +
-                                " >'" + out.string() + "' 2>'" + err.string() + "'";
-    const int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read(out), read(err)};
+    return testing::runShell("XDG_DATA_HOME='" + xdg.string() + "' '" + testing::tarnwellBinary() + "' " +
+                                 (installation ? "--container '" + installation->string() + "' " : "") + arguments,
+                             folder.path());
   }
   std::filesystem::path container() const { return folder.path() / "phone"; }
 
-  static std::string read(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
   static nlohmann::json json(const Outcome& result) { return nlohmann::json::parse(result.out); }
 
   testing::TemporaryFolder folder;
@@ -303,10 +291,10 @@ TEST_F(CliTest, LongRunsShowTheirProgressOnATerminalOnly) {
   const auto onATerminal = [this](const std::filesystem::path& installation, const std::string& arguments) {
     const auto typescript = folder.path() / "typescript";
     const std::string command = "script -qec \"XDG_DATA_HOME='" + (folder.path() / "xdg").string() + "' '" +
-                                std::getenv("TARNWELL_CLI") + "' --container '" + installation.string() + "' " +
+                                testing::tarnwellBinary() + "' --container '" + installation.string() + "' " +
                                 arguments + "\" '" + typescript.string() + "' >/dev/null 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0) << arguments;
-    return read(typescript);
+    return readFile(typescript);
   };
   const std::string shown = onATerminal(container(), "import '" + file.string() + "'");
   EXPECT_NE(shown.find("\rimport " + file.string() + ": "), std::string::npos) << shown;
@@ -630,7 +618,7 @@ TEST_F(CliTest, AnExportWritesSixFilesOfOneDate) {
     EXPECT_EQ(std::filesystem::path(file.get<std::string>()).filename().string().rfind("2026-11-22 10:00:00 +0000-", 0),
               0u);
   }
-  EXPECT_EQ(read(files[5].get<std::string>()), "id,deviceId,start,end");
+  EXPECT_EQ(readFile(files[5].get<std::string>()), "id,deviceId,start,end");
   EXPECT_EQ(run("export csv --out '" + (folder.path() / "missing").string() + "'").status, 1);
 }
 

@@ -2,7 +2,6 @@
 // `tarnwell` command: one process per call, on a pinned clock.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,31 +10,25 @@
 #include <regex>
 #include <set>
 
+#include "support/CliProcess.h"
 #include "support/TestEnvironment.h"
 #include "tarnwell/platform/Base64.h"
 
 namespace tarnwell {
 namespace {
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
+using testing::Outcome;
+using testing::readFile;
 
 class ReportTest : public ::testing::Test {
  protected:
   // Runs tarnwell in the test's installation, in UTC at noon on Sunday 2026-11-22.
   Outcome run(const std::string& arguments) {
-    const char* binary = std::getenv("TARNWELL_CLI");
-    if (!binary) throw std::runtime_error("TARNWELL_CLI is not set");
-    const auto out = folder.path() / "out.txt", err = folder.path() / "err.txt";
-    const std::string command = "cd '" + files().string() + "' && XDG_DATA_HOME='" + (folder.path() / "xdg").string() +
-                                "' '" + binary + "' --container '" + (folder.path() / "phone").string() +
-                                "' --tz UTC --now 2026-11-22T12:00:00Z " + arguments + " >'" + out.string() + "' 2>'" +
-                                err.string() + "'";
-    const int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read(out), read(err)};
+    return testing::runShell("cd '" + files().string() + "' && XDG_DATA_HOME='" + (folder.path() / "xdg").string() +
+                                 "' '" + testing::tarnwellBinary() + "' --container '" +
+                                 (folder.path() / "phone").string() + "' --tz UTC --now 2026-11-22T12:00:00Z " +
+                                 arguments,
+                             folder.path());
   }
   // Where the commands write, and nothing else does.
   std::filesystem::path files() {
@@ -60,10 +53,6 @@ class ReportTest : public ::testing::Test {
     }
   }
 
-  static std::string read(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
   static void expectRefused(const Outcome& result, const std::string& what) {
     EXPECT_EQ(result.status, 1) << what;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << what << ": " << result.err;
@@ -104,7 +93,7 @@ TEST_F(ReportTest, AChartIsDrawnToSVGAndPNGWithItsAxesAndFigures) {
   EXPECT_EQ(drawn.out, "week.svg\nweek.png\n");
   EXPECT_EQ(written(), (std::vector<std::string>{"week.png", "week.svg"}));
 
-  const std::string svg = read(files() / "week.svg");
+  const std::string svg = readFile(files() / "week.svg");
   expectSVGOfChartSize(svg);
   const std::string words = description(svg);
   // The limit of 5 hours sets the axis; every weekday is labelled; the
@@ -115,21 +104,21 @@ TEST_F(ReportTest, AChartIsDrawnToSVGAndPNGWithItsAxesAndFigures) {
   EXPECT_NE(words.find("Limit 5h."), std::string::npos) << words;
   EXPECT_NE(words.find("Week Total: 2h25m."), std::string::npos) << words;
 
-  const std::string png = read(files() / "week.png");
+  const std::string png = readFile(files() / "week.png");
   ASSERT_GT(png.size(), 24u);
   EXPECT_EQ(png.substr(0, 8), std::string("\x89PNG\r\n\x1a\n", 8));
   EXPECT_EQ(pngSize(png), (std::pair<std::uint32_t, std::uint32_t>{720, 360}));
 
   // A second drawing replaces the first whole.
   ASSERT_EQ(run("chart pickups --range day --svg week.svg").status, 0);
-  EXPECT_NE(description(read(files() / "week.svg")).find("12:00AM"), std::string::npos);
+  EXPECT_NE(description(readFile(files() / "week.svg")).find("12:00AM"), std::string::npos);
   EXPECT_EQ(written(), (std::vector<std::string>{"week.png", "week.svg"}));
 }
 
 TEST_F(ReportTest, ClockTimesReadAsClockTimesAndAnEmptyChartStillHasItsAxes) {
   addPickups();
   ASSERT_EQ(run("chart lastPickup --svg last.svg").status, 0);
-  const std::string last = description(read(files() / "last.svg"));
+  const std::string last = description(readFile(files() / "last.svg"));
   EXPECT_TRUE(std::regex_search(last, std::regex(R"(Y axis: \d{1,2}:\d\d[AP]M, \d{1,2}:\d\d[AP]M)"))) << last;
 
   // A metric with no data at all: axes, no average (0 would read as midnight).
@@ -137,12 +126,12 @@ TEST_F(ReportTest, ClockTimesReadAsClockTimesAndAnEmptyChartStillHasItsAxes) {
        {"firstPickup --range month", "focus --range year", "pickups --range day --date 2025-01-01"}) {
     const Outcome empty = run(std::string("chart ") + metric + " --svg empty.svg --png empty.png");
     ASSERT_EQ(empty.status, 0) << metric << ": " << empty.err;
-    const std::string svg = read(files() / "empty.svg");
+    const std::string svg = readFile(files() / "empty.svg");
     expectSVGOfChartSize(svg);
     EXPECT_NE(description(svg).find("Y axis: "), std::string::npos) << metric;
-    EXPECT_EQ(pngSize(read(files() / "empty.png")), (std::pair<std::uint32_t, std::uint32_t>{720, 360}));
+    EXPECT_EQ(pngSize(readFile(files() / "empty.png")), (std::pair<std::uint32_t, std::uint32_t>{720, 360}));
   }
-  EXPECT_NE(description(read(files() / "empty.svg")).find("Hourly Average: -."), std::string::npos);
+  EXPECT_NE(description(readFile(files() / "empty.svg")).find("Hourly Average: -."), std::string::npos);
 }
 
 TEST_F(ReportTest, AChartFileThatCannotBeWrittenIsRefusedAndLeavesNoPartOfItself) {
@@ -207,7 +196,7 @@ TEST_F(ReportTest, AReportHoldsEveryChartAsAnImageOfItsOwnAndEscapesUserText) {
   ASSERT_EQ(made.status, 0) << made.err;
   EXPECT_EQ(made.out, "report.html\n");
   EXPECT_EQ(written(), std::vector<std::string>{"report.html"});
-  const std::string html = read(files() / "report.html");
+  const std::string html = readFile(files() / "report.html");
 
   // Two charts of the day, two each of the week, month and year, four of
   // the nights, two of focus and one per tag.
@@ -259,7 +248,7 @@ TEST_F(ReportTest, AChosenSleepApplicationsNightsStandBesideTheInferredOnes) {
   ASSERT_EQ(run("settings set defaultSleepDataSource com.tantsissa.AutoSleep").status, 0);
   const Outcome made = run("report --to 2026-11-22 --out report.html");
   ASSERT_EQ(made.status, 0) << made.err;
-  const std::string html = read(files() / "report.html");
+  const std::string html = readFile(files() / "report.html");
   EXPECT_NE(html.find("<th scope=\"col\">AutoSleep asleep</th>"), std::string::npos);
   // Phone use says 22:40 to 07:00; the application 23:00 to 06:30.
   EXPECT_NE(html.find("<tr><th scope=\"row\">Sun, Nov 22</th><td>10:40PM</td><td>7:00AM</td><td>8h20m</td>"
