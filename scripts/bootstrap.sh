@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
   clang-format python3
+  # The cloud on a PostgreSQL server, and the throw-away server its tests run against
+  libpqxx-dev postgresql
   # The browser test of the report
   chromium chromium-driver python3-selenium
 )

@@ -11,6 +11,7 @@
 #include "cloudkit/OperationFailure.h"
 #include "tarnwell/platform/Log.h"
 #include "tarnwell/platform/NotificationCenter.h"
+#include "tarnwell/platform/Sqlite.h"
 
 namespace tarnwell {
 namespace {
@@ -142,6 +143,7 @@ class Emulator final : public CloudEmulator {
     return store_->subscriptions(scope);
   }
   std::vector<CloudRequest> requests() const override { return store_->requests(); }
+  bool waitForPushes(std::chrono::milliseconds timeout) override { return store_->waitForPushes(timeout); }
 
   CloudStore& store() { return *store_; }
 
@@ -553,14 +555,24 @@ std::optional<CKOperationKind> operationKindNamed(std::string_view name) {
 }
 
 std::shared_ptr<CloudEmulator> CloudEmulator::inMemory(std::shared_ptr<DispatchQueue> queue, Options options) {
-  return std::make_shared<Emulator>(std::make_unique<CloudStore>(), std::move(queue), options);
+  return std::make_shared<Emulator>(std::make_unique<CloudStore>(cloudkit::openMemoryCloud()), std::move(queue),
+                                    options);
 }
 
 std::shared_ptr<CloudEmulator> CloudEmulator::open(const std::filesystem::path& folder, bool create,
                                                    std::shared_ptr<DispatchQueue> queue, Options options) {
-  return std::make_shared<Emulator>(std::make_unique<CloudStore>(folder, create), std::move(queue), options);
+  return std::make_shared<Emulator>(std::make_unique<CloudStore>(cloudkit::openFolderCloud(folder, create)),
+                                    std::move(queue), options);
 }
 
-bool CloudEmulator::isCloudFolder(const std::filesystem::path& folder) { return CloudStore::isCloudFolder(folder); }
+bool CloudEmulator::isCloudFolder(const std::filesystem::path& folder) { return cloudkit::isCloudFolder(folder); }
+
+std::shared_ptr<CloudEmulator> CloudEmulator::connect(const CloudServer& server, bool create,
+                                                      std::shared_ptr<DispatchQueue> queue, Options options) {
+  return std::make_shared<Emulator>(std::make_unique<CloudStore>(cloudkit::openServerCloud(server, create)),
+                                    std::move(queue), options);
+}
+
+bool CloudEmulator::serverHoldsCloud(const CloudServer& server) { return cloudkit::serverHoldsCloud(server); }
 
 }  // namespace tarnwell

@@ -1,7 +1,5 @@
 #include "cloudkit/CloudStore.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <charconv>
 #include <fstream>
@@ -17,10 +15,6 @@
 namespace tarnwell::cloudkit {
 namespace {
 
-constexpr std::string_view kFileName = "cloud.sqlite";
-// "TCLD" in the header's application id is what makes a folder a cloud.
-constexpr std::int64_t kApplicationId = 0x54434C44;
-constexpr int kSchemaVersion = 1;
 // The history of requests keeps this many, the newest.
 constexpr std::int64_t kRequestHistory = 10000;
 
@@ -29,95 +23,13 @@ enum ZoneState : std::int64_t { kLive = 0, kDeletedByApp = 1, kDeletedByUser = 2
 // What a query subscription's push says about why it fired.
 enum QueryReason : std::int64_t { kRecordCreated = 1, kRecordUpdated = 2, kRecordDeleted = 3 };
 
-// Sequences: `databases.sequence` counts the changes of zones (each changed
-// zone of a commit takes its own value, so zones page by it one at a
-// time); `zones.sequence` counts the record changes of a zone, each record
-// keeping the value of its last one. A deleted record stays as a tombstone
-// so that a fetch from before can hear of it; a deleted zone loses its
-// records and, when made again, starts a new incarnation that the tokens of
-// the old one do not reach.
-constexpr std::string_view kSchema = R"sql(
-CREATE TABLE settings (key TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID;
-CREATE TABLE devices (device TEXT PRIMARY KEY NOT NULL, status INTEGER NOT NULL) WITHOUT ROWID;
-CREATE TABLE databases (scope INTEGER PRIMARY KEY, sequence INTEGER NOT NULL);
-CREATE TABLE zones (
-  id INTEGER PRIMARY KEY,
-  scope INTEGER NOT NULL,
-  name TEXT NOT NULL,
-  owner TEXT NOT NULL,
-  state INTEGER NOT NULL,
-  incarnation INTEGER NOT NULL,
-  sequence INTEGER NOT NULL,
-  changed INTEGER NOT NULL,
-  UNIQUE (scope, name, owner));
-CREATE INDEX zonesByChange ON zones (scope, changed);
-CREATE TABLE records (
-  id INTEGER PRIMARY KEY,
-  zone INTEGER NOT NULL,
-  name TEXT NOT NULL,
-  type TEXT NOT NULL,
-  sequence INTEGER NOT NULL,
-  born INTEGER NOT NULL,
-  deleted INTEGER NOT NULL,
-  assets INTEGER NOT NULL,
-  created REAL NOT NULL,
-  modified REAL NOT NULL,
-  fields BLOB,
-  UNIQUE (zone, name));
-CREATE UNIQUE INDEX recordsByChange ON records (zone, sequence);
-CREATE INDEX recordsByType ON records (zone, type, born);
-CREATE TABLE assets (id INTEGER PRIMARY KEY AUTOINCREMENT, bytes BLOB NOT NULL);
-CREATE TABLE subscriptions (
-  scope INTEGER NOT NULL,
-  id TEXT NOT NULL,
-  body TEXT NOT NULL,
-  PRIMARY KEY (scope, id)) WITHOUT ROWID;
-CREATE TABLE pushes (
-  id INTEGER PRIMARY KEY,
-  device TEXT NOT NULL,
-  scope INTEGER NOT NULL,
-  subscription TEXT NOT NULL,
-  userInfo TEXT NOT NULL,
-  UNIQUE (device, scope, subscription));
-CREATE TABLE longLived (
-  id INTEGER PRIMARY KEY,
-  device TEXT NOT NULL,
-  operation TEXT NOT NULL,
-  body BLOB NOT NULL,
-  UNIQUE (device, operation));
-CREATE TABLE faults (
-  id INTEGER PRIMARY KEY,
-  code INTEGER NOT NULL,
-  retryAfter REAL,
-  times INTEGER NOT NULL,
-  kind TEXT);
-CREATE TABLE requests (
-  id INTEGER PRIMARY KEY,
-  device TEXT NOT NULL,
-  kind TEXT NOT NULL,
-  scope INTEGER NOT NULL,
-  saves INTEGER NOT NULL,
-  deletions INTEGER NOT NULL,
-  error INTEGER NOT NULL);
-INSERT INTO settings (key, value) VALUES ('epoch', 0), ('dropCompletions', 0), ('dropPushes', 0);
-INSERT INTO databases (scope, sequence) VALUES (1, 0), (2, 0), (3, 0);
-INSERT INTO zones (scope, name, owner, state, incarnation, sequence, changed)
-  VALUES (1, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
-         (2, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
-         (3, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0);
-)sql";
-
 constexpr std::string_view kRecordColumns = "name, type, sequence, deleted, created, modified, fields";
 
-std::span<const std::uint8_t> asBlob(std::string_view bytes) {
-  return {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()};
-}
+// A batch reads and writes its records this many at a time, well within
+// either backend's limit on a statement's parameters.
+constexpr std::size_t kRowsPerStatement = 400;
 
-std::string_view blobColumn(const sqlite::Statement& row, int column) {
-  const void* bytes = sqlite3_column_blob(row.handle(), column);
-  const int size = sqlite3_column_bytes(row.handle(), column);
-  return bytes ? std::string_view(static_cast<const char*>(bytes), static_cast<std::size_t>(size)) : std::string_view();
-}
+std::int64_t code(CKDatabaseScope scope) { return static_cast<std::int64_t>(scope); }
 
 // A record's version as the client sees it.
 std::string changeTag(std::int64_t sequence) {
@@ -158,41 +70,6 @@ bool anyAssets(const EncodedFields& fields) {
   return std::any_of(fields.begin(), fields.end(), [](const auto& field) { return holdsAssets(field.second); });
 }
 
-sqlite::Connection openCloudFile(const std::filesystem::path& file, bool create) {
-  const std::string folder = file.parent_path().string();
-  try {
-    return sqlite::openSharedFile(
-        file, {kApplicationId, kSchemaVersion, kSchema}, create, [](sqlite::Connection& made) {
-          made.cached("INSERT INTO settings (key, value) VALUES ('identity', ?1)").bind(1, makeUUIDString()).execute();
-        });
-  } catch (const sqlite::SharedFileError& error) {
-    throw CloudFolderError(error.problem() == sqlite::SharedFileError::Problem::foreign
-                               ? folder + " is not a cloud"
-                               : folder + " holds a cloud of a newer version");
-  } catch (const sqlite::Error& error) {
-    throw CloudFolderError(folder + " is not a cloud: " + error.what());
-  }
-}
-
-sqlite::Connection openFolder(const std::filesystem::path& folder, bool create) {
-  std::error_code error;
-  const std::filesystem::path file = folder / kFileName;
-  if (!std::filesystem::is_directory(folder, error)) {
-    if (!create) throw CloudFolderError("There is no cloud at " + folder.string());
-    if (std::filesystem::exists(folder, error)) throw CloudFolderError(folder.string() + " is not a folder");
-    std::filesystem::create_directories(folder, error);
-    if (error) throw CloudFolderError("Cannot make a cloud at " + folder.string() + ": " + error.message());
-  }
-  if (!std::filesystem::exists(file, error)) {
-    if (!create) throw CloudFolderError(folder.string() + " is not a cloud");
-    // A folder that holds something else is not made into a cloud.
-    if (std::filesystem::directory_iterator(folder, error) != std::filesystem::directory_iterator()) {
-      throw CloudFolderError(folder.string() + " is not a cloud and not empty");
-    }
-  }
-  return openCloudFile(file, create);
-}
-
 }  // namespace
 
 struct CloudStore::ZoneRow {
@@ -203,14 +80,23 @@ struct CloudStore::ZoneRow {
 };
 
 struct CloudStore::StoredRecord {
-  std::int64_t id = 0;
   std::string type;
   std::int64_t sequence = 0;
   std::int64_t born = 0;
   bool deleted = false;
   bool assets = false;
   double created = 0;
+  double modified = 0;
   std::string fields;
+  // Changed by the batch, to be written back.
+  bool dirty = false;
+};
+
+// The records of one zone that a batch names, as they stand while it runs:
+// read in one statement before it and written back in one after, so that a
+// batch costs the server a few round trips whatever its size.
+struct CloudStore::ZoneBatch {
+  std::map<std::string, StoredRecord, std::less<>> records;
 };
 
 // One record changed by a commit, for the subscriptions to match.
@@ -220,58 +106,29 @@ struct CloudStore::Change {
   std::int64_t firesOn = 0;
 };
 
-CloudStore::CloudStore() : connection_(":memory:") {
-  connection_.execute(kSchema);
-  identity_ = makeUUIDString();
-}
+CloudStore::CloudStore(OpenedCloud opened) : sql_(std::move(opened.sql)), identity_(std::move(opened.identity)) {}
 
-CloudStore::CloudStore(const std::filesystem::path& folder, bool create) : connection_(openFolder(folder, create)) {
-  auto& select = connection_.cached("SELECT value FROM settings WHERE key = 'identity'");
-  sqlite::Cursor rows(select);
-  if (rows.next()) identity_ = rows->text(0);
-}
-
-bool CloudStore::isCloudFolder(const std::filesystem::path& folder) {
-  std::error_code error;
-  const std::filesystem::path file = folder / kFileName;
-  if (!std::filesystem::is_regular_file(file, error)) return false;
-  try {
-    sqlite::Connection connection(file, sqlite::Connection::OpenMode::readOnly);
-    auto applicationId = connection.prepare("PRAGMA application_id");
-    return applicationId.step() && applicationId.int64(0) == kApplicationId;
-  } catch (const sqlite::Error&) {
-    return false;
-  }
-}
+CloudStore::~CloudStore() = default;
 
 std::int64_t CloudStore::setting(std::string_view key) {
-  auto& select = connection_.cached("SELECT value FROM settings WHERE key = ?1");
-  select.bind(1, key);
-  sqlite::Cursor rows(select);
-  return rows.next() ? rows->int64(0) : 0;
+  const auto rows = select("SELECT value FROM settings WHERE key = $1", key);
+  return rows->next() ? rows->int64(0) : 0;
 }
 
 void CloudStore::setSetting(std::string_view key, std::int64_t value) {
-  connection_.cached("INSERT INTO settings (key, value) VALUES (?1, ?2) ON CONFLICT (key) DO UPDATE SET value = ?2")
-      .bind(1, key)
-      .bind(2, value)
-      .execute();
+  run("INSERT INTO settings (key, value) VALUES ($1, $2) ON CONFLICT (key) DO UPDATE SET value = $2", key, value);
 }
 
 void CloudStore::signIn(const std::string& deviceID) {
   std::lock_guard lock(mutex_);
-  connection_.cached("INSERT OR IGNORE INTO devices (device, status) VALUES (?1, ?2)")
-      .bind(1, deviceID)
-      .bind(2, static_cast<std::int64_t>(CKAccountStatus::available))
-      .execute();
+  run("INSERT INTO devices (device, status) VALUES ($1, $2) ON CONFLICT (device) DO NOTHING", deviceID,
+      static_cast<std::int64_t>(CKAccountStatus::available));
 }
 
 CKAccountStatus CloudStore::accountStatus(const std::string& deviceID) {
   std::lock_guard lock(mutex_);
-  auto& select = connection_.cached("SELECT status FROM devices WHERE device = ?1");
-  select.bind(1, deviceID);
-  sqlite::Cursor rows(select);
-  if (!rows.next()) return CKAccountStatus::noAccount;
+  const auto rows = select("SELECT status FROM devices WHERE device = $1", deviceID);
+  if (!rows->next()) return CKAccountStatus::noAccount;
   const std::int64_t raw = rows->int64(0);
   return raw >= 0 && raw <= 4 ? static_cast<CKAccountStatus>(raw) : CKAccountStatus::couldNotDetermine;
 }
@@ -279,11 +136,8 @@ CKAccountStatus CloudStore::accountStatus(const std::string& deviceID) {
 bool CloudStore::setAccountStatus(const std::string& deviceID, CKAccountStatus status) {
   const CKAccountStatus before = accountStatus(deviceID);
   std::lock_guard lock(mutex_);
-  connection_
-      .cached("INSERT INTO devices (device, status) VALUES (?1, ?2) ON CONFLICT (device) DO UPDATE SET status = ?2")
-      .bind(1, deviceID)
-      .bind(2, static_cast<std::int64_t>(status))
-      .execute();
+  run("INSERT INTO devices (device, status) VALUES ($1, $2) ON CONFLICT (device) DO UPDATE SET status = $2", deviceID,
+      static_cast<std::int64_t>(status));
   return before != status;
 }
 
@@ -291,7 +145,7 @@ Admission CloudStore::admit(const std::string& deviceID, CKOperationKind kind, C
                             std::size_t deletions, bool cancelled, std::size_t requestLimit) {
   const CKAccountStatus status = accountStatus(deviceID);
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
+  SqlTransaction transaction(*sql_, CloudSql::Access::write);
   Admission admission;
   if (cancelled) {
     admission.error = CKError(CKErrorCode::operationCancelled);
@@ -300,20 +154,19 @@ Admission CloudStore::admit(const std::string& deviceID, CKOperationKind kind, C
     // Everyone may read the public database; everything else needs the account.
     admission.error = CKError(CKErrorCode::notAuthenticated);
   } else {
-    auto& select = connection_.cached(
-        "SELECT id, code, retryAfter, times FROM faults WHERE kind IS NULL OR kind = ?1 ORDER BY id LIMIT 1");
-    select.bind(1, name(kind));
-    sqlite::Cursor rows(select);
-    if (rows.next()) {
+    const auto rows =
+        select("SELECT id, code, retryAfter, times FROM faults WHERE kind IS NULL OR kind = $1 ORDER BY id LIMIT 1",
+               name(kind));
+    if (rows->next()) {
       CKError error(static_cast<int>(rows->int64(1)), {});
       if (!rows->isNull(2)) error.withRetryAfter(rows->real(2));
       admission.error = std::move(error);
       const std::int64_t id = rows->int64(0);
       const std::int64_t times = rows->int64(3);
       if (times > 1) {
-        connection_.cached("UPDATE faults SET times = ?2 WHERE id = ?1").bind(1, id).bind(2, times - 1).execute();
+        run("UPDATE faults SET times = $2 WHERE id = $1", id, times - 1);
       } else {
-        connection_.cached("DELETE FROM faults WHERE id = ?1").bind(1, id).execute();
+        run("DELETE FROM faults WHERE id = $1", id);
       }
     } else {
       if (const std::int64_t dropped = setting("dropCompletions"); dropped > 0) {
@@ -325,85 +178,124 @@ Admission CloudStore::admit(const std::string& deviceID, CKOperationKind kind, C
       }
     }
   }
-  connection_
-      .cached("INSERT INTO requests (device, kind, scope, saves, deletions, error) VALUES (?1, ?2, ?3, ?4, ?5, ?6)")
-      .bind(1, deviceID)
-      .bind(2, name(kind))
-      .bind(3, static_cast<std::int64_t>(scope))
-      .bind(4, static_cast<std::int64_t>(saves))
-      .bind(5, static_cast<std::int64_t>(deletions))
-      .bind(6, admission.error ? admission.error->code() : 0)
-      .execute();
-  admission.requestID = connection_.lastInsertRowId();
-  connection_.cached("DELETE FROM requests WHERE id <= ?1").bind(1, admission.requestID - kRequestHistory).execute();
+  {
+    const auto inserted = select(
+        "INSERT INTO requests (device, kind, scope, saves, deletions, error) VALUES ($1, $2, $3, $4, $5, $6) "
+        "RETURNING id",
+        deviceID, name(kind), code(scope), saves, deletions, admission.error ? admission.error->code() : 0);
+    inserted->next();
+    admission.requestID = inserted->int64(0);
+  }
+  run("DELETE FROM requests WHERE id <= $1", admission.requestID - kRequestHistory);
   transaction.commit();
   return admission;
 }
 
 void CloudStore::finishRequest(std::int64_t requestID, int errorCode) {
   std::lock_guard lock(mutex_);
-  connection_.cached("UPDATE requests SET error = ?2 WHERE id = ?1").bind(1, requestID).bind(2, errorCode).execute();
+  run("UPDATE requests SET error = $2 WHERE id = $1", requestID, errorCode);
 }
 
 std::optional<CloudStore::ZoneRow> CloudStore::findZone(CKDatabaseScope scope, const CKRecordZoneID& zoneID) {
-  auto& select = connection_.cached(
-      "SELECT id, state, incarnation, sequence FROM zones WHERE scope = ?1 AND name = ?2 AND owner = ?3");
-  select.bind(1, static_cast<std::int64_t>(scope)).bind(2, zoneID.zoneName).bind(3, zoneID.ownerName);
-  sqlite::Cursor rows(select);
-  if (!rows.next()) return std::nullopt;
+  const auto rows =
+      select("SELECT id, state, incarnation, sequence FROM zones WHERE scope = $1 AND name = $2 AND owner = $3",
+             code(scope), zoneID.zoneName, zoneID.ownerName);
+  if (!rows->next()) return std::nullopt;
   return ZoneRow{rows->int64(0), rows->int64(1), rows->int64(2), rows->int64(3)};
 }
 
-std::optional<CloudStore::StoredRecord> CloudStore::findRecord(std::int64_t zone, const std::string& name) {
-  auto& select = connection_.cached(
-      "SELECT id, type, sequence, born, deleted, assets, created, fields FROM records WHERE zone = ?1 AND name = ?2");
-  select.bind(1, zone).bind(2, name);
-  sqlite::Cursor rows(select);
-  if (!rows.next()) return std::nullopt;
-  return StoredRecord{rows->int64(0),      rows->text(1),       rows->int64(2), rows->int64(3),
-                      rows->int64(4) != 0, rows->int64(5) != 0, rows->real(6),  std::string(blobColumn(*rows, 7))};
+void CloudStore::readBatch(const ZoneRow& zone, std::vector<std::string_view> names, ZoneBatch& batch) {
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  for (std::size_t first = 0; first < names.size(); first += kRowsPerStatement) {
+    const std::size_t count = std::min(kRowsPerStatement, names.size() - first);
+    SqlParameters parameters(zone.id);
+    for (std::size_t index = first; index < first + count; ++index) parameters.add(names[index]);
+    const auto rows = sql_->query(
+        "SELECT name, type, sequence, born, deleted, assets, created, modified, fields FROM records "
+        "WHERE zone = $1 AND name IN (" +
+            sqlPlaceholders(2, static_cast<int>(count)) + ")",
+        parameters.span());
+    while (rows->next()) {
+      batch.records.emplace(rows->text(0), StoredRecord{rows->text(1), rows->int64(2), rows->int64(3),
+                                                        rows->int64(4) != 0, rows->int64(5) != 0, rows->real(6),
+                                                        rows->real(7), std::string(rows->bytes(8)), false});
+    }
+  }
+}
+
+void CloudStore::writeBatch(const ZoneRow& zone, const ZoneBatch& batch) {
+  constexpr int kColumns = 10;
+  std::vector<const std::pair<const std::string, StoredRecord>*> dirty;
+  for (const auto& entry : batch.records) {
+    if (entry.second.dirty) dirty.push_back(&entry);
+  }
+  for (std::size_t first = 0; first < dirty.size(); first += kRowsPerStatement) {
+    const std::size_t count = std::min(kRowsPerStatement, dirty.size() - first);
+    std::string sql =
+        "INSERT INTO records (zone, name, type, sequence, born, deleted, assets, created, modified, fields) VALUES ";
+    SqlParameters parameters;
+    for (std::size_t index = 0; index < count; ++index) {
+      const auto& [name, record] = *dirty[first + index];
+      if (index > 0) sql += ", ";
+      sql += "(" + sqlPlaceholders(static_cast<int>(index) * kColumns + 1, kColumns) + ")";
+      parameters.add(zone.id);
+      parameters.add(name);
+      parameters.add(record.type);
+      parameters.add(record.sequence);
+      parameters.add(record.born);
+      parameters.add(record.deleted);
+      parameters.add(record.assets);
+      parameters.add(record.created);
+      parameters.add(record.modified);
+      if (record.deleted) {
+        parameters.add(nullptr);
+      } else {
+        parameters.add(SqlBytes{record.fields});
+      }
+    }
+    sql +=
+        " ON CONFLICT (zone, name) DO UPDATE SET type = excluded.type, sequence = excluded.sequence, "
+        "born = excluded.born, deleted = excluded.deleted, assets = excluded.assets, created = excluded.created, "
+        "modified = excluded.modified, fields = excluded.fields";
+    sql_->execute(sql, parameters.span());
+  }
 }
 
 void CloudStore::touchZone(CKDatabaseScope scope, std::int64_t zone, std::int64_t zoneSequence) {
-  connection_.cached("UPDATE databases SET sequence = sequence + 1 WHERE scope = ?1")
-      .bind(1, static_cast<std::int64_t>(scope))
-      .execute();
-  connection_
-      .cached(
-          "UPDATE zones SET sequence = ?2, changed = (SELECT sequence FROM databases WHERE scope = zones.scope) "
-          "WHERE id = ?1")
-      .bind(1, zone)
-      .bind(2, zoneSequence)
-      .execute();
+  run("UPDATE databases SET sequence = sequence + 1 WHERE scope = $1", code(scope));
+  run("UPDATE zones SET sequence = $2, changed = (SELECT sequence FROM databases WHERE scope = zones.scope) "
+      "WHERE id = $1",
+      zone, zoneSequence);
 }
 
 void CloudStore::purgeZone(std::int64_t zone) {
   std::vector<std::int64_t> assetIDs;
   {
-    auto& select = connection_.cached("SELECT fields FROM records WHERE zone = ?1 AND assets != 0");
-    select.bind(1, zone);
-    for (sqlite::Cursor rows(select); rows.next();) {
-      const auto some = assetIDsOf(blobColumn(*rows, 0));
+    const auto rows = select("SELECT fields FROM records WHERE zone = $1 AND assets != 0", zone);
+    while (rows->next()) {
+      const auto some = assetIDsOf(rows->bytes(0));
       assetIDs.insert(assetIDs.end(), some.begin(), some.end());
     }
   }
   releaseAssets(assetIDs);
-  connection_.cached("DELETE FROM records WHERE zone = ?1").bind(1, zone).execute();
+  run("DELETE FROM records WHERE zone = $1", zone);
 }
 
 std::string CloudStore::storeAssetValue(const CKRecordValue& value) {
-  const AssetCoding storing{
-      [this](ByteWriter& writer, const CKAsset& asset) {
-        const std::string bytes = readFile(*asset.fileURL);
-        connection_.cached("INSERT INTO assets (bytes) VALUES (?1)").bind(1, asBlob(bytes)).execute();
-        writer.varint(static_cast<std::uint64_t>(connection_.lastInsertRowId()));
-      },
-      {}};
+  const AssetCoding storing{[this](ByteWriter& writer, const CKAsset& asset) {
+                              const std::string bytes = readFile(*asset.fileURL);
+                              const auto inserted =
+                                  select("INSERT INTO assets (bytes) VALUES ($1) RETURNING id", SqlBytes{bytes});
+                              inserted->next();
+                              writer.varint(static_cast<std::uint64_t>(inserted->int64(0)));
+                            },
+                            {}};
   return encodeValue(value, storing);
 }
 
 void CloudStore::releaseAssets(const std::vector<std::int64_t>& assetIDs) {
-  for (const std::int64_t id : assetIDs) connection_.cached("DELETE FROM assets WHERE id = ?1").bind(1, id).execute();
+  for (const std::int64_t id : assetIDs) run("DELETE FROM assets WHERE id = $1", id);
 }
 
 CKAsset CloudStore::cachedAsset(std::int64_t assetID) {
@@ -413,15 +305,13 @@ CKAsset CloudStore::cachedAsset(std::int64_t assetID) {
   const std::filesystem::path file = folder / (identity_ + "-" + std::to_string(assetID));
   std::error_code error;
   if (std::filesystem::is_regular_file(file, error)) return CKAsset{file};
-  auto& select = connection_.cached("SELECT bytes FROM assets WHERE id = ?1");
-  select.bind(1, assetID);
-  sqlite::Cursor rows(select);
-  if (!rows.next()) return CKAsset{};
+  const auto rows = select("SELECT bytes FROM assets WHERE id = $1", assetID);
+  if (!rows->next()) return CKAsset{};
   std::filesystem::create_directories(folder, error);
   const std::filesystem::path partial = file.string() + "." + makeUUIDString();
   {
     std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-    const std::string_view bytes = blobColumn(*rows, 0);
+    const std::string_view bytes = rows->bytes(0);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     if (!out) throw std::runtime_error("Cannot write the asset file " + partial.string());
   }
@@ -429,19 +319,20 @@ CKAsset CloudStore::cachedAsset(std::int64_t assetID) {
   return CKAsset{file};
 }
 
-CKRecord CloudStore::readRecord(const sqlite::Statement& row, const CKRecordZoneID& zoneID) {
+CKRecord CloudStore::readRecord(const SqlRows& row, const CKRecordZoneID& zoneID) {
   const AssetCoding reading{
       {}, [this](ByteReader& reader) { return cachedAsset(static_cast<std::int64_t>(reader.varint())); }};
-  return CKRecord::fromServer(row.text(1), CKRecordID{row.text(0), zoneID},
-                              decodeFieldValues(blobColumn(row, 6), reading), changeTag(row.int64(2)),
-                              Date::fromTimeIntervalSinceReferenceDate(row.real(4)),
+  return CKRecord::fromServer(row.text(1), CKRecordID{row.text(0), zoneID}, decodeFieldValues(row.bytes(6), reading),
+                              changeTag(row.int64(2)), Date::fromTimeIntervalSinceReferenceDate(row.real(4)),
                               Date::fromTimeIntervalSinceReferenceDate(row.real(5)));
 }
 
-std::optional<CKError> CloudStore::saveRecord(const ZoneRow& zone, const CKRecord& record, CKRecordSavePolicy policy,
+std::optional<CKError> CloudStore::saveRecord(ZoneBatch& batch, const CKRecord& record, CKRecordSavePolicy policy,
                                               std::int64_t& sequence, std::vector<Change>& changes,
                                               std::vector<CKRecord>& saved) {
-  const auto existing = findRecord(zone.id, record.recordID().recordName);
+  const std::string& recordName = record.recordID().recordName;
+  const auto found = batch.records.find(recordName);
+  const StoredRecord* existing = found != batch.records.end() ? &found->second : nullptr;
   const bool live = existing && !existing->deleted;
   if (policy == CKRecordSavePolicy::ifServerRecordUnchanged) {
     if (live && record.recordChangeTag() != changeTag(existing->sequence)) {
@@ -451,8 +342,8 @@ std::optional<CKError> CloudStore::saveRecord(const ZoneRow& zone, const CKRecor
     if (!live && record.recordChangeTag()) return CKError(CKErrorCode::unknownItem);
   }
   if (live && existing->type != record.recordType()) {
-    return CKError(CKErrorCode::invalidArguments, "The record " + record.recordID().recordName + " is a " +
-                                                      existing->type + ", not a " + record.recordType());
+    return CKError(CKErrorCode::invalidArguments,
+                   "The record " + recordName + " is a " + existing->type + ", not a " + record.recordType());
   }
 
   // What the save writes: every key with a value (all keys), or the keys
@@ -490,23 +381,15 @@ std::optional<CKError> CloudStore::saveRecord(const ZoneRow& zone, const CKRecor
   ++sequence;
   const double now = Date::now().timeIntervalSinceReferenceDate();
   const double created = live ? existing->created : now;
-  const std::string encoded = encodeFields(fields);
-  auto& upsert = connection_.cached(
-      "INSERT INTO records (zone, name, type, sequence, born, deleted, assets, created, modified, fields) "
-      "VALUES (?1, ?2, ?3, ?4, ?5, 0, ?6, ?7, ?8, ?9) "
-      "ON CONFLICT (zone, name) DO UPDATE SET type = ?3, sequence = ?4, born = ?5, deleted = 0, assets = ?6, "
-      "created = ?7, modified = ?8, fields = ?9");
-  upsert.bind(1, zone.id)
-      .bind(2, record.recordID().recordName)
-      .bind(3, record.recordType())
-      .bind(4, sequence)
-      .bind(5, live ? existing->born : sequence)
-      .bind(6, anyAssets(fields))
-      .bind(7, created)
-      .bind(8, now)
-      .bind(9, asBlob(encoded));
-  upsert.execute();
-  changes.push_back({record.recordType(), record.recordID().recordName,
+  StoredRecord written{
+      record.recordType(),  sequence, live ? existing->born : sequence, false, anyAssets(fields), created, now,
+      encodeFields(fields), true};
+  if (found != batch.records.end()) {
+    found->second = std::move(written);
+  } else {
+    batch.records.emplace(recordName, std::move(written));
+  }
+  changes.push_back({record.recordType(), recordName,
                      live ? CKQuerySubscription::firesOnRecordUpdate : CKQuerySubscription::firesOnRecordCreation});
 
   // The client's record with the server's system fields, as the platform answers a save.
@@ -520,19 +403,19 @@ std::optional<CKError> CloudStore::saveRecord(const ZoneRow& zone, const CKRecor
   return std::nullopt;
 }
 
-void CloudStore::deleteRecord(const ZoneRow& zone, const CKRecordID& recordID, std::int64_t& sequence,
+void CloudStore::deleteRecord(ZoneBatch& batch, const CKRecordID& recordID, std::int64_t& sequence,
                               std::vector<Change>& changes) {
-  const auto existing = findRecord(zone.id, recordID.recordName);
-  if (!existing || existing->deleted) return;
-  if (existing->assets) releaseAssets(assetIDsOf(existing->fields));
-  ++sequence;
-  connection_
-      .cached("UPDATE records SET deleted = 1, assets = 0, fields = NULL, sequence = ?2, modified = ?3 WHERE id = ?1")
-      .bind(1, existing->id)
-      .bind(2, sequence)
-      .bind(3, Date::now().timeIntervalSinceReferenceDate())
-      .execute();
-  changes.push_back({existing->type, recordID.recordName, CKQuerySubscription::firesOnRecordDeletion});
+  const auto found = batch.records.find(recordID.recordName);
+  if (found == batch.records.end() || found->second.deleted) return;
+  StoredRecord& existing = found->second;
+  if (existing.assets) releaseAssets(assetIDsOf(existing.fields));
+  existing.sequence = ++sequence;
+  existing.deleted = true;
+  existing.assets = false;
+  existing.fields.clear();
+  existing.modified = Date::now().timeIntervalSinceReferenceDate();
+  existing.dirty = true;
+  changes.push_back({existing.type, recordID.recordName, CKQuerySubscription::firesOnRecordDeletion});
 }
 
 ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDatabaseScope scope,
@@ -555,7 +438,7 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
     batchFor(recordID.zoneID).deletions.push_back(&recordID);
 
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
+  SqlTransaction transaction(*sql_, CloudSql::Access::write);
   ModifyRecordsOutcome outcome;
   CKError::ItemErrors failures;
   std::vector<Change> changes;
@@ -568,19 +451,28 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
       for (const CKRecordID* recordID : batch.deletions) failures.emplace_back(*recordID, error);
       continue;
     }
-    connection_.execute("SAVEPOINT zoneBatch");
+    ZoneBatch records;
+    {
+      std::vector<std::string_view> names;
+      for (const CKRecord* record : batch.saves) names.push_back(record->recordID().recordName);
+      for (const CKRecordID* recordID : batch.deletions) names.push_back(recordID->recordName);
+      readBatch(*zone, std::move(names), records);
+    }
+    // Assets are stored as the saves go; a zone that fails as a whole takes them back.
+    sql_->execute("SAVEPOINT zoneBatch");
     std::int64_t sequence = zone->sequence;
     std::vector<Change> zoneChanges;
     std::vector<std::optional<CKError>> saveErrors;
     std::vector<CKRecord> saved;
     for (const CKRecord* record : batch.saves) {
-      saveErrors.push_back(saveRecord(*zone, *record, operation.savePolicy, sequence, zoneChanges, saved));
+      saveErrors.push_back(saveRecord(records, *record, operation.savePolicy, sequence, zoneChanges, saved));
     }
-    for (const CKRecordID* recordID : batch.deletions) deleteRecord(*zone, *recordID, sequence, zoneChanges);
+    for (const CKRecordID* recordID : batch.deletions) deleteRecord(records, *recordID, sequence, zoneChanges);
 
     const bool failed = std::any_of(saveErrors.begin(), saveErrors.end(), [](const auto& error) { return error; });
     if (failed && operation.isAtomic) {
-      connection_.execute("ROLLBACK TO zoneBatch; RELEASE zoneBatch");
+      sql_->execute("ROLLBACK TO SAVEPOINT zoneBatch");
+      sql_->execute("RELEASE SAVEPOINT zoneBatch");
       const CKError spoiled(CKErrorCode::batchRequestFailed);
       for (std::size_t index = 0; index < batch.saves.size(); ++index) {
         failures.emplace_back(batch.saves[index]->recordID(), saveErrors[index].value_or(spoiled));
@@ -588,7 +480,8 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
       for (const CKRecordID* recordID : batch.deletions) failures.emplace_back(*recordID, spoiled);
       continue;
     }
-    connection_.execute("RELEASE zoneBatch");
+    writeBatch(*zone, records);
+    sql_->execute("RELEASE SAVEPOINT zoneBatch");
     for (std::size_t index = 0; index < batch.saves.size(); ++index) {
       if (saveErrors[index]) failures.emplace_back(batch.saves[index]->recordID(), *saveErrors[index]);
     }
@@ -606,15 +499,13 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
 DatabaseChangesPage CloudStore::databaseChanges(CKDatabaseScope scope, const std::optional<CKServerChangeToken>& since,
                                                 std::size_t limit) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_, sqlite::Transaction::Behavior::deferred);
+  SqlTransaction transaction(*sql_, CloudSql::Access::read);
   DatabaseChangesPage page;
   const std::int64_t epoch = setting("epoch");
   std::int64_t current = 0;
   {
-    auto& select = connection_.cached("SELECT sequence FROM databases WHERE scope = ?1");
-    select.bind(1, static_cast<std::int64_t>(scope));
-    sqlite::Cursor rows(select);
-    if (rows.next()) current = rows->int64(0);
+    const auto rows = select("SELECT sequence FROM databases WHERE scope = $1", code(scope));
+    if (rows->next()) current = rows->int64(0);
   }
   std::int64_t from = 0;
   if (since) {
@@ -630,17 +521,14 @@ DatabaseChangesPage CloudStore::databaseChanges(CKDatabaseScope scope, const std
     from = token->sequence;
   }
   // A client that starts from nothing hears only of the zones there are.
-  auto& select = connection_.cached(
+  const auto rows = select(
       "SELECT name, owner, state, changed FROM zones "
-      "WHERE scope = ?1 AND changed > ?2 AND name != '_defaultZone' AND (?3 OR state = 0) "
-      "ORDER BY changed LIMIT ?4");
-  select.bind(1, static_cast<std::int64_t>(scope))
-      .bind(2, from)
-      .bind(3, since.has_value())
-      .bind(4, static_cast<std::int64_t>(limit) + 1);
+      "WHERE scope = $1 AND changed > $2 AND name != '_defaultZone' AND ($3 = 1 OR state = 0) "
+      "ORDER BY changed LIMIT $4",
+      code(scope), from, since.has_value(), limit + 1);
   std::int64_t last = current;
   std::size_t count = 0;
-  for (sqlite::Cursor rows(select); rows.next();) {
+  while (rows->next()) {
     if (count++ == limit) {
       page.moreComing = true;
       break;
@@ -656,7 +544,7 @@ DatabaseChangesPage CloudStore::databaseChanges(CKDatabaseScope scope, const std
 ZoneChangesPage CloudStore::zoneChanges(CKDatabaseScope scope, const CKRecordZoneID& zoneID,
                                         const std::optional<CKServerChangeToken>& since, std::size_t limit) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_, sqlite::Transaction::Behavior::deferred);
+  SqlTransaction transaction(*sql_, CloudSql::Access::read);
   ZoneChangesPage page;
   const auto zone = findZone(scope, zoneID);
   if (!zone || zone->state != kLive) {
@@ -682,12 +570,12 @@ ZoneChangesPage CloudStore::zoneChanges(CKDatabaseScope scope, const CKRecordZon
   // A fetch from nothing names the deletions too: a client whose token
   // expired starts over from nothing, and would otherwise keep for good
   // what another device deleted meanwhile.
-  auto& select = connection_.cached("SELECT " + std::string(kRecordColumns) +
-                                    " FROM records WHERE zone = ?1 AND sequence > ?2 ORDER BY sequence LIMIT ?3");
-  select.bind(1, zone->id).bind(2, from).bind(3, static_cast<std::int64_t>(limit) + 1);
+  const auto rows = select("SELECT " + std::string(kRecordColumns) +
+                               " FROM records WHERE zone = $1 AND sequence > $2 ORDER BY sequence LIMIT $3",
+                           zone->id, from, limit + 1);
   std::int64_t last = zone->sequence;
   std::size_t count = 0;
-  for (sqlite::Cursor rows(select); rows.next();) {
+  while (rows->next()) {
     if (count++ == limit) {
       page.moreComing = true;
       break;
@@ -707,7 +595,7 @@ ZoneChangesPage CloudStore::zoneChanges(CKDatabaseScope scope, const CKRecordZon
 QueryPage CloudStore::query(CKDatabaseScope scope, const std::optional<CKQuery>& query,
                             const std::optional<CKQueryCursor>& cursor, std::size_t limit) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_, sqlite::Transaction::Behavior::deferred);
+  SqlTransaction transaction(*sql_, CloudSql::Access::read);
   QueryPage page;
   QueryPosition position{identity_, scope, {}, 0};
   if (cursor) {
@@ -730,15 +618,12 @@ QueryPage CloudStore::query(CKDatabaseScope scope, const std::optional<CKQuery>&
   const CKRecordZoneID zoneID = CKRecordZoneID::defaultZone();
   const auto zone = findZone(scope, zoneID);
   if (!zone) return page;
-  auto& select = connection_.cached(
+  const auto rows = select(
       "SELECT " + std::string(kRecordColumns) +
-      ", born FROM records WHERE zone = ?1 AND type = ?2 AND deleted = 0 AND born > ?3 ORDER BY born LIMIT ?4");
-  select.bind(1, zone->id)
-      .bind(2, position.recordType)
-      .bind(3, position.after)
-      .bind(4, static_cast<std::int64_t>(limit) + 1);
+          ", born FROM records WHERE zone = $1 AND type = $2 AND deleted = 0 AND born > $3 ORDER BY born LIMIT $4",
+      zone->id, position.recordType, position.after, limit + 1);
   bool more = false;
-  for (sqlite::Cursor rows(select); rows.next();) {
+  while (rows->next()) {
     if (page.records.size() == limit) {
       more = true;
       break;
@@ -753,7 +638,7 @@ QueryPage CloudStore::query(CKDatabaseScope scope, const std::optional<CKQuery>&
 ModifyZonesOutcome CloudStore::modifyZones(const std::string& deviceID, CKDatabaseScope scope,
                                            const CKModifyRecordZonesOperation& operation) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
+  SqlTransaction transaction(*sql_, CloudSql::Access::write);
   ModifyZonesOutcome outcome;
   for (const CKRecordZoneID& zoneID : operation.recordZoneIDsToDelete) {
     if (zoneID.isDefault()) {
@@ -765,20 +650,15 @@ ModifyZonesOutcome CloudStore::modifyZones(const std::string& deviceID, CKDataba
   for (const CKRecordZone& zone : operation.recordZonesToSave) {
     const auto found = findZone(scope, zone.zoneID);
     if (!found) {
-      connection_
-          .cached(
-              "INSERT INTO zones (scope, name, owner, state, incarnation, sequence, changed) "
-              "VALUES (?1, ?2, ?3, 0, 0, 0, 0)")
-          .bind(1, static_cast<std::int64_t>(scope))
-          .bind(2, zone.zoneID.zoneName)
-          .bind(3, zone.zoneID.ownerName)
-          .execute();
-      touchZone(scope, connection_.lastInsertRowId(), 0);
+      const auto inserted = select(
+          "INSERT INTO zones (scope, name, owner, state, incarnation, sequence, changed) "
+          "VALUES ($1, $2, $3, 0, 0, 0, 0) RETURNING id",
+          code(scope), zone.zoneID.zoneName, zone.zoneID.ownerName);
+      inserted->next();
+      touchZone(scope, inserted->int64(0), 0);
       changed = true;
     } else if (found->state != kLive) {
-      connection_.cached("UPDATE zones SET state = 0, incarnation = incarnation + 1 WHERE id = ?1")
-          .bind(1, found->id)
-          .execute();
+      run("UPDATE zones SET state = 0, incarnation = incarnation + 1 WHERE id = $1", found->id);
       touchZone(scope, found->id, found->sequence);
       changed = true;
     }
@@ -788,10 +668,7 @@ ModifyZonesOutcome CloudStore::modifyZones(const std::string& deviceID, CKDataba
     const auto found = findZone(scope, zoneID);
     if (found && found->state == kLive) {
       purgeZone(found->id);
-      connection_.cached("UPDATE zones SET state = ?2 WHERE id = ?1")
-          .bind(1, found->id)
-          .bind(2, kDeletedByApp)
-          .execute();
+      run("UPDATE zones SET state = $2 WHERE id = $1", found->id, static_cast<std::int64_t>(kDeletedByApp));
       touchZone(scope, found->id, found->sequence);
       changed = true;
     }
@@ -804,19 +681,14 @@ ModifyZonesOutcome CloudStore::modifyZones(const std::string& deviceID, CKDataba
 
 void CloudStore::modifySubscriptions(CKDatabaseScope scope, const CKModifySubscriptionsOperation& operation) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
+  SqlTransaction transaction(*sql_, CloudSql::Access::write);
   for (const CKSubscription& subscription : operation.subscriptionsToSave) {
-    connection_.cached("INSERT OR REPLACE INTO subscriptions (scope, id, body) VALUES (?1, ?2, ?3)")
-        .bind(1, static_cast<std::int64_t>(scope))
-        .bind(2, subscriptionID(subscription))
-        .bind(3, encodeSubscription(subscription))
-        .execute();
+    run("INSERT INTO subscriptions (scope, id, body) VALUES ($1, $2, $3) "
+        "ON CONFLICT (scope, id) DO UPDATE SET body = excluded.body",
+        code(scope), subscriptionID(subscription), encodeSubscription(subscription));
   }
   for (const std::string& id : operation.subscriptionIDsToDelete) {
-    connection_.cached("DELETE FROM subscriptions WHERE scope = ?1 AND id = ?2")
-        .bind(1, static_cast<std::int64_t>(scope))
-        .bind(2, id)
-        .execute();
+    run("DELETE FROM subscriptions WHERE scope = $1 AND id = $2", code(scope), id);
   }
   transaction.commit();
 }
@@ -832,9 +704,8 @@ NotifiedDevices CloudStore::leavePushes(const std::optional<std::string>& origin
   };
   std::vector<Matched> matched;
   {
-    auto& select = connection_.cached("SELECT body FROM subscriptions WHERE scope = ?1 ORDER BY id");
-    select.bind(1, static_cast<std::int64_t>(scope));
-    for (sqlite::Cursor rows(select); rows.next();) {
+    const auto rows = select("SELECT body FROM subscriptions WHERE scope = $1 ORDER BY id", code(scope));
+    while (rows->next()) {
       const auto subscription = decodeSubscription(rows->text(0));
       if (!subscription) continue;
       if (const auto* database = std::get_if<CKDatabaseSubscription>(&*subscription)) {
@@ -861,8 +732,8 @@ NotifiedDevices CloudStore::leavePushes(const std::optional<std::string>& origin
 
   std::vector<std::string> devices;
   {
-    auto& select = connection_.cached("SELECT device FROM devices ORDER BY device");
-    for (sqlite::Cursor rows(select); rows.next();) {
+    const auto rows = select("SELECT device FROM devices ORDER BY device");
+    while (rows->next()) {
       if (rows->text(0) != originator) devices.push_back(rows->text(0));
     }
   }
@@ -871,9 +742,9 @@ NotifiedDevices CloudStore::leavePushes(const std::optional<std::string>& origin
   for (const std::string& device : devices) {
     for (const Matched& match : matched) {
       // A push already waiting for the subscription says all this one would.
-      auto& waiting = connection_.cached("SELECT 1 FROM pushes WHERE device = ?1 AND scope = ?2 AND subscription = ?3");
-      waiting.bind(1, device).bind(2, static_cast<std::int64_t>(scope)).bind(3, match.subscriptionID);
-      if (sqlite::Cursor rows(waiting); rows.next()) {
+      if (select("SELECT 1 FROM pushes WHERE device = $1 AND scope = $2 AND subscription = $3", device, code(scope),
+                 match.subscriptionID)
+              ->next()) {
         notified.insert(device);
         continue;
       }
@@ -882,93 +753,84 @@ NotifiedDevices CloudStore::leavePushes(const std::optional<std::string>& origin
         --dropped;
         continue;
       }
-      connection_.cached("INSERT INTO pushes (device, scope, subscription, userInfo) VALUES (?1, ?2, ?3, ?4)")
-          .bind(1, device)
-          .bind(2, static_cast<std::int64_t>(scope))
-          .bind(3, match.subscriptionID)
-          .bind(4, match.userInfo.dump())
-          .execute();
+      run("INSERT INTO pushes (device, scope, subscription, userInfo) VALUES ($1, $2, $3, $4)", device, code(scope),
+          match.subscriptionID, match.userInfo.dump());
       notified.insert(device);
     }
   }
   if (dropped != droppedBefore) setSetting("dropPushes", dropped);
+  if (!notified.empty()) sql_->announcePushes();
   return notified;
 }
 
 std::vector<nlohmann::json> CloudStore::takePushes(const std::string& deviceID) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
+  SqlTransaction transaction(*sql_, CloudSql::Access::write);
   std::vector<nlohmann::json> pushes;
-  auto& select = connection_.cached("SELECT userInfo FROM pushes WHERE device = ?1 ORDER BY id");
-  select.bind(1, deviceID);
-  for (sqlite::Cursor rows(select); rows.next();) pushes.push_back(nlohmann::json::parse(rows->text(0)));
-  if (!pushes.empty()) connection_.cached("DELETE FROM pushes WHERE device = ?1").bind(1, deviceID).execute();
+  {
+    const auto rows = select("SELECT userInfo FROM pushes WHERE device = $1 ORDER BY id", deviceID);
+    while (rows->next()) pushes.push_back(nlohmann::json::parse(rows->text(0)));
+  }
+  if (!pushes.empty()) run("DELETE FROM pushes WHERE device = $1", deviceID);
   transaction.commit();
   return pushes;
 }
 
 std::size_t CloudStore::pushCount(const std::string& deviceID) {
   std::lock_guard lock(mutex_);
-  auto& select = connection_.cached("SELECT count(*) FROM pushes WHERE device = ?1");
-  select.bind(1, deviceID);
-  sqlite::Cursor rows(select);
-  return rows.next() ? static_cast<std::size_t>(rows->int64(0)) : 0;
+  const auto rows = select("SELECT count(*) FROM pushes WHERE device = $1", deviceID);
+  return rows->next() ? static_cast<std::size_t>(rows->int64(0)) : 0;
+}
+
+bool CloudStore::waitForPushes(std::chrono::milliseconds timeout) {
+  // Not under the mutex: the wait has a connection of its own, and the
+  // store goes on serving the device's operations meanwhile.
+  return sql_->waitForAnnouncement(timeout);
 }
 
 void CloudStore::rememberLongLived(const std::string& deviceID, const CKModifyRecordsOperation& operation) {
   const std::string body = encodeModifyOperation(operation);
   std::lock_guard lock(mutex_);
-  connection_
-      .cached(
-          "INSERT INTO longLived (device, operation, body) VALUES (?1, ?2, ?3) "
-          "ON CONFLICT (device, operation) DO UPDATE SET body = ?3")
-      .bind(1, deviceID)
-      .bind(2, operation.operationID)
-      .bind(3, asBlob(body))
-      .execute();
+  run("INSERT INTO longLived (device, operation, body) VALUES ($1, $2, $3) "
+      "ON CONFLICT (device, operation) DO UPDATE SET body = $3",
+      deviceID, operation.operationID, SqlBytes{body});
 }
 
 void CloudStore::forgetLongLived(const std::string& deviceID, const std::string& operationID) {
   std::lock_guard lock(mutex_);
-  connection_.cached("DELETE FROM longLived WHERE device = ?1 AND operation = ?2")
-      .bind(1, deviceID)
-      .bind(2, operationID)
-      .execute();
+  run("DELETE FROM longLived WHERE device = $1 AND operation = $2", deviceID, operationID);
 }
 
 std::vector<std::string> CloudStore::longLivedIDs(const std::string& deviceID) {
   std::lock_guard lock(mutex_);
   std::vector<std::string> ids;
-  auto& select = connection_.cached("SELECT operation FROM longLived WHERE device = ?1 ORDER BY id");
-  select.bind(1, deviceID);
-  for (sqlite::Cursor rows(select); rows.next();) ids.push_back(rows->text(0));
+  const auto rows = select("SELECT operation FROM longLived WHERE device = $1 ORDER BY id", deviceID);
+  while (rows->next()) ids.push_back(rows->text(0));
   return ids;
 }
 
 std::shared_ptr<CKModifyRecordsOperation> CloudStore::longLived(const std::string& deviceID,
                                                                 const std::string& operationID) {
   std::lock_guard lock(mutex_);
-  auto& select = connection_.cached("SELECT body FROM longLived WHERE device = ?1 AND operation = ?2");
-  select.bind(1, deviceID).bind(2, operationID);
-  sqlite::Cursor rows(select);
-  if (!rows.next()) return nullptr;
-  return decodeModifyOperation(operationID, blobColumn(*rows, 0));
+  const auto rows = select("SELECT body FROM longLived WHERE device = $1 AND operation = $2", deviceID, operationID);
+  if (!rows->next()) return nullptr;
+  return decodeModifyOperation(operationID, rows->bytes(0));
 }
 
 void CloudStore::addFault(const CloudFault& fault) {
   if (fault.times <= 0) return;
   std::lock_guard lock(mutex_);
-  auto& insert = connection_.cached("INSERT INTO faults (code, retryAfter, times, kind) VALUES (?1, ?2, ?3, ?4)");
-  insert.bind(1, fault.code).bind(2, fault.retryAfter).bind(3, fault.times);
-  if (fault.on) insert.bind(4, name(*fault.on));
-  insert.execute();
+  std::optional<std::string_view> kind;
+  if (fault.on) kind = name(*fault.on);
+  run("INSERT INTO faults (code, retryAfter, times, kind) VALUES ($1, $2, $3, $4)", fault.code, fault.retryAfter,
+      fault.times, kind);
 }
 
 std::vector<CloudFault> CloudStore::faults() {
   std::lock_guard lock(mutex_);
   std::vector<CloudFault> faults;
-  auto& select = connection_.cached("SELECT code, retryAfter, times, kind FROM faults ORDER BY id");
-  for (sqlite::Cursor rows(select); rows.next();) {
+  const auto rows = select("SELECT code, retryAfter, times, kind FROM faults ORDER BY id");
+  while (rows->next()) {
     CloudFault fault;
     fault.code = static_cast<int>(rows->int64(0));
     if (!rows->isNull(1)) fault.retryAfter = rows->real(1);
@@ -981,22 +843,22 @@ std::vector<CloudFault> CloudStore::faults() {
 
 void CloudStore::clearFaults() {
   std::lock_guard lock(mutex_);
-  connection_.execute("DELETE FROM faults");
+  sql_->execute("DELETE FROM faults");
 }
 
 void CloudStore::expireTokens() {
   std::lock_guard lock(mutex_);
-  connection_.execute("UPDATE settings SET value = value + 1 WHERE key = 'epoch'");
+  sql_->execute("UPDATE settings SET value = value + 1 WHERE key = 'epoch'");
 }
 
 NotifiedDevices CloudStore::deleteZoneByUser(CKDatabaseScope scope, const CKRecordZoneID& zoneID) {
   if (zoneID.isDefault()) throw CKError(CKErrorCode::invalidArguments, "The default zone cannot be deleted");
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
+  SqlTransaction transaction(*sql_, CloudSql::Access::write);
   const auto zone = findZone(scope, zoneID);
   if (!zone || zone->state != kLive) return {};
   purgeZone(zone->id);
-  connection_.cached("UPDATE zones SET state = ?2 WHERE id = ?1").bind(1, zone->id).bind(2, kDeletedByUser).execute();
+  run("UPDATE zones SET state = $2 WHERE id = $1", zone->id, static_cast<std::int64_t>(kDeletedByUser));
   touchZone(scope, zone->id, zone->sequence);
   // Nobody's device did it, so every device hears of it.
   NotifiedDevices notified = leavePushes(std::nullopt, scope, {}, true);
@@ -1004,52 +866,45 @@ NotifiedDevices CloudStore::deleteZoneByUser(CKDatabaseScope scope, const CKReco
   return notified;
 }
 
-void CloudStore::dropCompletions(int count) {
-  std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
-  setSetting("dropCompletions", std::max<std::int64_t>(0, setting("dropCompletions") + count));
-  transaction.commit();
-}
+void CloudStore::dropCompletions(int count) { addToSetting("dropCompletions", count); }
 
-void CloudStore::dropPushes(int count) {
+void CloudStore::dropPushes(int count) { addToSetting("dropPushes", count); }
+
+void CloudStore::addToSetting(std::string_view key, int count) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_);
-  setSetting("dropPushes", std::max<std::int64_t>(0, setting("dropPushes") + count));
+  SqlTransaction transaction(*sql_, CloudSql::Access::write);
+  setSetting(key, std::max<std::int64_t>(0, setting(key) + count));
   transaction.commit();
 }
 
 std::vector<CKRecord> CloudStore::records(CKDatabaseScope scope, const std::optional<std::string>& recordType) {
   std::lock_guard lock(mutex_);
-  sqlite::Transaction transaction(connection_, sqlite::Transaction::Behavior::deferred);
+  SqlTransaction transaction(*sql_, CloudSql::Access::read);
   std::vector<CKRecord> records;
-  auto& select = connection_.cached(
+  const auto rows = select(
       "SELECT r.name, r.type, r.sequence, r.deleted, r.created, r.modified, r.fields, z.name, z.owner "
       "FROM records r JOIN zones z ON z.id = r.zone "
-      "WHERE z.scope = ?1 AND z.state = 0 AND r.deleted = 0 AND (?2 IS NULL OR r.type = ?2) "
-      "ORDER BY z.name, z.owner, r.name");
-  select.bind(1, static_cast<std::int64_t>(scope)).bind(2, recordType);
-  for (sqlite::Cursor rows(select); rows.next();) {
-    records.push_back(readRecord(*rows, CKRecordZoneID{rows->text(7), rows->text(8)}));
-  }
+      "WHERE z.scope = $1 AND z.state = 0 AND r.deleted = 0 AND (CAST($2 AS TEXT) IS NULL OR r.type = $2) "
+      "ORDER BY z.name, z.owner, r.name",
+      code(scope), recordType);
+  while (rows->next()) records.push_back(readRecord(*rows, CKRecordZoneID{rows->text(7), rows->text(8)}));
   return records;
 }
 
 std::vector<CKRecordZone> CloudStore::zones(CKDatabaseScope scope) {
   std::lock_guard lock(mutex_);
   std::vector<CKRecordZone> zones;
-  auto& select =
-      connection_.cached("SELECT name, owner FROM zones WHERE scope = ?1 AND state = 0 ORDER BY name, owner");
-  select.bind(1, static_cast<std::int64_t>(scope));
-  for (sqlite::Cursor rows(select); rows.next();) zones.push_back(CKRecordZone{{rows->text(0), rows->text(1)}});
+  const auto rows =
+      select("SELECT name, owner FROM zones WHERE scope = $1 AND state = 0 ORDER BY name, owner", code(scope));
+  while (rows->next()) zones.push_back(CKRecordZone{{rows->text(0), rows->text(1)}});
   return zones;
 }
 
 std::vector<CKSubscription> CloudStore::subscriptions(CKDatabaseScope scope) {
   std::lock_guard lock(mutex_);
   std::vector<CKSubscription> subscriptions;
-  auto& select = connection_.cached("SELECT body FROM subscriptions WHERE scope = ?1 ORDER BY id");
-  select.bind(1, static_cast<std::int64_t>(scope));
-  for (sqlite::Cursor rows(select); rows.next();) {
+  const auto rows = select("SELECT body FROM subscriptions WHERE scope = $1 ORDER BY id", code(scope));
+  while (rows->next()) {
     if (auto subscription = decodeSubscription(rows->text(0))) subscriptions.push_back(std::move(*subscription));
   }
   return subscriptions;
@@ -1058,8 +913,8 @@ std::vector<CKSubscription> CloudStore::subscriptions(CKDatabaseScope scope) {
 std::vector<CloudRequest> CloudStore::requests() {
   std::lock_guard lock(mutex_);
   std::vector<CloudRequest> requests;
-  auto& select = connection_.cached("SELECT device, kind, scope, saves, deletions, error FROM requests ORDER BY id");
-  for (sqlite::Cursor rows(select); rows.next();) {
+  const auto rows = select("SELECT device, kind, scope, saves, deletions, error FROM requests ORDER BY id");
+  while (rows->next()) {
     requests.push_back(
         CloudRequest{rows->text(0), operationKindNamed(rows->text(1)).value_or(CKOperationKind::modifyRecords),
                      static_cast<CKDatabaseScope>(rows->int64(2)), static_cast<std::size_t>(rows->int64(3)),

@@ -1,6 +1,7 @@
 // The cloud's server: what it holds and how an operation changes it, over
-// one SQLite database. In memory that database is private to the emulator;
-// in a folder it is the file that the installations of one user share, so
+// one SQL session (CloudSql.h). In memory that database is private to the
+// emulator; in a folder it is the file that the installations of one user
+// share, and on a server the user's schema that all their devices reach, so
 // every call is one transaction and reads nothing kept from an earlier one.
 //
 // The store decides and records; it calls no client block. The emulator
@@ -8,6 +9,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -20,10 +22,10 @@
 #include <variant>
 #include <vector>
 
+#include "cloudkit/CloudSql.h"
 #include "tarnwell/cloudkit/CloudEmulator.h"
 #include "tarnwell/cloudkit/Errors.h"
 #include "tarnwell/cloudkit/Operations.h"
-#include "tarnwell/platform/Sqlite.h"
 
 namespace tarnwell::cloudkit {
 
@@ -89,11 +91,8 @@ struct Push {
 
 class CloudStore {
  public:
-  // A cloud of its own in memory.
-  CloudStore();
-  // The cloud in `folder`; see CloudEmulator::open. Throws CloudFolderError.
-  CloudStore(const std::filesystem::path& folder, bool create);
-  static bool isCloudFolder(const std::filesystem::path& folder);
+  explicit CloudStore(OpenedCloud opened);
+  ~CloudStore();
 
   CloudStore(const CloudStore&) = delete;
   CloudStore& operator=(const CloudStore&) = delete;
@@ -128,6 +127,8 @@ class CloudStore {
   // Pushes that wait for a device, taken out in the order they came.
   std::vector<nlohmann::json> takePushes(const std::string& deviceID);
   std::size_t pushCount(const std::string& deviceID);
+  // Waits up to `timeout` for a commit that left pushes; see CloudSql.
+  bool waitForPushes(std::chrono::milliseconds timeout);
 
   void rememberLongLived(const std::string& deviceID, const CKModifyRecordsOperation& operation);
   void forgetLongLived(const std::string& deviceID, const std::string& operationID);
@@ -150,29 +151,43 @@ class CloudStore {
  private:
   struct ZoneRow;
   struct StoredRecord;
+  struct ZoneBatch;
   struct Change;
 
-  void prepare(bool fresh);
+  template <class... Values>
+  void run(std::string_view sql, const Values&... values) {
+    const SqlParameters parameters(values...);
+    sql_->execute(sql, parameters.span());
+  }
+  template <class... Values>
+  std::unique_ptr<SqlRows> select(std::string_view sql, const Values&... values) {
+    const SqlParameters parameters(values...);
+    return sql_->query(sql, parameters.span());
+  }
+
   std::int64_t setting(std::string_view key);
   void setSetting(std::string_view key, std::int64_t value);
+  void addToSetting(std::string_view key, int count);
   std::optional<ZoneRow> findZone(CKDatabaseScope scope, const CKRecordZoneID& zoneID);
-  std::optional<StoredRecord> findRecord(std::int64_t zone, const std::string& name);
+  // The zone's records of these names, read into `batch`.
+  void readBatch(const ZoneRow& zone, std::vector<std::string_view> names, ZoneBatch& batch);
+  // The records the batch changed, written back.
+  void writeBatch(const ZoneRow& zone, const ZoneBatch& batch);
   // Raises the database's sequence for one changed zone and gives it the new value.
   void touchZone(CKDatabaseScope scope, std::int64_t zone, std::int64_t zoneSequence);
   void purgeZone(std::int64_t zone);
-  std::optional<CKError> saveRecord(const ZoneRow& zone, const CKRecord& record, CKRecordSavePolicy policy,
+  std::optional<CKError> saveRecord(ZoneBatch& batch, const CKRecord& record, CKRecordSavePolicy policy,
                                     std::int64_t& sequence, std::vector<Change>& changes, std::vector<CKRecord>& saved);
-  void deleteRecord(const ZoneRow& zone, const CKRecordID& recordID, std::int64_t& sequence,
-                    std::vector<Change>& changes);
+  void deleteRecord(ZoneBatch& batch, const CKRecordID& recordID, std::int64_t& sequence, std::vector<Change>& changes);
   std::string storeAssetValue(const CKRecordValue& value);
   void releaseAssets(const std::vector<std::int64_t>& assetIDs);
-  CKRecord readRecord(const sqlite::Statement& row, const CKRecordZoneID& zoneID);
+  CKRecord readRecord(const SqlRows& row, const CKRecordZoneID& zoneID);
   CKAsset cachedAsset(std::int64_t assetID);
   NotifiedDevices leavePushes(const std::optional<std::string>& originator, CKDatabaseScope scope,
                               const std::vector<Change>& changes, bool zonesChanged);
 
   mutable std::mutex mutex_;
-  sqlite::Connection connection_;
+  std::unique_ptr<CloudSql> sql_;
   // Names this cloud in its tokens, so that another cloud's expire.
   std::string identity_;
 };

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "support/TestEnvironment.h"
+#include "support/TestServer.h"
 #include "tarnwell/platform/NotificationCenter.h"
 #include "tarnwell/platform/Sqlite.h"
 
@@ -76,14 +77,31 @@ struct Fetched {
   std::exception_ptr error;
 };
 
-enum class Backing { memory, folder };
-void PrintTo(Backing backing, std::ostream* out) { *out << (backing == Backing::memory ? "memory" : "folder"); }
+enum class Backing { memory, folder, server };
+std::string_view nameOf(Backing backing) {
+  return backing == Backing::memory ? "Memory" : backing == Backing::folder ? "Folder" : "Server";
+}
+void PrintTo(Backing backing, std::ostream* out) { *out << nameOf(backing); }
 
+// The same behaviour on every backing; the server's cases run when a test
+// server is configured (support/TestServer.h).
 class CloudEmulatorTest : public ::testing::TestWithParam<Backing> {
  protected:
+  void SetUp() override {
+    if (GetParam() == Backing::server && !testing::testServer()) GTEST_SKIP() << "no test server";
+  }
+
   std::shared_ptr<CloudEmulator> makeCloud(CloudEmulator::Options options = {}) {
-    if (GetParam() == Backing::memory) return CloudEmulator::inMemory(queue, options);
-    return CloudEmulator::open(env.root() / "cloud", true, queue, options);
+    switch (GetParam()) {
+      case Backing::folder:
+        return CloudEmulator::open(env.root() / "cloud", true, queue, options);
+      case Backing::server:
+        if (testing::testServer()) return CloudEmulator::connect(scratch.server(), true, queue, options);
+        break;
+      case Backing::memory:
+        break;
+    }
+    return CloudEmulator::inMemory(queue, options);
   }
 
   Modified modify(EmulatedContainer& device, std::vector<CKRecord> saves, std::vector<CKRecordID> deletions = {},
@@ -173,14 +191,16 @@ class CloudEmulatorTest : public ::testing::TestWithParam<Backing> {
   }
 
   testing::TestEnvironment env;
+  testing::ScratchCloud scratch;
   std::shared_ptr<DispatchQueue> queue = env.environment().makeQueue("cloud");
   std::shared_ptr<CloudEmulator> cloud = makeCloud();
   std::shared_ptr<EmulatedContainer> phone = cloud->container("phone", kApp);
   std::shared_ptr<EmulatedContainer> pad = cloud->container("pad", kApp);
 };
 
-INSTANTIATE_TEST_SUITE_P(Backings, CloudEmulatorTest, ::testing::Values(Backing::memory, Backing::folder),
-                         [](const auto& each) { return each.param == Backing::memory ? "Memory" : "Folder"; });
+INSTANTIATE_TEST_SUITE_P(Backings, CloudEmulatorTest,
+                         ::testing::Values(Backing::memory, Backing::folder, Backing::server),
+                         [](const auto& each) { return std::string(nameOf(each.param)); });
 
 TEST_P(CloudEmulatorTest, AFetchFromATokenPagesTheLaterChangesInCommitOrderOneVersionEach) {
   ASSERT_FALSE(modifyZones(*phone, {CKRecordZone{kPickups}}));

@@ -38,14 +38,26 @@
 // if by the user; completions that never come (the operation still runs on
 // the server); pushes that never arrive.
 //
-// Two backings with the same behaviour: in memory, for unit tests, and a
+// Three backings with the same behaviour: in memory, for unit tests; a
 // folder holding a SQLite file, shared by the installations of one machine
-// that signed in to it, and by their processes. The folder also keeps each
+// that signed in to it, and by their processes; and a PostgreSQL server,
+// for devices on several machines. The folder and the server also keep each
 // device's waiting pushes and unfinished long-lived operations, and the
 // fault switches, so that a script can set them between two processes.
+//
+// On the server each user is a role with a schema of their own, named after
+// it and readable by nobody else; the schema holds the same tables as the
+// folder's file. Writers of one user's cloud take turns (the first thing a
+// writing transaction does is lock the user's sequence table), and a change
+// sequence is read and raised only under that lock, so sequences commit in
+// the order they are handed out: a reader's token, taken in the same
+// snapshot as the changes it pages, never passes a change that commits
+// later. A commit that leaves pushes notifies the user's channel; a device
+// that waits on it (waitForPushes) hears of them at once.
 
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -98,10 +110,31 @@ struct CloudRequest {
   int errorCode = 0;
 };
 
-// Thrown when a folder cannot be used as a cloud.
+// Thrown when a folder, or a server, cannot be used as a cloud.
 class CloudFolderError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// A cloud on a PostgreSQL server, and the user who signs in to it.
+struct CloudServer {
+  std::string user;
+  std::string host = "localhost";
+  int port = 5432;
+  std::string database;
+  // Empty when the server asks for none, or libpq finds it (PGPASSFILE).
+  std::string password;
+  // The user's own schema when empty; tests name a fresh one.
+  std::string schema;
+
+  // "postgresql://USER@HOST:PORT/DB"; the port may be left out. Nullopt
+  // for anything else, a password in the URL included: it belongs in the
+  // keychain, not in a line that shells and logs keep.
+  static std::optional<CloudServer> parse(std::string_view url);
+  // The URL again, without the password.
+  std::string url() const;
+  // The schema the cloud lives in.
+  std::string schemaName() const { return schema.empty() ? user : schema; }
 };
 
 class EmulatedContainer;
@@ -128,8 +161,25 @@ class CloudEmulator : public std::enable_shared_from_this<CloudEmulator> {
     return open(folder, create, std::move(queue), Options());
   }
   static bool isCloudFolder(const std::filesystem::path& folder);
+  // The cloud on `server`: made there (the user's schema and its tables)
+  // when `create` is true and it is not there yet. CloudFolderError when the
+  // server cannot be reached, refuses the user, or holds no cloud for them
+  // and `create` is false.
+  static std::shared_ptr<CloudEmulator> connect(const CloudServer& server, bool create,
+                                                std::shared_ptr<DispatchQueue> queue, Options options);
+  static std::shared_ptr<CloudEmulator> connect(const CloudServer& server, bool create,
+                                                std::shared_ptr<DispatchQueue> queue) {
+    return connect(server, create, std::move(queue), Options());
+  }
+  // Whether the server holds a cloud for the user, without making one.
+  static bool serverHoldsCloud(const CloudServer& server);
 
   virtual ~CloudEmulator() = default;
+
+  // Waits up to `timeout` for a commit that left pushes for some device of
+  // this cloud, and says whether one came. On a server the commit notifies
+  // at once; a folder cannot tell, so it waits the whole time and says true.
+  virtual bool waitForPushes(std::chrono::milliseconds timeout) = 0;
 
   // The container of application `containerIdentifier` on device `deviceID`,
   // signed in to this cloud with an available account.

@@ -1,0 +1,45 @@
+#include "support/TestServer.h"
+
+#include <pqxx/pqxx>
+
+#include <cstdlib>
+#include <stdexcept>
+
+#include "tarnwell/platform/Uuid.h"
+
+namespace tarnwell::testing {
+
+std::optional<CloudServer> testServer() {
+  const char* url = std::getenv("TARNWELL_TEST_POSTGRES");
+  if (!url || !*url) return std::nullopt;
+  auto server = CloudServer::parse(url);
+  if (!server) throw std::runtime_error(std::string("TARNWELL_TEST_POSTGRES is not a postgresql:// URL: ") + url);
+  return server;
+}
+
+void runAsSuperuser(const std::string& sql) {
+  const auto server = testServer();
+  if (!server) throw std::runtime_error("No test server (TARNWELL_TEST_POSTGRES)");
+  pqxx::connection connection("host=" + server->host + " port=" + std::to_string(server->port) +
+                              " dbname=" + server->database + " user=" + server->user);
+  pqxx::nontransaction run(connection);
+  run.exec(sql);
+}
+
+ScratchCloud::ScratchCloud() {
+  if (const auto server = testServer()) server_ = *server;
+  std::string id = makeUUIDString();
+  std::erase(id, '-');
+  server_.schema = "test_" + id;
+}
+
+ScratchCloud::~ScratchCloud() {
+  if (!testServer()) return;
+  try {
+    runAsSuperuser("DROP SCHEMA IF EXISTS " + server_.schema + " CASCADE");
+  } catch (const std::exception&) {
+    // A schema left behind is deleted with the throw-away server.
+  }
+}
+
+}  // namespace tarnwell::testing
