@@ -16,13 +16,21 @@ With --unrecoverable the faults are those the sync layer does not recover
 diverged and fails only for divergence the design does not accept: a record
 that some installation deleted whose deletion never reached the others.
 
+With --server the installations sync through a PostgreSQL server instead
+of a folder: each seed signs in as a new user (a role the script makes as
+the server's superuser, whose password libpq finds in PGPASSFILE). Faults
+are the folder's, so against a server only token expiry and killed commands
+remain.
+
   scripts/convergence.py --tarnwell build/release/apps/tarnwell/tarnwell --seeds 1 2 3
+  scripts/convergence.py --tarnwell ... --server postgresql://tarnwell@127.0.0.1:55432/postgres
 """
 
 import argparse
 import json
 import os
 import random
+import re
 import shutil
 import signal
 import subprocess
@@ -42,8 +50,10 @@ def iso(moment):
 
 
 class Run:
-    def __init__(self, tarnwell, seed, steps, unrecoverable, root):
+    def __init__(self, tarnwell, seed, steps, unrecoverable, root, server=None):
         self.tarnwell = tarnwell
+        self.server = server
+        self.environment = dict(os.environ)
         self.random = random.Random(seed)
         self.seed = seed
         self.steps = steps
@@ -57,7 +67,7 @@ class Run:
 
     # One process of one installation; its exit status and output.
     def tarnwell_on(self, device, *arguments, kill_after=None):
-        env = dict(os.environ, XDG_DATA_HOME=os.path.join(self.root, device, "xdg"))
+        env = dict(self.environment, XDG_DATA_HOME=os.path.join(self.root, device, "xdg"))
         command = [self.tarnwell, "--container", os.path.join(self.root, device, "app"), "--tz", "UTC",
                    "--now", iso(self.now), "--json", *arguments]
         process = subprocess.Popen(command, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
@@ -142,7 +152,7 @@ class Run:
             code = self.random.choice(UNRECOVERABLE)
             self.tarnwell_on(device, "cloud", "fault", code, "--times", str(self.random.randint(1, 2)))
             return
-        what = self.random.choice(RECOVERABLE)
+        what = "expire" if self.server else self.random.choice(RECOVERABLE)
         if what == "retry":
             code = self.random.choice(("6", "7", "23"))
             self.tarnwell_on(device, "cloud", "fault", code, "--retry-after", str(self.random.randint(1, 120)),
@@ -167,10 +177,31 @@ class Run:
             self.background.add(device)
             self.counts["stretches"] += 1
 
+    # A user of their own on the server, and the URL they sign in with.
+    def new_server_user(self):
+        match = re.fullmatch(r"postgres(?:ql)?://([^@/]+)@([^:/]+)(?::(\d+))?/(.+)", self.server)
+        if not match:
+            raise SystemExit(f"--server {self.server}: not postgresql://USER@HOST:PORT/DB")
+        _, host, port, database = match.groups()
+        port = port or "5432"
+        user = f"convergence_{self.seed}_{os.getpid()}_{int(time.time() * 1000) % 100000000}"
+        password = f"pw-{self.random.getrandbits(64):x}"
+        subprocess.run(["psql", "-q", "-v", "ON_ERROR_STOP=1", self.server,
+                        "-c", f"CREATE ROLE {user} LOGIN PASSWORD '{password}'",
+                        "-c", f"GRANT CREATE ON DATABASE {database} TO {user}"], check=True, env=self.environment)
+        passfile = os.path.join(self.root, "pgpass")
+        with open(passfile, "w") as out:
+            out.write(f"{host}:{port}:*:{user}:{password}\n")
+        os.chmod(passfile, 0o600)
+        self.environment["PGPASSFILE"] = passfile
+        return f"postgresql://{user}@{host}:{port}/{database}"
+
     def play(self):
-        cloud = os.path.join(self.root, "cloud")
+        cloud = self.new_server_user() if self.server else os.path.join(self.root, "cloud")
         for device in DEVICES:
             self.tarnwell_on(device, "cloud", "sign-in", cloud)
+            if self.server and device == DEVICES[0]:
+                self.tarnwell_on(device, "cloud", "init-server")
         for _ in range(self.steps):
             self.tick()
             device = self.random.choice(DEVICES)
@@ -184,7 +215,8 @@ class Run:
                 self.operation(device)
         # The faults stop; everyone comes back and syncs.
         self.tick()
-        self.tarnwell_on(DEVICES[0], "cloud", "fault", "clear")
+        if not self.server:
+            self.tarnwell_on(DEVICES[0], "cloud", "fault", "clear")
         for device in sorted(self.background):
             self.tarnwell_on(device, "lifecycle", "foreground")
         self.background.clear()
@@ -238,13 +270,24 @@ def main():
     parser.add_argument("--steps", type=int, default=60)
     parser.add_argument("--unrecoverable", action="store_true")
     parser.add_argument("--keep", action="store_true", help="keep the installations of a failed seed")
+    parser.add_argument("--server", help="sync through this PostgreSQL server, as its superuser makes new users")
+    parser.add_argument("--server-from", metavar="VARIABLE",
+                        help="--server from this environment variable; skipped (exit 77) when it is unset")
     arguments = parser.parse_args()
+    if arguments.server_from:
+        arguments.server = os.environ.get(arguments.server_from)
+        if not arguments.server:
+            print(f"skipped: {arguments.server_from} names no server")
+            return 77
+    if arguments.server and arguments.unrecoverable:
+        parser.error("--unrecoverable injects faults, which only a cloud folder takes")
 
     failed = False
     for seed in arguments.seeds:
         root = tempfile.mkdtemp(prefix=f"tarnwell-convergence-{seed}-")
         began = time.monotonic()
-        run = Run(os.path.abspath(arguments.tarnwell), seed, arguments.steps, arguments.unrecoverable, root)
+        run = Run(os.path.abspath(arguments.tarnwell), seed, arguments.steps, arguments.unrecoverable, root,
+                  arguments.server)
         run.accepted = []
         run.play()
         problems = run.check()

@@ -9,6 +9,17 @@ jobs="$(nproc)"
 
 scripts/check-layers.py
 
+# A throw-away PostgreSQL server for the cloud's tests on a server and the
+# convergence test through it, unless one is given; stopped however the
+# run ends.
+if [ -z "${TARNWELL_TEST_POSTGRES:-}" ]; then
+  server="$(mktemp -d /tmp/tarnwell-pg.XXXXXX)"
+  port="$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
+  trap 'scripts/pg-server.sh stop "$server" || true; rm -rf "$server"' EXIT
+  TARNWELL_TEST_POSTGRES="$(scripts/pg-server.sh start "$server" "$port")"
+  export TARNWELL_TEST_POSTGRES PGPASSFILE="$server/pgpass"
+fi
+
 # The areas whose code runs on more than one thread. Records, analytics,
 # charts, widgets and extensions compute on plain values, and the host's
 # tests run the host in processes of its own: those are for the second build.

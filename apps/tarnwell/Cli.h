@@ -154,14 +154,18 @@ void finishRun();
 // or with --json objects of "recordName", "recordType", "zone", "fields".
 void printCloudRecords(const GlobalOptions& options, const std::vector<CKRecord>& records);
 
-// The cloud this installation signed in to, if any.
-std::optional<std::filesystem::path> signedInCloudFolder();
+// The cloud this installation signed in to, if any: its folder or its URL.
+std::optional<std::string> signedInCloudName();
 // Installs this device's container of that cloud, its silent pushes going to
 // `handler`. A cloud that cannot be used is reported on the standard error
 // and the launch goes on signed out.
 void joinSignedInCloud(std::function<void(const nlohmann::json& userInfo)> handler);
-// Hands the pushes other processes left for this device to the handler.
-void deliverWaitingPushes();
+// Hands the pushes other processes left for this device to the handler;
+// says how many.
+std::size_t deliverWaitingPushes();
+// Waits up to `timeout` for the joined cloud to say pushes wait; see
+// CloudEmulator::waitForPushes.
+bool waitForPushes(std::chrono::milliseconds timeout);
 // The cloud's part of launch() and finishRun().
 void resumeLaunch();
 void endLaunch();

@@ -1,8 +1,14 @@
-// `tarnwell cloud`: the user's private cloud on this machine, a folder that
-// the installations of one user sign in to, and the switches that make it
-// fail the way a real one does.
+// `tarnwell cloud`: the user's private cloud, a folder that the
+// installations of one user on this machine sign in to or the user's schema
+// on a PostgreSQL server for devices on several machines, and the switches
+// that make a folder fail the way a real cloud does.
 
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <memory>
 
@@ -14,29 +20,196 @@
 namespace tarnwell::cli {
 namespace {
 
-// Where this installation remembers the cloud it signed in to.
+// Where this installation remembers the cloud it signed in to: a folder,
+// or a server's URL (its password is in the keychain, under the URL).
 constexpr std::string_view kCloudFolderKey = "TarnwellHost.cloudFolder";
+constexpr std::string_view kCloudServerKey = "TarnwellHost.cloudServer";
+constexpr std::string_view kPasswordService = "org.vostra.tarnwell.cloud";
 
 struct Arguments {
-  std::string folder, status, code, kind;
+  std::string target, status, code, kind;
   std::optional<std::string> type, on, retryAfter;
   int times = 1;
   int count = 0;
 };
 
-std::shared_ptr<CloudEmulator> openCloud(const std::filesystem::path& folder, bool create) {
+std::shared_ptr<DispatchQueue> cloudQueue() { return Environment::current().makeQueue("org.vostra.tarnwell.cloud"); }
+
+std::optional<CloudServer> signedInServer() {
+  const auto url = UserDefaults::standard().stringForKey(kCloudServerKey);
+  if (!url) return std::nullopt;
+  auto server = CloudServer::parse(*url);
+  if (!server) return std::nullopt;
   try {
-    return CloudEmulator::open(folder, create, Environment::current().makeQueue("org.vostra.tarnwell.cloud"));
+    if (const auto password = Environment::current().keychain().get(kPasswordService, *url)) {
+      server->password.assign(password->begin(), password->end());
+    }
+  } catch (const KeychainError& error) {
+    throw InputError(std::string("Cannot read the cloud's password from the keychain: ") + error.what());
+  }
+  return server;
+}
+
+std::optional<std::filesystem::path> signedInFolder() {
+  const auto folder = UserDefaults::standard().stringForKey(kCloudFolderKey);
+  if (!folder) return std::nullopt;
+  return std::filesystem::path(*folder);
+}
+
+// The cloud this installation signed in to, or nullptr when none.
+std::shared_ptr<CloudEmulator> openSignedInCloud() {
+  try {
+    if (const auto server = signedInServer()) return CloudEmulator::connect(*server, false, cloudQueue());
+    if (const auto folder = signedInFolder()) return CloudEmulator::open(*folder, false, cloudQueue());
   } catch (const CloudFolderError& error) {
     throw InputError(error.what());
   }
+  return nullptr;
 }
 
 // The cloud this installation signed in to; InputError when there is none.
 std::shared_ptr<CloudEmulator> signedInCloud(const std::string& command) {
-  const auto folder = signedInCloudFolder();
-  if (!folder) throw InputError(command + ": this installation is not signed in to a cloud (cloud sign-in DIR)");
-  return openCloud(*folder, false);
+  auto cloud = openSignedInCloud();
+  if (!cloud) throw InputError(command + ": this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
+  return cloud;
+}
+
+// Faults are the emulator's: a real server fails by itself.
+std::shared_ptr<CloudEmulator> signedInFolderCloud(const std::string& command) {
+  if (signedInServer()) throw InputError(command + ": faults are injected only into a cloud folder, not a server");
+  return signedInCloud(command);
+}
+
+// The cloud this process joined at launch, which `sync watch` waits on.
+std::shared_ptr<CloudEmulator>& joinedCloud() {
+  static std::shared_ptr<CloudEmulator> cloud;
+  return cloud;
+}
+
+// What the terminal types without showing it.
+std::string askPassword(const std::string& prompt) {
+  std::cerr << prompt << std::flush;
+  termios before{};
+  const bool terminal = ::tcgetattr(STDIN_FILENO, &before) == 0;
+  if (terminal) {
+    termios quiet = before;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+  }
+  std::string password;
+  std::getline(std::cin, password);
+  if (terminal) ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+  std::cerr << "\n";
+  return password;
+}
+
+// A field of a password file line, up to an unescaped colon.
+std::optional<std::string> passFileField(std::string_view& line) {
+  std::string field;
+  while (!line.empty()) {
+    const char c = line.front();
+    line.remove_prefix(1);
+    if (c == ':') return field;
+    if (c == '\\' && !line.empty()) {
+      field += line.front();
+      line.remove_prefix(1);
+      continue;
+    }
+    field += c;
+  }
+  return std::nullopt;
+}
+
+// The password libpq would take from PGPASSFILE for `server`: the first
+// line whose host, port, database and user match, "*" matching anything.
+std::optional<std::string> passFilePassword(const CloudServer& server) {
+  const char* file = std::getenv("PGPASSFILE");
+  if (!file || !*file) return std::nullopt;
+  std::ifstream in(file);
+  if (!in) throw InputError(std::string("Cannot read PGPASSFILE ") + file);
+  const std::string wanted[] = {server.host, std::to_string(server.port), server.database, server.user};
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line.front() == '#') continue;
+    std::string_view rest = line;
+    bool matches = true;
+    for (const std::string& each : wanted) {
+      const auto field = passFileField(rest);
+      if (!field) {
+        matches = false;
+        break;
+      }
+      matches = matches && (*field == "*" || *field == each);
+    }
+    if (matches) return std::string(rest);
+  }
+  return std::nullopt;
+}
+
+void signInToServer(const GlobalOptions& options, CloudServer server) {
+  if (auto password = passFilePassword(server)) {
+    server.password = std::move(*password);
+  } else if (::isatty(STDIN_FILENO)) {
+    server.password = askPassword("Password for " + server.url() + ": ");
+  }
+  bool ready = false;
+  try {
+    ready = CloudEmulator::serverHoldsCloud(server);
+  } catch (const CloudFolderError& error) {
+    throw InputError(error.what());
+  }
+  try {
+    auto& keychain = Environment::current().keychain();
+    if (server.password.empty()) {
+      keychain.remove(kPasswordService, server.url());
+    } else {
+      keychain.set(kPasswordService, server.url(), Data(server.password.begin(), server.password.end()));
+    }
+  } catch (const KeychainError& error) {
+    throw InputError(std::string("Cannot keep the cloud's password in the keychain: ") + error.what());
+  }
+  if (ready) {
+    CloudEmulator::connect(server, false, cloudQueue())
+        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
+        ->setAccountStatus(CKAccountStatus::available);
+  }
+  UserDefaults::standard().set(kCloudServerKey, server.url());
+  UserDefaults::standard().removeObject(kCloudFolderKey);
+  Output(options).print(
+      {{"server", server.url()}, {"deviceId", Settings::deviceId()}, {"ready", ready}},
+      "Signed in to the cloud at " + server.url() +
+          (ready ? "" : "; it holds no cloud for " + server.user + " yet: run `tarnwell cloud init-server`"));
+}
+
+void signInToFolder(const GlobalOptions& options, const std::string& target) {
+  const auto folder = std::filesystem::absolute(target).lexically_normal();
+  try {
+    CloudEmulator::open(folder, true, cloudQueue())
+        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
+        ->setAccountStatus(CKAccountStatus::available);
+  } catch (const CloudFolderError& error) {
+    throw InputError(error.what());
+  }
+  UserDefaults::standard().set(kCloudFolderKey, folder.string());
+  UserDefaults::standard().removeObject(kCloudServerKey);
+  Output(options).print({{"folder", folder.string()}, {"deviceId", Settings::deviceId()}},
+                        "Signed in to the cloud in " + folder.string());
+}
+
+void initServer(const GlobalOptions& options) {
+  const auto server = signedInServer();
+  if (!server)
+    throw InputError("cloud init-server: this installation is not signed in to a server (cloud sign-in URL)");
+  try {
+    const bool existed = CloudEmulator::serverHoldsCloud(*server);
+    CloudEmulator::connect(*server, true, cloudQueue())
+        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
+        ->setAccountStatus(CKAccountStatus::available);
+    Output(options).print({{"server", server->url()}, {"schema", server->schemaName()}, {"made", !existed}},
+                          existed ? "The cloud of " + server->user + " at " + server->url() + " was there already"
+                                  : "Made the cloud of " + server->user + " at " + server->url());
+  } catch (const CloudFolderError& error) {
+    throw InputError(error.what());
+  }
 }
 
 // This device's view of the cloud in the process: the installed container.
@@ -114,50 +287,69 @@ void printCloudRecords(const GlobalOptions& options, const std::vector<CKRecord>
   Output(options).print(all, joinLines(lines));
 }
 
-std::optional<std::filesystem::path> signedInCloudFolder() {
-  const auto folder = UserDefaults::standard().stringForKey(kCloudFolderKey);
-  if (!folder) return std::nullopt;
-  return std::filesystem::path(*folder);
+std::optional<std::string> signedInCloudName() {
+  if (const auto url = UserDefaults::standard().stringForKey(kCloudServerKey)) return url;
+  if (const auto folder = signedInFolder()) return folder->string();
+  return std::nullopt;
 }
 
 void joinSignedInCloud(std::function<void(const nlohmann::json& userInfo)> handler) {
-  const auto folder = signedInCloudFolder();
-  if (!folder) return;
   try {
-    auto container =
-        openCloud(*folder, false)->container(Settings::deviceId(), std::string(CloudService::containerIdentifier));
+    auto cloud = openSignedInCloud();
+    if (!cloud) return;
+    auto container = cloud->container(Settings::deviceId(), std::string(CloudService::containerIdentifier));
     container->setRemoteNotificationHandler(std::move(handler));
     CKContainer::install(std::move(container));
+    joinedCloud() = std::move(cloud);
   } catch (const InputError& error) {
     // The phone goes on without a cloud it cannot reach; so does a run.
     std::cerr << "tarnwell: " << error.what() << "; this run goes on signed out\n";
   }
 }
 
-void deliverWaitingPushes() {
-  if (const auto container = joinedContainer()) container->deliverPendingPushes();
+std::size_t deliverWaitingPushes() {
+  if (const auto container = joinedContainer()) return container->deliverPendingPushes();
+  return 0;
+}
+
+bool waitForPushes(std::chrono::milliseconds timeout) {
+  const auto cloud = joinedCloud();
+  if (!cloud) throw InputError("this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
+  return cloud->waitForPushes(timeout);
 }
 
 void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
   auto a = std::make_shared<Arguments>();
-  auto* cloud = app.add_subcommand("cloud", "The user's private cloud: a folder the installations of one user share");
+  auto* cloud = app.add_subcommand(
+      "cloud", "The user's private cloud: a folder the installations of one user share, or a PostgreSQL server");
   cloud->require_subcommand(1);
 
-  auto* signIn = cloud->add_subcommand("sign-in", "Use the cloud in DIR from now on (made there if new)");
-  signIn->add_option("folder", a->folder, "The cloud's folder")->required();
+  auto* signIn = cloud->add_subcommand(
+      "sign-in",
+      "Use the cloud in DIR (made there if new) or on the server postgresql://USER@HOST:PORT/DB from now on");
+  signIn->add_option("cloud", a->target, "The cloud's folder, or the server's URL")->required();
   onRunWithoutStore(signIn, action, [&options, a] {
-    const auto folder = std::filesystem::absolute(a->folder).lexically_normal();
-    openCloud(folder, true)
-        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
-        ->setAccountStatus(CKAccountStatus::available);
-    UserDefaults::standard().set(kCloudFolderKey, folder.string());
-    Output(options).print({{"folder", folder.string()}, {"deviceId", Settings::deviceId()}},
-                          "Signed in to the cloud in " + folder.string());
+    if (a->target.find("://") == std::string::npos) return signInToFolder(options, a->target);
+    auto server = CloudServer::parse(a->target);
+    if (!server) refuse("cloud", a->target, "a folder, or postgresql://USER@HOST:PORT/DB without a password");
+    signInToServer(options, std::move(*server));
   });
+
+  auto* init = cloud->add_subcommand("init-server", "Make this user's cloud on the server signed in to");
+  onRunWithoutStore(init, action, [&options] { initServer(options); });
 
   auto* signOut = cloud->add_subcommand("sign-out", "No cloud account from now on");
   onRunWithoutStore(signOut, action, [&options] {
+    // The password goes with the account.
+    if (const auto url = UserDefaults::standard().stringForKey(kCloudServerKey)) {
+      try {
+        Environment::current().keychain().remove(kPasswordService, *url);
+      } catch (const KeychainError& error) {
+        throw InputError(std::string("Cannot remove the cloud's password from the keychain: ") + error.what());
+      }
+    }
     UserDefaults::standard().removeObject(kCloudFolderKey);
+    UserDefaults::standard().removeObject(kCloudServerKey);
     Output(options).print({{"folder", nullptr}}, "Signed out");
   });
 
@@ -188,11 +380,11 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   fault->add_option("--on", a->on, "modify, fetch-database, fetch-zone, modify-zones, subscriptions or query");
   onRunWithoutStore(fault, action, [&options, a] {
     if (a->code == "clear") {
-      signedInCloud("cloud fault")->clearFaults();
+      signedInFolderCloud("cloud fault")->clearFaults();
       return Output(options).print({{"faults", nlohmann::ordered_json::array()}}, "No faults");
     }
     const CloudFault parsed = parseFault(*a);
-    signedInCloud("cloud fault")->addFault(parsed);
+    signedInFolderCloud("cloud fault")->addFault(parsed);
     Output(options).print({{"code", parsed.code},
                            {"retryAfter", parsed.retryAfter ? nlohmann::ordered_json(*parsed.retryAfter) : nullptr},
                            {"times", parsed.times},
@@ -211,7 +403,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   auto* dropPushes = cloud->add_subcommand("drop-pushes", "The next N pushes never arrive");
   dropPushes->add_option("count", a->count, "How many")->required()->check(CLI::NonNegativeNumber);
   onRunWithoutStore(dropPushes, action, [&options, a] {
-    signedInCloud("cloud drop-pushes")->dropPushes(a->count);
+    signedInFolderCloud("cloud drop-pushes")->dropPushes(a->count);
     Output(options).print({{"dropPushes", a->count}}, "The next " + std::to_string(a->count) + " pushes are dropped");
   });
 }

@@ -4,6 +4,9 @@
 // of the app, and the background stretch it may be in outlives the process.
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <iostream>
 #include <memory>
 #include <tuple>
 
@@ -66,7 +69,7 @@ std::string stateLine(const SyncState& state) {
 // Why nothing can sync, when the launch found no way to: the engine comes
 // only with an account that was available at launch.
 std::string whyNoEngine() {
-  if (!signedInCloudFolder()) return "this installation is not signed in to a cloud (cloud sign-in DIR)";
+  if (!signedInCloudName()) return "this installation is not signed in to a cloud (cloud sign-in DIR|URL)";
   return "the cloud account was not available at launch (account: " + std::string(name(CloudService::accountStatus())) +
          ")";
 }
@@ -88,14 +91,14 @@ void printStatus(const GlobalOptions& options) {
   const CKAccountStatus account = await(CloudService::getAccountStatus().asPromise());
   const SyncState state = CloudService::syncState();
   const auto lastSync = Settings::cloudKitLastSyncDate();
-  const auto folder = signedInCloudFolder();
-  nlohmann::ordered_json json{{"cloud", folder ? nlohmann::ordered_json(folder->string()) : nullptr},
+  const auto cloud = signedInCloudName();
+  nlohmann::ordered_json json{{"cloud", cloud ? nlohmann::ordered_json(*cloud) : nullptr},
                               {"accountStatus", name(account)},
                               {"syncToCloudKit", Settings::syncToCloudKit()},
                               {"syncState", stateJSON(state)},
                               {"lastSyncDate", dateJSON(lastSync)}};
   Output(options).print(json, joinLines({
-                                  "cloud: " + (folder ? folder->string() : std::string("(none)")),
+                                  "cloud: " + cloud.value_or("(none)"),
                                   "account: " + std::string(name(account)),
                                   "sync: " + std::string(Settings::syncToCloudKit() ? "on" : "off"),
                                   "state: " + stateLine(state),
@@ -128,6 +131,41 @@ void printSyncedRecords(const GlobalOptions& options, const std::optional<std::s
            std::tie(b.recordID().zoneID.zoneName, b.recordID().recordName);
   });
   printCloudRecords(options, records);
+}
+
+volatile std::sig_atomic_t interrupted = 0;
+
+// Stays connected to the cloud, and hands each push to the app as a phone
+// hands over its silent pushes, letting the sync each one starts run to its
+// end; until `seconds` have passed, or until interrupted when not given.
+void watch(const GlobalOptions& options, std::optional<double> seconds) {
+  if (!signedInCloudName()) throw InputError("sync watch: nothing to watch: " + whyNoEngine());
+  interrupted = 0;
+  const auto stop = [](int) { interrupted = 1; };
+  std::signal(SIGINT, stop);
+  std::signal(SIGTERM, stop);
+  using Clock = std::chrono::steady_clock;
+  const auto deadline =
+      seconds ? Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*seconds))
+              : Clock::time_point::max();
+  if (!options.json) std::cout << "Watching for pushes" << (seconds ? "" : " until interrupted") << std::endl;
+  std::size_t pushes = 0;
+  while (!interrupted && Clock::now() < deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    waitForPushes(std::clamp(left, std::chrono::milliseconds(0), std::chrono::milliseconds(1000)));
+    const std::size_t delivered = deliverWaitingPushes();
+    if (delivered == 0) continue;
+    pushes += delivered;
+    settleOperations();
+    if (!options.json) {
+      std::cout << "Heard " << delivered << (delivered == 1 ? " push" : " pushes") << std::endl;
+    }
+  }
+  std::signal(SIGINT, SIG_DFL);
+  std::signal(SIGTERM, SIG_DFL);
+  nlohmann::ordered_json json = stateJSON(CloudService::syncState());
+  json["pushes"] = pushes;
+  Output(options).print(json, "Heard " + std::to_string(pushes) + (pushes == 1 ? " push" : " pushes") + " in all");
 }
 
 void enterBackground(const GlobalOptions& options) {
@@ -187,6 +225,19 @@ void addSyncCommands(CLI::App& app, const GlobalOptions& options, Action& action
 
   auto* push = sync->add_subcommand("push", "Send every record of this installation, as if new");
   onRun(push, action, [&options] { runSync(options, "sync push", &CloudService::pushAll); });
+
+  auto watchFor = std::make_shared<std::optional<std::string>>();
+  auto* watching = sync->add_subcommand("watch", "Stay connected and sync at each push, as a phone hears them");
+  watching->add_option("--for", *watchFor, "Seconds to watch (until interrupted when left out)");
+  onRun(
+      watching, action,
+      [watchFor]() -> std::optional<double> {
+        if (!*watchFor) return std::nullopt;
+        const double seconds = parseSeconds("--for", **watchFor);
+        if (seconds <= 0) refuse("--for", **watchFor, "seconds, more than 0");
+        return seconds;
+      },
+      [&options](std::optional<double> seconds) { watch(options, seconds); });
 
   auto* status = sync->add_subcommand("status", "The account, the sync state and the last sync");
   onRun(status, action, [&options] { printStatus(options); });

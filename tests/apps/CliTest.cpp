@@ -375,7 +375,7 @@ TEST_F(CliTest, AHealthExportIsImportedWholeOrNotAtAll) {
 TEST_F(CliTest, TheCloudFolderIsSignedInToAndItsSwitchesRefuseBadInput) {
   const auto cloud = folder.path() / "cloud";
   EXPECT_EQ(run("cloud records").err,
-            "tarnwell: cloud records: this installation is not signed in to a cloud (cloud sign-in DIR)\n");
+            "tarnwell: cloud records: this installation is not signed in to a cloud (cloud sign-in DIR|URL)\n");
   const Outcome signedIn = run("--json cloud sign-in '" + cloud.string() + "'");
   ASSERT_EQ(signedIn.status, 0) << signedIn.err;
   EXPECT_EQ(json(signedIn)["folder"], cloud.string());
@@ -409,7 +409,7 @@ TEST_F(CliTest, TheCloudFolderIsSignedInToAndItsSwitchesRefuseBadInput) {
 TEST_F(CliTest, TwoDevicesSignedInToOneCloudSeeEachOthersDays) {
   const std::string cloud = "'" + (folder.path() / "cloud").string() + "'";
   EXPECT_EQ(run("sync pull").err,
-            "tarnwell: sync pull: nothing synced: this installation is not signed in to a cloud (cloud sign-in DIR)\n");
+            "tarnwell: sync pull: nothing synced: this installation is not signed in to a cloud (cloud sign-in DIR|URL)\n");
   ASSERT_EQ(runOn("phone", "cloud sign-in " + cloud).status, 0);
   ASSERT_EQ(runOn("tablet", "cloud sign-in " + cloud).status, 0);
   const std::string phone = json(runOn("phone", "--json info"))["deviceId"];

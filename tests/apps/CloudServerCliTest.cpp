@@ -1,0 +1,128 @@
+// Devices on two machines, as a user sets them up: two installations with
+// keychains of their own, signed in to one user's cloud on a PostgreSQL
+// server, one of them watching for pushes while the other writes.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/CliProcess.h"
+#include "support/TestEnvironment.h"
+#include "support/TestServer.h"
+#include "tarnwell/platform/Uuid.h"
+
+namespace tarnwell {
+namespace {
+
+using testing::Outcome;
+
+class CloudServerCliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const auto server = testing::testServer();
+    if (!server) GTEST_SKIP() << "no test server";
+    user = "cli_" + makeUUIDString().substr(0, 8);
+    std::transform(user.begin(), user.end(), user.begin(), [](unsigned char c) { return std::tolower(c); });
+    testing::runAsSuperuser("CREATE ROLE " + user + " LOGIN PASSWORD '" + password + "'");
+    testing::runAsSuperuser("GRANT CREATE ON DATABASE " + server->database + " TO " + user);
+    url = "postgresql://" + user + "@" + server->host + ":" + std::to_string(server->port) + "/" + server->database;
+    std::ofstream(folder.path() / "pgpass")
+        << server->host << ":" << server->port << ":*:" << user << ":" << password << "\n";
+    std::filesystem::permissions(folder.path() / "pgpass",
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+
+  void TearDown() override {
+    if (user.empty()) return;
+    testing::runAsSuperuser("DROP SCHEMA IF EXISTS " + user + " CASCADE");
+    testing::runAsSuperuser("REVOKE CREATE ON DATABASE " + testing::testServer()->database + " FROM " + user);
+    testing::runAsSuperuser("DROP ROLE " + user);
+  }
+
+  // The command line of tarnwell on one machine: its own keychain and installation.
+  std::string on(const std::string& machine, const std::string& arguments) const {
+    const auto home = folder.path() / machine;
+    return "PGPASSFILE='" + (folder.path() / "pgpass").string() + "' XDG_DATA_HOME='" + (home / "xdg").string() +
+           "' '" + testing::tarnwellBinary() + "' --container '" + (home / "app").string() + "' " + arguments;
+  }
+  Outcome run(const std::string& machine, const std::string& arguments) {
+    return testing::runShell(on(machine, arguments), folder.path());
+  }
+  static nlohmann::json json(const Outcome& result) { return nlohmann::json::parse(result.out); }
+
+  testing::TemporaryFolder folder;
+  std::string user;
+  std::string url;
+  const std::string password = "correct-horse-" + makeUUIDString().substr(0, 6);
+};
+
+TEST_F(CloudServerCliTest, TwoMachinesSyncThroughTheServerAndAWatcherHearsEachWrite) {
+  const Outcome first = run("home", "cloud sign-in " + url);
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_EQ(first.out, "Signed in to the cloud at " + url + "; it holds no cloud for " + user +
+                           " yet: run `tarnwell cloud init-server`\n");
+  const Outcome empty = run("home", "cloud records");
+  EXPECT_EQ(empty.status, 1);
+  EXPECT_EQ(empty.err, "tarnwell: There is no cloud of " + user + " at " + url + "\n");
+  const Outcome made = run("home", "--json cloud init-server");
+  ASSERT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(json(made)["made"], true);
+  EXPECT_EQ(json(run("home", "--json cloud init-server"))["made"], false) << "a second init changes nothing";
+  ASSERT_EQ(run("office", "cloud sign-in " + url).status, 0);
+
+  // The office machine watches while the home one writes; the push reaches
+  // it over the server's channel, and the sync it starts brings the pickup.
+  const Outcome watched = testing::runShell(
+      on("office", "sync watch --for 6") + " > '" + (folder.path() / "watch.out").string() + "' & sleep 1; " +
+          on("home", "pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z") + " > /dev/null; wait",
+      folder.path());
+  ASSERT_EQ(watched.status, 0) << watched.err;
+  const std::string heard = testing::readFile(folder.path() / "watch.out");
+  EXPECT_NE(heard.find("Heard 1 push\n"), std::string::npos) << heard;
+  EXPECT_EQ(json(run("office", "--json sync records --type Pickup")).size(), 1u);
+
+  // Tokens expire on the server too, and a pull starts over.
+  ASSERT_EQ(run("office", "cloud expire-tokens").status, 0);
+  ASSERT_EQ(run("home", "walk add 2026-11-22T09:00:00Z 2026-11-22T09:30:00Z").status, 0);
+  ASSERT_EQ(run("office", "sync pull").status, 0);
+  EXPECT_EQ(json(run("office", "--json sync records --type Walk")).size(), 1u);
+
+  // Faults are the folder's; a real server fails by itself.
+  const Outcome fault = run("office", "cloud fault zoneBusy");
+  EXPECT_EQ(fault.status, 1);
+  EXPECT_EQ(fault.err, "tarnwell: cloud fault: faults are injected only into a cloud folder, not a server\n");
+
+  // The password is in each machine's keychain and nowhere in its installation.
+  for (const char* machine : {"home", "office"}) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path() / machine / "app")) {
+      if (entry.is_regular_file()) {
+        EXPECT_EQ(testing::readFile(entry.path()).find(password), std::string::npos) << entry.path();
+      }
+    }
+  }
+  ASSERT_EQ(run("office", "cloud sign-out").status, 0);
+  const auto keychain =
+      folder.path() / "office" / "xdg" / "tarnwell" / "keychain" / "org.vostra.tarnwell.cloud.keychain";
+  EXPECT_EQ(testing::readFile(keychain).find(url), std::string::npos) << "signing out forgets the password";
+}
+
+TEST_F(CloudServerCliTest, BadURLsAndPasswordsAreRefusedInOneLineAndKeepTheOldCloud) {
+  ASSERT_EQ(run("home", "cloud sign-in " + url).status, 0);
+  for (const std::string& bad : {"postgresql://" + user + ":pw@127.0.0.1/postgres", std::string("postgresql://@x/y"),
+                                 std::string("postgresql://nobody_here@127.0.0.1:1/postgres")}) {
+    const Outcome refused = run("home", "cloud sign-in '" + bad + "'");
+    EXPECT_EQ(refused.status, 1) << bad;
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
+  std::ofstream(folder.path() / "pgpass") << "*:*:*:" << user << ":wrong\n";
+  const Outcome wrong = run("home", "cloud sign-in " + url);
+  EXPECT_EQ(wrong.status, 1);
+  EXPECT_NE(wrong.err.find("password authentication failed"), std::string::npos) << wrong.err;
+  EXPECT_EQ(json(run("home", "--json sync status"))["cloud"], url) << "a failed sign-in keeps the cloud signed in to";
+}
+
+}  // namespace
+}  // namespace tarnwell
