@@ -1,17 +1,29 @@
-// Two installations of one user through the cloud in a folder: the first
-// pushes 100,000 pickups, the second pulls them into its store, one
-// single-record commit each on the background worker, as a device does
-// after it signs in.
+// Two installations of one user through the cloud, in a folder or on a
+// PostgreSQL server: the first pushes 100,000 pickups, the second pulls them
+// into its store, one single-record commit each on the background worker, as
+// a device does after it signs in. And ten devices pushing to one server at
+// once while an eleventh pulls all the while.
+//
+// The server's cases run against TARNWELL_TEST_POSTGRES (a URL; its password
+// from PGPASSFILE), each in a schema of its own that is dropped after, and
+// report an error without it: scripts/pg-server.sh starts one.
 
 #include <benchmark/benchmark.h>
 
+#include <pqxx/pqxx>
+
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "BenchEnvironment.h"
 #include "PeakResidentSet.h"
 #include "tarnwell/cloudkit/CloudEmulator.h"
+#include "tarnwell/platform/Uuid.h"
 #include "tarnwell/records/EventRecords.h"
 #include "tarnwell/sync/RecordConformances.h"
 #include "tarnwell/sync/SyncEngine.h"
@@ -22,6 +34,32 @@ namespace {
 using namespace tarnwell;
 
 constexpr int kPickups = 100'000;
+
+enum class Backing { folder, server };
+
+std::optional<CloudServer> benchServer() {
+  const char* url = std::getenv("TARNWELL_TEST_POSTGRES");
+  return url ? CloudServer::parse(url) : std::nullopt;
+}
+
+// A schema of its own on the bench server for one run, dropped after.
+struct ScratchSchema {
+  ScratchSchema() : server(*benchServer()) {
+    std::string id = makeUUIDString();
+    std::erase(id, '-');
+    server.schema = "bench_" + id;
+  }
+  ~ScratchSchema() {
+    try {
+      pqxx::connection connection("host=" + server.host + " port=" + std::to_string(server.port) +
+                                  " dbname=" + server.database + " user=" + server.user);
+      pqxx::nontransaction(connection).exec("DROP SCHEMA IF EXISTS " + server.schema + " CASCADE");
+    } catch (const std::exception&) {
+      // Left for the throw-away server to take with it.
+    }
+  }
+  CloudServer server;
+};
 
 // One installation: its store file, its preferences, its sync object.
 struct Installation {
@@ -73,12 +111,23 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 // Runs `body(root, cloud)` once per iteration in a fresh folder holding a
 // new cloud, then reports the pickups per second of the time it set.
 template <class Body>
-void eachInFreshCloud(benchmark::State& state, Body body) {
+void eachInFreshCloud(benchmark::State& state, Backing backing, Body body) {
+  if (backing == Backing::server && !benchServer()) {
+    state.SkipWithError("no server: set TARNWELL_TEST_POSTGRES (scripts/pg-server.sh starts one)");
+    return;
+  }
   for (auto _ : state) {
     const auto root = bench::makeTemporaryFolder();
     Environment::install(std::make_unique<Environment>(pumpedIn(root)));
     {
-      auto cloud = CloudEmulator::open(root / "cloud", true, Environment::current().makeQueue("cloud"));
+      std::optional<ScratchSchema> schema;
+      std::shared_ptr<CloudEmulator> cloud;
+      if (backing == Backing::server) {
+        schema.emplace();
+        cloud = CloudEmulator::connect(schema->server, true, Environment::current().makeQueue("cloud"));
+      } else {
+        cloud = CloudEmulator::open(root / "cloud", true, Environment::current().makeQueue("cloud"));
+      }
       body(root, *cloud);
     }
     Environment::install(nullptr);
@@ -88,8 +137,8 @@ void eachInFreshCloud(benchmark::State& state, Body body) {
       static_cast<double>(kPickups) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
-void BM_CloudPushPickups(benchmark::State& state) {
-  eachInFreshCloud(state, [&state](const std::filesystem::path& root, CloudEmulator& cloud) {
+void BM_CloudPushPickups(benchmark::State& state, Backing backing) {
+  eachInFreshCloud(state, backing, [&state](const std::filesystem::path& root, CloudEmulator& cloud) {
     Installation phone(root, "PHONE", cloud);
     fill(phone);
     bench::PeakResidentSet peak;
@@ -102,10 +151,17 @@ void BM_CloudPushPickups(benchmark::State& state) {
     }
   });
 }
-BENCHMARK(BM_CloudPushPickups)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CloudPushPickups, folder, Backing::folder)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CloudPushPickups, server, Backing::server)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
-void BM_CloudPullPickups(benchmark::State& state) {
-  eachInFreshCloud(state, [&state](const std::filesystem::path& root, CloudEmulator& cloud) {
+void BM_CloudPullPickups(benchmark::State& state, Backing backing) {
+  eachInFreshCloud(state, backing, [&state](const std::filesystem::path& root, CloudEmulator& cloud) {
     Installation phone(root, "PHONE", cloud);
     fill(phone);
     phone.start();
@@ -121,6 +177,112 @@ void BM_CloudPullPickups(benchmark::State& state) {
     if (!pulled || pad.count() != kPickups) state.SkipWithError("the pull did not bring every pickup");
   });
 }
-BENCHMARK(BM_CloudPullPickups)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CloudPullPickups, folder, Backing::folder)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CloudPullPickups, server, Backing::server)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+// Ten devices, each with its own connection and thread, push 10,000
+// pickups apiece in requests of 400 while an eleventh pages the zone's
+// changes from its token the whole time; done when the reader holds all
+// 100,000. Records per second over that whole stretch.
+void BM_ServerTenDevicesPushWhileOnePulls(benchmark::State& state) {
+  constexpr int kDevices = 10, kRequest = 400, kEach = kPickups / kDevices;
+  const CKRecordZoneID zone{"PickupsZone", std::string(CKCurrentUserDefaultName)};
+  if (!benchServer()) {
+    state.SkipWithError("no server: set TARNWELL_TEST_POSTGRES (scripts/pg-server.sh starts one)");
+    return;
+  }
+  for (auto _ : state) {
+    const auto root = bench::makeTemporaryFolder();
+    Environment::install(std::make_unique<Environment>(bench::configurationIn(root)));
+    {
+      ScratchSchema schema;
+      const auto connect = [&](const std::string& name) {
+        return CloudEmulator::connect(schema.server, true, Environment::current().makeThreadQueue(name));
+      };
+      // Waits for an operation's completion on the cloud's thread.
+      const auto await = [](CKDatabase& database, std::shared_ptr<CKOperation> operation,
+                            std::shared_ptr<std::promise<std::exception_ptr>> done) {
+        auto future = done->get_future();
+        database.add(std::move(operation));
+        return future.get();
+      };
+      auto setup = connect("setup");
+      auto setupDevice = setup->container("setup", "app");
+      {
+        auto done = std::make_shared<std::promise<std::exception_ptr>>();
+        auto zones = std::make_shared<CKModifyRecordZonesOperation>(std::vector{CKRecordZone{zone}},
+                                                                    std::vector<CKRecordZoneID>{});
+        zones->modifyRecordZonesCompletionBlock = [done](auto, auto, std::exception_ptr error) {
+          done->set_value(error);
+        };
+        if (await(setupDevice->privateCloudDatabase(), zones, done)) state.SkipWithError("the zone was not made");
+      }
+
+      std::atomic<int> failures = 0;
+      const auto start = std::chrono::steady_clock::now();
+      std::vector<std::thread> writers;
+      for (int device = 0; device < kDevices; ++device) {
+        writers.emplace_back([&, device] {
+          const std::string name = "device" + std::to_string(device);
+          auto cloud = connect(name);
+          auto container = cloud->container(name, "app");
+          const Date first = Date::fromTimeIntervalSince1970(1790000000.0);
+          for (int offset = 0; offset < kEach; offset += kRequest) {
+            std::vector<CKRecord> records;
+            for (int index = offset; index < offset + kRequest; ++index) {
+              CKRecord record("Pickup", CKRecordID{name + "-" + std::to_string(index), zone});
+              record.setObject("start", first + index * 150.0);
+              record.setObject("end", first + index * 150.0 + 60);
+              records.push_back(std::move(record));
+            }
+            auto done = std::make_shared<std::promise<std::exception_ptr>>();
+            auto modify = std::make_shared<CKModifyRecordsOperation>(std::move(records), std::vector<CKRecordID>{});
+            modify->savePolicy = CKRecordSavePolicy::changedKeys;
+            modify->modifyRecordsCompletionBlock = [done](auto, auto, std::exception_ptr error) {
+              done->set_value(error);
+            };
+            if (await(container->privateCloudDatabase(), modify, done)) ++failures;
+          }
+        });
+      }
+
+      auto reader = connect("reader");
+      auto pad = reader->container("reader", "app");
+      std::optional<CKServerChangeToken> token;
+      std::size_t held = 0;
+      int pages = 0;
+      while (held < static_cast<std::size_t>(kPickups) && failures == 0) {
+        auto done = std::make_shared<std::promise<std::exception_ptr>>();
+        auto fetch = std::make_shared<CKFetchRecordZoneChangesOperation>(
+            std::vector{zone}, std::map<CKRecordZoneID, CKFetchRecordZoneChangesConfiguration>{{zone, {token, 0}}});
+        fetch->fetchAllChanges = true;
+        fetch->recordChangedBlock = [&held](const CKRecord&) { ++held; };
+        fetch->recordZoneFetchCompletionBlock = [&token](auto&, auto changed, auto, bool, std::exception_ptr) {
+          if (changed) token = changed;
+        };
+        fetch->fetchRecordZoneChangesCompletionBlock = [done](std::exception_ptr error) { done->set_value(error); };
+        if (await(pad->privateCloudDatabase(), fetch, done)) ++failures;
+        ++pages;
+      }
+      for (auto& writer : writers) writer.join();
+      state.SetIterationTime(secondsSince(start));
+      state.counters["fetches"] = pages;
+      if (failures > 0 || held != static_cast<std::size_t>(kPickups)) {
+        state.SkipWithError("the reader did not get every pickup exactly once");
+      }
+    }
+    Environment::install(nullptr);
+    std::filesystem::remove_all(root);
+  }
+  state.counters["records/s"] = benchmark::Counter(
+      static_cast<double>(kPickups) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_ServerTenDevicesPushWhileOnePulls)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

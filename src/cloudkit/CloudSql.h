@@ -60,6 +60,10 @@ class CloudSql {
   virtual void execute(std::string_view sql, std::span<const SqlValue> parameters = {}) = 0;
   virtual std::unique_ptr<SqlRows> query(std::string_view sql, std::span<const SqlValue> parameters = {}) = 0;
 
+  // Brings the planner's statistics of the records up to date, after a
+  // write that grew them a lot.
+  virtual void refreshStatistics() = 0;
+
   // Tells the cloud's other sessions, when this transaction commits, that
   // pushes wait; waitForAnnouncement() is where they hear it.
   virtual void announcePushes() = 0;

@@ -15,8 +15,10 @@
 namespace tarnwell::cloudkit {
 namespace {
 
-// The history of requests keeps this many, the newest.
+// The history of requests keeps at least this many, the newest, and is
+// trimmed back to that at every kRequestTrim-th request.
 constexpr std::int64_t kRequestHistory = 10000;
+constexpr std::int64_t kRequestTrim = 100;
 
 enum ZoneState : std::int64_t { kLive = 0, kDeletedByApp = 1, kDeletedByUser = 2 };
 
@@ -64,6 +66,13 @@ std::vector<std::int64_t> assetIDsOf(std::string_view encodedFields) {
     ids.insert(ids.end(), some.begin(), some.end());
   }
   return ids;
+}
+
+bool recordHoldsAssets(const CKRecord& record) {
+  return std::any_of(record.fields().begin(), record.fields().end(), [](const auto& field) {
+    return field.second && (std::holds_alternative<CKAsset>(*field.second) ||
+                            std::holds_alternative<std::vector<CKAsset>>(*field.second));
+  });
 }
 
 bool anyAssets(const EncodedFields& fields) {
@@ -186,7 +195,10 @@ Admission CloudStore::admit(const std::string& deviceID, CKOperationKind kind, C
     inserted->next();
     admission.requestID = inserted->int64(0);
   }
-  run("DELETE FROM requests WHERE id <= $1", admission.requestID - kRequestHistory);
+  // Trimmed now and then rather than at every request, which saves the
+  // server a statement per operation.
+  if (admission.requestID % kRequestTrim == 0)
+    run("DELETE FROM requests WHERE id <= $1", admission.requestID - kRequestHistory);
   transaction.commit();
   return admission;
 }
@@ -458,8 +470,13 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
       for (const CKRecordID* recordID : batch.deletions) names.push_back(recordID->recordName);
       readBatch(*zone, std::move(names), records);
     }
-    // Assets are stored as the saves go; a zone that fails as a whole takes them back.
-    sql_->execute("SAVEPOINT zoneBatch");
+    // Assets are stored and released as the saves go; a zone that fails as
+    // a whole takes that back. Nothing else is written before it is decided.
+    const bool touchesAssets = std::any_of(records.records.begin(), records.records.end(),
+                                           [](const auto& each) { return each.second.assets; }) ||
+                               std::any_of(batch.saves.begin(), batch.saves.end(),
+                                           [](const CKRecord* record) { return recordHoldsAssets(*record); });
+    if (touchesAssets) sql_->execute("SAVEPOINT zoneBatch");
     std::int64_t sequence = zone->sequence;
     std::vector<Change> zoneChanges;
     std::vector<std::optional<CKError>> saveErrors;
@@ -471,8 +488,10 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
 
     const bool failed = std::any_of(saveErrors.begin(), saveErrors.end(), [](const auto& error) { return error; });
     if (failed && operation.isAtomic) {
-      sql_->execute("ROLLBACK TO SAVEPOINT zoneBatch");
-      sql_->execute("RELEASE SAVEPOINT zoneBatch");
+      if (touchesAssets) {
+        sql_->execute("ROLLBACK TO SAVEPOINT zoneBatch");
+        sql_->execute("RELEASE SAVEPOINT zoneBatch");
+      }
       const CKError spoiled(CKErrorCode::batchRequestFailed);
       for (std::size_t index = 0; index < batch.saves.size(); ++index) {
         failures.emplace_back(batch.saves[index]->recordID(), saveErrors[index].value_or(spoiled));
@@ -481,7 +500,7 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
       continue;
     }
     writeBatch(*zone, records);
-    sql_->execute("RELEASE SAVEPOINT zoneBatch");
+    if (touchesAssets) sql_->execute("RELEASE SAVEPOINT zoneBatch");
     for (std::size_t index = 0; index < batch.saves.size(); ++index) {
       if (saveErrors[index]) failures.emplace_back(batch.saves[index]->recordID(), *saveErrors[index]);
     }
@@ -493,6 +512,15 @@ ModifyRecordsOutcome CloudStore::modifyRecords(const std::string& deviceID, CKDa
   if (!failures.empty()) outcome.error = CKError(CKErrorCode::partialFailure).withPartialErrors(std::move(failures));
   outcome.notified = leavePushes(deviceID, scope, changes, false);
   transaction.commit();
+  // A first push of a whole history grows the records from nothing faster
+  // than the server's own statistics follow, and on statistics that still
+  // count a few rows its planner finds a batch's records by scanning the
+  // zone. Refreshed at each doubling, that costs a handful of refreshes.
+  recordsWritten_ += changes.size();
+  if (recordsWritten_ >= nextStatistics_) {
+    sql_->refreshStatistics();
+    nextStatistics_ = recordsWritten_ * 2;
+  }
   return outcome;
 }
 

@@ -188,6 +188,10 @@ class CloudStore {
 
   mutable std::mutex mutex_;
   std::unique_ptr<CloudSql> sql_;
+  // Records this store wrote, and the count at which it next refreshes the
+  // planner's statistics.
+  std::size_t recordsWritten_ = 0;
+  std::size_t nextStatistics_ = 5000;
   // Names this cloud in its tokens, so that another cloud's expire.
   std::string identity_;
 };

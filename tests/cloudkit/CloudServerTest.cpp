@@ -174,6 +174,38 @@ TEST_F(CloudServerTest, AnotherUserSignsInAndFindsNothingOfTheFirst) {
   }
 }
 
+// The server restarts, or a proxy drops the connection: the operation in
+// flight fails as a network failure, which the sync layer retries, and the
+// next one connects again. Nothing written before is lost.
+TEST_F(CloudServerTest, ALostConnectionFailsOneOperationAndTheNextConnectsAgain) {
+  std::string role = "lost_" + makeUUIDString().substr(0, 8);
+  std::transform(role.begin(), role.end(), role.begin(), [](unsigned char c) { return std::tolower(c); });
+  testing::runAsSuperuser("CREATE ROLE " + role + " LOGIN PASSWORD 'pw'");
+  testing::runAsSuperuser("GRANT CREATE ON DATABASE " + scratch.server().database + " TO " + role);
+  CloudServer server = scratch.server();
+  server.user = role;
+  server.password = "pw";
+  server.schema.clear();
+  {
+    CloudStore store(cloudkit::openServerCloud(server, true));
+    store.modifyZones("phone", CKDatabaseScope::privateScope, CKModifyRecordZonesOperation({CKRecordZone{kZone}}, {}));
+    ASSERT_FALSE(save(store, "phone", {pickup("before", 1)}));
+
+    testing::runAsSuperuser("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE usename = '" + role + "'");
+    try {
+      save(store, "phone", {pickup("after", 2)});
+      ADD_FAILURE() << "a write on a lost connection went through";
+    } catch (const CKError& error) {
+      EXPECT_EQ(error.code(), static_cast<int>(CKErrorCode::networkFailure));
+    }
+    ASSERT_FALSE(save(store, "phone", {pickup("after", 2)}));
+    EXPECT_EQ(store.records(CKDatabaseScope::privateScope, "Pickup").size(), 2u);
+  }
+  testing::runAsSuperuser("DROP SCHEMA " + role + " CASCADE");
+  testing::runAsSuperuser("REVOKE CREATE ON DATABASE " + scratch.server().database + " FROM " + role);
+  testing::runAsSuperuser("DROP ROLE " + role);
+}
+
 TEST_F(CloudServerTest, ACommitThatLeavesPushesWakesTheWaitingDeviceAtOnce) {
   auto queue = env.environment().makeQueue("cloud");
   auto cloud = CloudEmulator::connect(scratch.server(), true, queue);
