@@ -140,7 +140,14 @@ std::optional<std::string> passFilePassword(const CloudServer& server) {
       }
       matches = matches && (*field == "*" || *field == each);
     }
-    if (matches) return std::string(rest);
+    if (!matches) continue;
+    // The password is the rest of the line, with its escapes undone.
+    std::string password;
+    for (std::size_t index = 0; index < rest.size(); ++index) {
+      if (rest[index] == '\\' && index + 1 < rest.size()) ++index;
+      password += rest[index];
+    }
+    return password;
   }
   return std::nullopt;
 }

@@ -29,8 +29,14 @@ class CloudServerCliTest : public ::testing::Test {
     testing::runAsSuperuser("CREATE ROLE " + user + " LOGIN PASSWORD '" + password + "'");
     testing::runAsSuperuser("GRANT CREATE ON DATABASE " + server->database + " TO " + user);
     url = "postgresql://" + user + "@" + server->host + ":" + std::to_string(server->port) + "/" + server->database;
+    // The password file escapes its separator and its escape character.
+    std::string escaped;
+    for (const char c : password) {
+      if (c == ':' || c == '\\') escaped += '\\';
+      escaped += c;
+    }
     std::ofstream(folder.path() / "pgpass")
-        << server->host << ":" << server->port << ":*:" << user << ":" << password << "\n";
+        << server->host << ":" << server->port << ":*:" << user << ":" << escaped << "\n";
     std::filesystem::permissions(folder.path() / "pgpass",
                                  std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   }
@@ -56,7 +62,7 @@ class CloudServerCliTest : public ::testing::Test {
   testing::TemporaryFolder folder;
   std::string user;
   std::string url;
-  const std::string password = "correct-horse-" + makeUUIDString().substr(0, 6);
+  const std::string password = "correct:horse\\" + makeUUIDString().substr(0, 6);
 };
 
 TEST_F(CloudServerCliTest, TwoMachinesSyncThroughTheServerAndAWatcherHearsEachWrite) {

@@ -7,6 +7,12 @@
 
 #include "tarnwell/platform/Uuid.h"
 
+// libpqxx 6.4 leaves the error result of a statement on a connection the
+// server dropped unfreed (the test of a lost connection meets it); nothing
+// of ours owns that result, so the leak checker is told to look past it.
+extern "C" const char* __lsan_default_suppressions() { return "leak:PQmakeEmptyPGresult\n"; }
+extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
+
 namespace tarnwell::testing {
 
 std::optional<CloudServer> testServer() {
