@@ -42,6 +42,13 @@ std::optional<CloudServer> benchServer() {
   return url ? CloudServer::parse(url) : std::nullopt;
 }
 
+// Whether there is a server to run against; the benchmark says so when not.
+bool serverGiven(benchmark::State& state) {
+  if (benchServer()) return true;
+  state.SkipWithError("no server: set TARNWELL_TEST_POSTGRES (scripts/pg-server.sh starts one)");
+  return false;
+}
+
 // A schema of its own on the bench server for one run, dropped after.
 struct ScratchSchema {
   ScratchSchema() : server(*benchServer()) {
@@ -104,6 +111,11 @@ void fill(Installation& installation) {
   });
 }
 
+// Each of these is one long run that times its own stretch.
+void onceTimedByHand(benchmark::internal::Benchmark* run) {
+  run->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+}
+
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -112,10 +124,7 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 // new cloud, then reports the pickups per second of the time it set.
 template <class Body>
 void eachInFreshCloud(benchmark::State& state, Backing backing, Body body) {
-  if (backing == Backing::server && !benchServer()) {
-    state.SkipWithError("no server: set TARNWELL_TEST_POSTGRES (scripts/pg-server.sh starts one)");
-    return;
-  }
+  if (backing == Backing::server && !serverGiven(state)) return;
   for (auto _ : state) {
     const auto root = bench::makeTemporaryFolder();
     Environment::install(std::make_unique<Environment>(pumpedIn(root)));
@@ -151,14 +160,8 @@ void BM_CloudPushPickups(benchmark::State& state, Backing backing) {
     }
   });
 }
-BENCHMARK_CAPTURE(BM_CloudPushPickups, folder, Backing::folder)
-    ->Iterations(1)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_CloudPushPickups, server, Backing::server)
-    ->Iterations(1)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CloudPushPickups, folder, Backing::folder)->Apply(onceTimedByHand);
+BENCHMARK_CAPTURE(BM_CloudPushPickups, server, Backing::server)->Apply(onceTimedByHand);
 
 void BM_CloudPullPickups(benchmark::State& state, Backing backing) {
   eachInFreshCloud(state, backing, [&state](const std::filesystem::path& root, CloudEmulator& cloud) {
@@ -177,14 +180,8 @@ void BM_CloudPullPickups(benchmark::State& state, Backing backing) {
     if (!pulled || pad.count() != kPickups) state.SkipWithError("the pull did not bring every pickup");
   });
 }
-BENCHMARK_CAPTURE(BM_CloudPullPickups, folder, Backing::folder)
-    ->Iterations(1)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(BM_CloudPullPickups, server, Backing::server)
-    ->Iterations(1)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_CloudPullPickups, folder, Backing::folder)->Apply(onceTimedByHand);
+BENCHMARK_CAPTURE(BM_CloudPullPickups, server, Backing::server)->Apply(onceTimedByHand);
 
 // Ten devices, each with its own connection and thread, push 10,000
 // pickups apiece in requests of 400 while an eleventh pages the zone's
@@ -193,10 +190,7 @@ BENCHMARK_CAPTURE(BM_CloudPullPickups, server, Backing::server)
 void BM_ServerTenDevicesPushWhileOnePulls(benchmark::State& state) {
   constexpr int kDevices = 10, kRequest = 400, kEach = kPickups / kDevices;
   const CKRecordZoneID zone{"PickupsZone", std::string(CKCurrentUserDefaultName)};
-  if (!benchServer()) {
-    state.SkipWithError("no server: set TARNWELL_TEST_POSTGRES (scripts/pg-server.sh starts one)");
-    return;
-  }
+  if (!serverGiven(state)) return;
   for (auto _ : state) {
     const auto root = bench::makeTemporaryFolder();
     Environment::install(std::make_unique<Environment>(bench::configurationIn(root)));
@@ -283,6 +277,6 @@ void BM_ServerTenDevicesPushWhileOnePulls(benchmark::State& state) {
   state.counters["records/s"] = benchmark::Counter(
       static_cast<double>(kPickups) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_ServerTenDevicesPushWhileOnePulls)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ServerTenDevicesPushWhileOnePulls)->Apply(onceTimedByHand);
 
 }  // namespace

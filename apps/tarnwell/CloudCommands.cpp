@@ -33,6 +33,11 @@ struct Arguments {
   int count = 0;
 };
 
+// This installation's device in `cloud`, in the app's container.
+std::shared_ptr<EmulatedContainer> thisDevice(CloudEmulator& cloud) {
+  return cloud.container(Settings::deviceId(), std::string(CloudService::containerIdentifier));
+}
+
 std::shared_ptr<DispatchQueue> cloudQueue() { return Environment::current().makeQueue("org.vostra.tarnwell.cloud"); }
 
 std::optional<CloudServer> signedInServer() {
@@ -175,9 +180,7 @@ void signInToServer(const GlobalOptions& options, CloudServer server) {
     throw InputError(std::string("Cannot keep the cloud's password in the keychain: ") + error.what());
   }
   if (ready) {
-    CloudEmulator::connect(server, false, cloudQueue())
-        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
-        ->setAccountStatus(CKAccountStatus::available);
+    thisDevice(*CloudEmulator::connect(server, false, cloudQueue()))->setAccountStatus(CKAccountStatus::available);
   }
   UserDefaults::standard().set(kCloudServerKey, server.url());
   UserDefaults::standard().removeObject(kCloudFolderKey);
@@ -190,9 +193,7 @@ void signInToServer(const GlobalOptions& options, CloudServer server) {
 void signInToFolder(const GlobalOptions& options, const std::string& target) {
   const auto folder = std::filesystem::absolute(target).lexically_normal();
   try {
-    CloudEmulator::open(folder, true, cloudQueue())
-        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
-        ->setAccountStatus(CKAccountStatus::available);
+    thisDevice(*CloudEmulator::open(folder, true, cloudQueue()))->setAccountStatus(CKAccountStatus::available);
   } catch (const CloudFolderError& error) {
     throw InputError(error.what());
   }
@@ -208,9 +209,7 @@ void initServer(const GlobalOptions& options) {
     throw InputError("cloud init-server: this installation is not signed in to a server (cloud sign-in URL)");
   try {
     const bool existed = CloudEmulator::serverHoldsCloud(*server);
-    CloudEmulator::connect(*server, true, cloudQueue())
-        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
-        ->setAccountStatus(CKAccountStatus::available);
+    thisDevice(*CloudEmulator::connect(*server, true, cloudQueue()))->setAccountStatus(CKAccountStatus::available);
     Output(options).print({{"server", server->url()}, {"schema", server->schemaName()}, {"made", !existed}},
                           existed ? "The cloud of " + server->user + " at " + server->url() + " was there already"
                                   : "Made the cloud of " + server->user + " at " + server->url());
@@ -304,7 +303,7 @@ void joinSignedInCloud(std::function<void(const nlohmann::json& userInfo)> handl
   try {
     auto cloud = openSignedInCloud();
     if (!cloud) return;
-    auto container = cloud->container(Settings::deviceId(), std::string(CloudService::containerIdentifier));
+    auto container = thisDevice(*cloud);
     container->setRemoteNotificationHandler(std::move(handler));
     CKContainer::install(std::move(container));
     joinedCloud() = std::move(cloud);
@@ -369,9 +368,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
     if (!status) {
       refuse("status", a->status, "couldNotDetermine, available, restricted, noAccount or temporarilyUnavailable");
     }
-    signedInCloud("cloud account")
-        ->container(Settings::deviceId(), std::string(CloudService::containerIdentifier))
-        ->setAccountStatus(*status);
+    thisDevice(*signedInCloud("cloud account"))->setAccountStatus(*status);
     Output(options).print({{"accountStatus", a->status}}, "The account status reads " + a->status);
   });
 

@@ -119,12 +119,6 @@ CREATE TABLE requests (
   saves BIGINT NOT NULL,
   deletions BIGINT NOT NULL,
   error BIGINT NOT NULL);
-INSERT INTO settings (key, value) VALUES ('epoch', 0), ('dropCompletions', 0), ('dropPushes', 0);
-INSERT INTO databases (scope, sequence) VALUES (1, 0), (2, 0), (3, 0);
-INSERT INTO zones (scope, name, owner, state, incarnation, sequence, changed)
-  VALUES (1, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
-         (2, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
-         (3, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0);
 )sql";
 
 // libpq's keyword=value form, each value quoted.
@@ -242,11 +236,6 @@ class PostgresSql final : public CloudSql {
   PostgresSql(const CloudServer& server, std::unique_ptr<pqxx::connection> connection)
       : connectionString_(connectionString(server)), schema_(server.schemaName()) {
     adopt(std::move(connection));
-  }
-
-  ~PostgresSql() override {
-    announcements_.reset();
-    session_.reset();
   }
 
   // Transactions are spoken on one long-lived channel rather than through
@@ -439,6 +428,7 @@ OpenedCloud openServerCloud(const CloudServer& server, bool create) {
         made.exec("CREATE SCHEMA IF NOT EXISTS " + quotedSchema + " AUTHORIZATION CURRENT_USER");
         made.exec("SET LOCAL search_path TO " + quotedSchema);
         made.exec(std::string(kServerSchema));
+        made.exec(std::string(kCloudSeedRows));
         made.exec_params("INSERT INTO cloud (identity) VALUES ($1)", makeUUIDString());
         made.commit();
         break;

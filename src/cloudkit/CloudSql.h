@@ -127,7 +127,6 @@ class SqlParameters {
   }
 
   std::span<const SqlValue> span() const { return values_; }
-  std::size_t size() const { return values_.size(); }
 
  private:
   std::vector<SqlValue> values_;
@@ -135,6 +134,17 @@ class SqlParameters {
 
 // "$first, $first+1, ..., $first+count-1", a row of placeholders.
 std::string sqlPlaceholders(int first, int count);
+
+// The rows a new cloud starts with, the same on every backend: the
+// switches, a sequence per database and each database's default zone.
+inline constexpr std::string_view kCloudSeedRows = R"sql(
+INSERT INTO settings (key, value) VALUES ('epoch', 0), ('dropCompletions', 0), ('dropPushes', 0);
+INSERT INTO databases (scope, sequence) VALUES (1, 0), (2, 0), (3, 0);
+INSERT INTO zones (scope, name, owner, state, incarnation, sequence, changed)
+  VALUES (1, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
+         (2, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
+         (3, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0);
+)sql";
 
 // A cloud's session as its backend opened it, and the identity that names
 // this cloud in its tokens.

@@ -90,12 +90,6 @@ CREATE TABLE requests (
   saves INTEGER NOT NULL,
   deletions INTEGER NOT NULL,
   error INTEGER NOT NULL);
-INSERT INTO settings (key, value) VALUES ('epoch', 0), ('dropCompletions', 0), ('dropPushes', 0);
-INSERT INTO databases (scope, sequence) VALUES (1, 0), (2, 0), (3, 0);
-INSERT INTO zones (scope, name, owner, state, incarnation, sequence, changed)
-  VALUES (1, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
-         (2, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0),
-         (3, '_defaultZone', '__defaultOwner__', 0, 0, 0, 0);
 )sql";
 
 class SqliteRows final : public SqlRows {
@@ -180,6 +174,7 @@ sqlite::Connection openCloudFile(const std::filesystem::path& file, bool create)
   try {
     return sqlite::openSharedFile(
         file, {kApplicationId, kSchemaVersion, kSchema}, create, [](sqlite::Connection& made) {
+          made.execute(kCloudSeedRows);
           made.cached("INSERT INTO settings (key, value) VALUES ('identity', ?1)").bind(1, makeUUIDString()).execute();
         });
   } catch (const sqlite::SharedFileError& error) {
@@ -224,6 +219,7 @@ std::string sqlPlaceholders(int first, int count) {
 OpenedCloud openMemoryCloud() {
   sqlite::Connection connection(":memory:");
   connection.execute(kSchema);
+  connection.execute(kCloudSeedRows);
   return {std::make_unique<SqliteSql>(std::move(connection)), makeUUIDString()};
 }
 

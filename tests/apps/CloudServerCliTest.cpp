@@ -4,10 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "support/CliProcess.h"
 #include "support/TestEnvironment.h"
@@ -24,11 +23,9 @@ class CloudServerCliTest : public ::testing::Test {
   void SetUp() override {
     const auto server = testing::testServer();
     if (!server) GTEST_SKIP() << "no test server";
-    user = "cli_" + makeUUIDString().substr(0, 8);
-    std::transform(user.begin(), user.end(), user.begin(), [](unsigned char c) { return std::tolower(c); });
-    testing::runAsSuperuser("CREATE ROLE " + user + " LOGIN PASSWORD '" + password + "'");
-    testing::runAsSuperuser("GRANT CREATE ON DATABASE " + server->database + " TO " + user);
-    url = "postgresql://" + user + "@" + server->host + ":" + std::to_string(server->port) + "/" + server->database;
+    role.emplace("cli", password);
+    user = role->name();
+    url = role->server().url();
     // The password file escapes its separator and its escape character.
     std::string escaped;
     for (const char c : password) {
@@ -39,13 +36,6 @@ class CloudServerCliTest : public ::testing::Test {
         << server->host << ":" << server->port << ":*:" << user << ":" << escaped << "\n";
     std::filesystem::permissions(folder.path() / "pgpass",
                                  std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-  }
-
-  void TearDown() override {
-    if (user.empty()) return;
-    testing::runAsSuperuser("DROP SCHEMA IF EXISTS " + user + " CASCADE");
-    testing::runAsSuperuser("REVOKE CREATE ON DATABASE " + testing::testServer()->database + " FROM " + user);
-    testing::runAsSuperuser("DROP ROLE " + user);
   }
 
   // The command line of tarnwell on one machine: its own keychain and installation.
@@ -60,6 +50,7 @@ class CloudServerCliTest : public ::testing::Test {
   static nlohmann::json json(const Outcome& result) { return nlohmann::json::parse(result.out); }
 
   testing::TemporaryFolder folder;
+  std::optional<testing::ScratchRole> role;
   std::string user;
   std::string url;
   const std::string password = "correct:horse\\" + makeUUIDString().substr(0, 6);

@@ -7,16 +7,13 @@
 
 #include <pqxx/pqxx>
 
-#include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <map>
 #include <thread>
 
 #include "cloudkit/CloudStore.h"
 #include "support/TestEnvironment.h"
 #include "support/TestServer.h"
-#include "tarnwell/platform/Uuid.h"
 
 namespace tarnwell {
 namespace {
@@ -130,47 +127,30 @@ TEST_F(CloudServerTest, ConcurrentWritersNeverSlipAChangePastAReadersToken) {
 // Two users, each a role of their own: neither reaches the other's cloud,
 // through the library or in plain SQL.
 TEST_F(CloudServerTest, AnotherUserSignsInAndFindsNothingOfTheFirst) {
-  std::string suffix = makeUUIDString().substr(0, 8);
-  // Unquoted names fold to lower case on the server.
-  std::transform(suffix.begin(), suffix.end(), suffix.begin(), [](unsigned char c) { return std::tolower(c); });
-  const std::string alice = "alice_" + suffix, bob = "bob_" + suffix;
-  for (const auto& role : {alice, bob}) {
-    testing::runAsSuperuser("CREATE ROLE " + role + " LOGIN PASSWORD 'pw-" + role + "'");
-    testing::runAsSuperuser("GRANT CREATE ON DATABASE " + scratch.server().database + " TO " + role);
-  }
-  const auto as = [&](const std::string& role, const std::string& password) {
-    CloudServer server = scratch.server();
-    server.user = role;
-    server.password = password;
-    server.schema.clear();
-    return server;
-  };
+  const testing::ScratchRole alice("alice"), bob("bob");
   {
-    CloudStore store(cloudkit::openServerCloud(as(alice, "pw-" + alice), true));
+    CloudStore store(cloudkit::openServerCloud(alice.server(), true));
     store.modifyZones("phone", CKDatabaseScope::privateScope, CKModifyRecordZonesOperation({CKRecordZone{kZone}}, {}));
     ASSERT_FALSE(save(store, "phone", {pickup("secret", 1)}));
     EXPECT_EQ(store.records(CKDatabaseScope::privateScope, std::nullopt).size(), 1u);
   }
 
-  CloudStore bobs(cloudkit::openServerCloud(as(bob, "pw-" + bob), true));
+  CloudStore bobs(cloudkit::openServerCloud(bob.server(), true));
   EXPECT_TRUE(bobs.records(CKDatabaseScope::privateScope, std::nullopt).empty());
   EXPECT_TRUE(bobs.zoneChanges(CKDatabaseScope::privateScope, kZone, std::nullopt, 100).error);
 
-  CloudServer intruder = as(bob, "pw-" + bob);
-  intruder.schema = alice;
+  CloudServer intruder = bob.server();
+  intruder.schema = alice.name();
   EXPECT_THROW(cloudkit::openServerCloud(intruder, false), CloudFolderError);
-  EXPECT_THROW(cloudkit::openServerCloud(as(bob, "wrong"), false), CloudFolderError);
+  CloudServer guessing = bob.server();
+  guessing.password = "wrong";
+  EXPECT_THROW(cloudkit::openServerCloud(guessing, false), CloudFolderError);
   {
-    pqxx::connection plain("host=" + scratch.server().host + " port=" + std::to_string(scratch.server().port) +
-                           " dbname=" + scratch.server().database + " user=" + bob + " password=pw-" + bob);
+    const CloudServer& as = bob.server();
+    pqxx::connection plain("host=" + as.host + " port=" + std::to_string(as.port) + " dbname=" + as.database +
+                           " user=" + as.user + " password=" + as.password);
     pqxx::nontransaction look(plain);
-    EXPECT_THROW(look.exec("SELECT count(*) FROM " + alice + ".records"), pqxx::insufficient_privilege);
-  }
-
-  for (const auto& role : {alice, bob}) {
-    testing::runAsSuperuser("DROP SCHEMA " + role + " CASCADE");
-    testing::runAsSuperuser("REVOKE CREATE ON DATABASE " + scratch.server().database + " FROM " + role);
-    testing::runAsSuperuser("DROP ROLE " + role);
+    EXPECT_THROW(look.exec("SELECT count(*) FROM " + alice.name() + ".records"), pqxx::insufficient_privilege);
   }
 }
 
@@ -178,32 +158,21 @@ TEST_F(CloudServerTest, AnotherUserSignsInAndFindsNothingOfTheFirst) {
 // flight fails as a network failure, which the sync layer retries, and the
 // next one connects again. Nothing written before is lost.
 TEST_F(CloudServerTest, ALostConnectionFailsOneOperationAndTheNextConnectsAgain) {
-  std::string role = "lost_" + makeUUIDString().substr(0, 8);
-  std::transform(role.begin(), role.end(), role.begin(), [](unsigned char c) { return std::tolower(c); });
-  testing::runAsSuperuser("CREATE ROLE " + role + " LOGIN PASSWORD 'pw'");
-  testing::runAsSuperuser("GRANT CREATE ON DATABASE " + scratch.server().database + " TO " + role);
-  CloudServer server = scratch.server();
-  server.user = role;
-  server.password = "pw";
-  server.schema.clear();
-  {
-    CloudStore store(cloudkit::openServerCloud(server, true));
-    store.modifyZones("phone", CKDatabaseScope::privateScope, CKModifyRecordZonesOperation({CKRecordZone{kZone}}, {}));
-    ASSERT_FALSE(save(store, "phone", {pickup("before", 1)}));
+  const testing::ScratchRole role("lost");
+  CloudStore store(cloudkit::openServerCloud(role.server(), true));
+  store.modifyZones("phone", CKDatabaseScope::privateScope, CKModifyRecordZonesOperation({CKRecordZone{kZone}}, {}));
+  ASSERT_FALSE(save(store, "phone", {pickup("before", 1)}));
 
-    testing::runAsSuperuser("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE usename = '" + role + "'");
-    try {
-      save(store, "phone", {pickup("after", 2)});
-      ADD_FAILURE() << "a write on a lost connection went through";
-    } catch (const CKError& error) {
-      EXPECT_EQ(error.code(), static_cast<int>(CKErrorCode::networkFailure));
-    }
-    ASSERT_FALSE(save(store, "phone", {pickup("after", 2)}));
-    EXPECT_EQ(store.records(CKDatabaseScope::privateScope, "Pickup").size(), 2u);
+  testing::runAsSuperuser("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE usename = '" + role.name() +
+                          "'");
+  try {
+    save(store, "phone", {pickup("after", 2)});
+    ADD_FAILURE() << "a write on a lost connection went through";
+  } catch (const CKError& error) {
+    EXPECT_EQ(error.code(), static_cast<int>(CKErrorCode::networkFailure));
   }
-  testing::runAsSuperuser("DROP SCHEMA " + role + " CASCADE");
-  testing::runAsSuperuser("REVOKE CREATE ON DATABASE " + scratch.server().database + " FROM " + role);
-  testing::runAsSuperuser("DROP ROLE " + role);
+  ASSERT_FALSE(save(store, "phone", {pickup("after", 2)}));
+  EXPECT_EQ(store.records(CKDatabaseScope::privateScope, "Pickup").size(), 2u);
 }
 
 TEST_F(CloudServerTest, ACommitThatLeavesPushesWakesTheWaitingDeviceAtOnce) {

@@ -2,6 +2,8 @@
 
 #include <pqxx/pqxx>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -30,6 +32,34 @@ void runAsSuperuser(const std::string& sql) {
                               " dbname=" + server->database + " user=" + server->user);
   pqxx::nontransaction run(connection);
   run.exec(sql);
+}
+
+ScratchRole::ScratchRole(const std::string& prefix, std::string password) : password_(std::move(password)) {
+  std::string tail = makeUUIDString().substr(0, 8);
+  // Unquoted names fold to lower case on the server.
+  std::transform(tail.begin(), tail.end(), tail.begin(), [](unsigned char c) { return std::tolower(c); });
+  name_ = prefix + "_" + tail;
+  if (password_.empty()) password_ = "pw-" + name_;
+  runAsSuperuser("CREATE ROLE " + name_ + " LOGIN PASSWORD '" + password_ + "'");
+  runAsSuperuser("GRANT CREATE ON DATABASE " + testServer()->database + " TO " + name_);
+}
+
+ScratchRole::~ScratchRole() {
+  try {
+    runAsSuperuser("DROP SCHEMA IF EXISTS " + name_ + " CASCADE");
+    runAsSuperuser("REVOKE CREATE ON DATABASE " + testServer()->database + " FROM " + name_);
+    runAsSuperuser("DROP ROLE " + name_);
+  } catch (const std::exception&) {
+    // A role left behind is deleted with the throw-away server.
+  }
+}
+
+CloudServer ScratchRole::server() const {
+  CloudServer server = *testServer();
+  server.user = name_;
+  server.password = password_;
+  server.schema.clear();
+  return server;
 }
 
 ScratchCloud::ScratchCloud() {

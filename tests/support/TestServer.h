@@ -30,6 +30,27 @@ class ScratchCloud {
   CloudServer server_;
 };
 
+// A user of the server for one test: a role of its own with a password,
+// allowed to make its schema there; dropped with that schema when the
+// object goes.
+class ScratchRole {
+ public:
+  // Named `prefix` and a random tail; the password is given or made up.
+  explicit ScratchRole(const std::string& prefix, std::string password = {});
+  ~ScratchRole();
+  ScratchRole(const ScratchRole&) = delete;
+  ScratchRole& operator=(const ScratchRole&) = delete;
+
+  const std::string& name() const { return name_; }
+  const std::string& password() const { return password_; }
+  // The server as this role, with its password, in its own schema.
+  CloudServer server() const;
+
+ private:
+  std::string name_;
+  std::string password_;
+};
+
 // Runs SQL on the server as its superuser (roles, grants, clean-up).
 void runAsSuperuser(const std::string& sql);
 
