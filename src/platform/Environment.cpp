@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "tarnwell/platform/FatalError.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/platform/Uuid.h"
 
 #ifndef TARNWELL_VERSION
@@ -95,9 +96,12 @@ DeviceInfo DeviceInfo::host(const std::filesystem::path& identifierFile) {
     info.identifierForVendor = identifier;
     return info;
   }
-  std::error_code error;
-  std::filesystem::create_directories(identifierFile.parent_path(), error);
   identifier = makeUUIDString();
+  try {
+    makePrivateFile(identifierFile);
+  } catch (const std::filesystem::filesystem_error&) {
+    return info;  // without a folder of its own, the device has no identifier
+  }
   std::ofstream out(identifierFile, std::ios::trunc);
   if (out << identifier << '\n') info.identifierForVendor = identifier;
   return info;
@@ -255,7 +259,7 @@ std::uint64_t Environment::generation() { return installations.load(); }
 std::optional<std::filesystem::path> Environment::containerURL(std::string_view groupIdentifier) const {
   if (groupIdentifier != kAppGroupIdentifier) return std::nullopt;
   std::error_code error;
-  std::filesystem::create_directories(configuration_.appGroupContainer, error);
+  makePrivateFolder(configuration_.appGroupContainer, error);
   if (error) return std::nullopt;
   return configuration_.appGroupContainer;
 }
@@ -263,7 +267,7 @@ std::optional<std::filesystem::path> Environment::containerURL(std::string_view 
 std::filesystem::path Environment::temporaryDirectory() const {
   const auto folder = configuration_.privateFolder / "tmp";
   std::error_code error;
-  std::filesystem::create_directories(folder, error);
+  makePrivateFolder(folder, error);
   return folder;
 }
 
