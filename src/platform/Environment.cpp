@@ -90,6 +90,7 @@ DeviceInfo DeviceInfo::host(const std::filesystem::path& identifierFile) {
     info.localizedModel = system.machine;
   }
   // Like a vendor identifier, it lives as long as the installation's own folder.
+  tightenFile(identifierFile);
   std::ifstream in(identifierFile);
   std::string identifier;
   if (in >> identifier && isUpperCaseUUIDString(identifier)) {
@@ -144,7 +145,15 @@ Environment::Environment(Configuration configuration)
                                                      : DispatchQueue::Mode::thread)),
       keychain_(configuration_.keychain ? configuration_.keychain
                                         : std::make_shared<FileKeychainStore>(configuration_.keychainFolder)),
-      region_(configuration_.region ? *configuration_.region : Region::system()) {}
+      region_(configuration_.region ? *configuration_.region : Region::system()) {
+  // Folders an older version made open to others close again; the files in
+  // them are tightened as they are opened.
+  for (const auto& folder : {configuration_.appGroupContainer, configuration_.appGroupContainer / "Library",
+                             configuration_.privateFolder, configuration_.privateFolder / "Library"}) {
+    tightenFile(folder);
+  }
+  if (configuration_.healthFolder) tightenFile(*configuration_.healthFolder);
+}
 
 Environment::~Environment() {
   std::vector<std::shared_ptr<DispatchQueue>> queues;

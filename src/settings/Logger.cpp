@@ -127,6 +127,7 @@ void Logger::start() {
   } catch (const std::filesystem::filesystem_error&) {
     // The failure shows up when the destination opens the file.
   }
+  for (std::size_t index = 1; index <= kTargetMaxLogFiles; ++index) tightenFile(archiveName(file, index));
 
   auto destination = std::make_shared<AutoRotatingFileDestination>(AutoRotatingFileDestination::Options{
       .writeToFile = file,

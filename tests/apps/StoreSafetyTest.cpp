@@ -141,17 +141,16 @@ TEST_F(StoreSafetyTest, AReadOnlySharedMemoryFileIsRefusedNotSetAside) {
   EXPECT_EQ(pickups(), 1);
 }
 
-TEST_F(StoreSafetyTest, AnInstallationsFilesAreTheUsersAlone) {
-  for (const char* command : {"pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z", "day 2026-11-22",
-                              "settings set defaultPickupGoal 50", "widgets show"}) {
-    const Outcome result = run(command);
-    ASSERT_EQ(result.status, 0) << command << ": " << result.err;
-  }
-  std::size_t files = 0;
-  for (const auto& top : {container(), xdg()}) {
-    EXPECT_EQ(std::filesystem::status(top).permissions() & std::filesystem::perms::all,
-              std::filesystem::perms::owner_all)
-        << top;
+TEST_F(StoreSafetyTest, AnInstallationsFilesAreTheUsersAloneAndAnOlderOnesAreTightened) {
+  const auto runAll = [this] {
+    for (const char* command : {"pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z", "day 2026-11-22",
+                                "settings set defaultPickupGoal 50", "widgets show"}) {
+      const Outcome result = run(command);
+      ASSERT_EQ(result.status, 0) << command << ": " << result.err;
+    }
+  };
+  const auto expectPrivate = [](const std::filesystem::path& top, std::size_t atLeast) {
+    std::size_t files = 0;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(top)) {
       const auto mode = entry.status().permissions() & std::filesystem::perms::all;
       const auto expected = entry.is_directory()
@@ -160,8 +159,24 @@ TEST_F(StoreSafetyTest, AnInstallationsFilesAreTheUsersAlone) {
       EXPECT_EQ(mode, expected) << entry.path();
       files += entry.is_regular_file();
     }
+    EXPECT_GE(files, atLeast) << top;
+  };
+  runAll();
+  for (const auto& top : {container(), xdg()}) {
+    EXPECT_EQ(std::filesystem::status(top).permissions() & std::filesystem::perms::all,
+              std::filesystem::perms::owner_all)
+        << top;
   }
-  EXPECT_GE(files, 5u);  // the store, its lock, both preference stores, the log
+  // The store, its lock, the health store, both preference stores, the widgets, the log.
+  expectPrivate(container(), 7);
+  expectPrivate(xdg(), 1);
+
+  // As an older version left them: everything in the installation open to all.
+  ASSERT_EQ(
+      testing::runShell("find '" + container().string() + "' -mindepth 1 -exec chmod go+rX {} +", folder.path()).status,
+      0);
+  runAll();
+  expectPrivate(container(), 7);
 }
 
 }  // namespace

@@ -23,8 +23,9 @@ void makePrivateFolder(const std::filesystem::path& folder);
 // there; its folder is made private. Throws std::filesystem::filesystem_error.
 void makePrivateFile(const std::filesystem::path& file);
 
-// Takes the group and other permissions from `file` if it exists; quiet
-// about any failure, as a file the user cannot change is theirs to keep.
+// Takes the group and other permissions from `file` (or folder) if it
+// exists and is this user's; quiet about any failure, as a file the user
+// cannot change is not theirs to tighten.
 void tightenFile(const std::filesystem::path& file) noexcept;
 
 // For an SQLite file about to be opened: the folder and the file private,
