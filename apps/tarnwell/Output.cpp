@@ -12,6 +12,7 @@
 #include "tarnwell/automation/WidgetDatabase.h"
 #include "tarnwell/modules/CloudService.h"
 #include "tarnwell/modules/Database.h"
+#include "tarnwell/platform/Sqlite.h"
 
 namespace tarnwell::cli {
 
@@ -101,10 +102,10 @@ void launch() {
   WidgetDatabase::connectToDatabase();
   try {
     Database::start();
-  } catch (const std::exception& error) {
-    throw InputError(std::string("the store could not be opened and was set aside as ") +
-                     Database::backupURL().filename().string() + " (" + error.what() +
-                     "); the next run starts an empty store");
+  } catch (const Database::DatabaseError& error) {
+    throw InputError(error.what());
+  } catch (const sqlite::Error& error) {
+    throw InputError(Database::describeFailure(error));
   }
   launched = true;
   drainDueWork();

@@ -10,7 +10,9 @@
 
 #include "Cli.h"
 #include "tarnwell/health/HealthManager.h"
+#include "tarnwell/modules/Database.h"
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/Sqlite.h"
 #include "tarnwell/settings/Logger.h"
 
 namespace {
@@ -102,6 +104,10 @@ int main(int argc, char** argv) {
     // What the command left to the queues runs before exit: announcements,
     // the debounced ones included, the health store's writes and the cloud's.
     finishRun();
+  } catch (const tarnwell::sqlite::Error& error) {
+    // The store's own failures in a sentence: what holds it, never its SQL.
+    std::cerr << "tarnwell: " << tarnwell::Database::describeFailure(error) << '\n';
+    status = 1;
   } catch (const std::exception& error) {
     std::cerr << "tarnwell: " << error.what() << '\n';
     status = 1;

@@ -22,6 +22,7 @@
 
 #include "healthkit/HealthStoreCore.h"
 #include "tarnwell/platform/Log.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/platform/Sqlite.h"
 #include "tarnwell/platform/Uuid.h"
 
@@ -293,7 +294,8 @@ class SqliteStorage final : public healthkit::HealthStorage {
   explicit SqliteStorage(const std::filesystem::path& folder) : connection_(open(folder)) {
     std::lock_guard lock(mutex_);
     seen_ = counter();
-    signal_ = ::open((folder / kSignalName).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    signal_ = ::open((folder / kSignalName).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    tightenFile(folder / kSignalName);
     if (signal_ < 0) {
       log.warning("Other processes hear of this one's health writes late: " + std::string(std::strerror(errno)));
     }
@@ -499,7 +501,7 @@ class SqliteStorage final : public healthkit::HealthStorage {
   static sqlite::Connection open(const std::filesystem::path& folder) {
     const std::filesystem::path file = folder / kFileName;
     try {
-      std::filesystem::create_directories(folder);
+      makePrivateDatabaseFile(file);
       return openHealthFile(file);
     } catch (const sqlite::Error& failure) {
       if (failure.primaryCode() == SQLITE_NOTADB) throw std::runtime_error(file.string() + " is not a health store");

@@ -2,17 +2,26 @@
 
 #include "modules/DatabaseSupport.h"
 
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "tarnwell/analytics/EventsOfDays.h"
 #include "tarnwell/health/HealthManager.h"
 #include "tarnwell/modules/CloudService.h"
+#include "tarnwell/platform/BusyTimeout.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/Localization.h"
 #include "tarnwell/platform/Log.h"
 #include "tarnwell/platform/NotificationCenter.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/platform/Timer.h"
 #include "tarnwell/records/App.h"
 #include "tarnwell/records/Focus.h"
@@ -34,30 +43,123 @@ namespace {
 
 // SQLite's own side files travel with the main file, so that a journal never
 // meets a file it does not belong to.
-constexpr const char* kSideFileSuffixes[] = {"-wal", "-shm"};
+constexpr const char* kSideFileSuffixes[] = {"-wal", "-shm", "-journal"};
 
 std::filesystem::path withSuffix(const std::filesystem::path& file, const char* suffix) {
   return file.string() + suffix;
 }
 
-void moveStoreFile(const std::filesystem::path& from, const std::filesystem::path& to) {
-  std::filesystem::rename(from, to);
+bool existsWithSideFiles(const std::filesystem::path& file) {
+  std::error_code error;
+  if (std::filesystem::exists(std::filesystem::symlink_status(file, error))) return true;
   for (const char* suffix : kSideFileSuffixes) {
-    std::error_code error;
-    std::filesystem::remove(withSuffix(to, suffix), error);
-    if (std::filesystem::exists(withSuffix(from, suffix))) {
-      std::filesystem::rename(withSuffix(from, suffix), withSuffix(to, suffix));
+    if (std::filesystem::exists(std::filesystem::symlink_status(withSuffix(file, suffix), error))) return true;
+  }
+  return false;
+}
+
+// Moves the main file, then its side files. A side file that cannot follow
+// is removed rather than left to meet the new store; false only when the
+// main file did not move, and then nothing moved.
+bool moveStoreFile(const std::filesystem::path& from, const std::filesystem::path& to, std::error_code& error) {
+  std::filesystem::rename(from, to, error);
+  if (error) return false;
+  for (const char* suffix : kSideFileSuffixes) {
+    std::error_code sideError;
+    if (!std::filesystem::exists(withSuffix(from, suffix), sideError)) continue;
+    std::filesystem::rename(withSuffix(from, suffix), withSuffix(to, suffix), sideError);
+    if (sideError) {
+      log.error("The side file " + withSuffix(from, suffix).string() +
+                " cannot follow the store: " + sideError.message());
+      std::filesystem::remove(withSuffix(from, suffix), sideError);
     }
+  }
+  return true;
+}
+
+// "backup.realm", then "backup-2.realm", "backup-3.realm" and so on.
+std::filesystem::path numberedBackup(const std::filesystem::path& first, int number) {
+  if (number == 1) return first;
+  return first.parent_path() / (first.stem().string() + "-" + std::to_string(number) + first.extension().string());
+}
+
+// The first backup name that neither a backup nor a side file of one holds.
+std::filesystem::path freeBackupName(const std::filesystem::path& first) {
+  for (int number = 1;; ++number) {
+    auto candidate = numberedBackup(first, number);
+    if (!existsWithSideFiles(candidate)) return candidate;
   }
 }
 
-// Removes a file like the platform's file manager: a missing one is an error.
-void removeItem(const std::filesystem::path& file) {
-  if (!std::filesystem::exists(file)) {
-    throw std::filesystem::filesystem_error("cannot remove", file,
-                                            std::make_error_code(std::errc::no_such_file_or_directory));
+// Failures that say nothing about the file's contents: someone else holds
+// it, it cannot be reached or written just now, or it is a newer version's.
+bool isAboutAccess(const sqlite::Error& error) {
+  switch (error.primaryCode()) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+    case SQLITE_CANTOPEN:
+    case SQLITE_IOERR:
+    case SQLITE_FULL:
+    case SQLITE_NOMEM:
+    case SQLITE_AUTH:
+    case SQLITE_NOLFS:
+    case SQLITE_MISMATCH:
+      return true;
+    default:
+      return false;
   }
-  std::filesystem::remove(file);
+}
+
+bool isDamage(const sqlite::Error& error) {
+  return error.primaryCode() == SQLITE_NOTADB || error.primaryCode() == SQLITE_CORRUPT;
+}
+
+// Whether SQLite's quick check finds the file damaged. A check that cannot
+// run for want of access proves nothing.
+bool failsQuickCheck(const std::filesystem::path& file) {
+  try {
+    sqlite::Connection connection(file, sqlite::Connection::OpenMode::readOnly);
+    connection.setBusyTimeout(storeBusyTimeout());
+    auto check = connection.prepare("PRAGMA quick_check");
+    return check.step() && check.text(0) != "ok";
+  } catch (const sqlite::Error& failure) {
+    return isDamage(failure);
+  }
+}
+
+// The first of the store's files, or its folder, that this process cannot
+// write, if any.
+std::optional<std::filesystem::path> unwritableFile(const std::filesystem::path& file) {
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    const auto each = withSuffix(file, suffix);
+    if (::access(each.c_str(), F_OK) == 0 && ::access(each.c_str(), W_OK) != 0) return each;
+  }
+  if (::access(file.parent_path().c_str(), W_OK) != 0) return file.parent_path();
+  return std::nullopt;
+}
+
+// Takes the shared lock on the lock file beside the store, once per
+// Environment. Without it this process simply never sets the store aside.
+void holdStoreLock(DatabaseState& s) {
+  if (s.lockFile >= 0) return;
+  const auto file = withSuffix(s.fileURL, ".lock");
+  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) {
+    log.warning("The store's lock file " + file.string() + " cannot be opened: " + std::strerror(errno));
+    return;
+  }
+  tightenFile(file);
+  // Blocks only while another process sets a damaged store aside, which is
+  // quick; a process that merely uses the store holds it shared too.
+  while (::flock(fd, LOCK_SH) != 0) {
+    if (errno == EINTR) continue;
+    log.warning("The store's lock file " + file.string() + " cannot be locked: " + std::strerror(errno));
+    ::close(fd);
+    return;
+  }
+  s.lockFile = fd;
 }
 
 template <class... Records>
@@ -74,9 +176,14 @@ DatabaseState::DatabaseState(Environment& environment) : queue("org.vostra.tarnw
   if (!container) fatalError("The app group container group.org.vostra.tarnwell cannot be found");
   folder = *container / "Realm";
   fileURL = folder / "default.realm";
-  backupURL = folder / "backup.realm";
+  firstBackupURL = folder / "backup.realm";
+  backupURL = firstBackupURL;
   legacyURL = *container / "Library" / "Caches" / "default.realm";
   for (const char* extension : {"", ".lock", ".note", ".management"}) fileURLs.push_back(fileURL.string() + extension);
+}
+
+DatabaseState::~DatabaseState() {
+  if (lockFile >= 0) ::close(lockFile);
 }
 
 DatabaseState& state() { return Environment::current().component<DatabaseState>(); }
@@ -117,8 +224,53 @@ Database::DatabaseError Database::DatabaseError::realm(int errorCode) {
   return DatabaseError(errorCode, "the store failed with error " + std::to_string(errorCode));
 }
 
+Database::DatabaseError Database::DatabaseError::refused(int errorCode, const std::string& sentence) {
+  return DatabaseError(errorCode, sentence);
+}
+
+Database::DatabaseError Database::DatabaseError::setAside(int errorCode, const std::filesystem::path& backup) {
+  DatabaseError error(errorCode, "the store was damaged and was set aside as " + backup.filename().string() +
+                                     "; the next run starts an empty store");
+  error.backup_ = backup;
+  return error;
+}
+
+std::string Database::describeFailure(const sqlite::Error& error) {
+  const auto& file = state().fileURL;
+  switch (error.primaryCode()) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      return "the store is busy: another tarnwell process is writing to it; try again when it ends";
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+    case SQLITE_AUTH:
+    case SQLITE_CANTOPEN:
+      if (const auto blocked = unwritableFile(file))
+        return "the store cannot be written: " + blocked->string() + " is read-only";
+      return "the store cannot be opened: " + std::string(error.what());
+    case SQLITE_FULL:
+      return "the store cannot be written: the disk is full";
+    case SQLITE_IOERR:
+      return "the store cannot be read or written just now: " + std::string(error.what());
+    case SQLITE_MISMATCH:
+      return "the store was written by a newer version of tarnwell; this version leaves it as it is";
+    case SQLITE_NOTADB:
+    case SQLITE_CORRUPT:
+      return "the store " + file.string() + " is damaged";
+    default:
+      return "the store failed: " + std::string(error.what());
+  }
+}
+
 const std::filesystem::path& Database::fileURL() { return state().fileURL; }
-const std::filesystem::path& Database::backupURL() { return state().backupURL; }
+const std::filesystem::path& Database::backupURL() {
+  auto& s = state();
+  // The newest backup there is; the first name while there is none.
+  s.backupURL = s.firstBackupURL;
+  for (int number = 1; existsWithSideFiles(numberedBackup(s.firstBackupURL, number)); ++number)
+    s.backupURL = numberedBackup(s.firstBackupURL, number);
+  return s.backupURL;
+}
 const std::vector<std::filesystem::path>& Database::fileURLs() { return state().fileURLs; }
 SafeSyncQueue& Database::queue() { return state().queue; }
 
@@ -222,10 +374,15 @@ bool Database::shouldCompactOnLaunch(std::uint64_t totalBytes, std::uint64_t use
 
 void Database::configureRealm() {
   auto& s = state();
-  // No protection attributes here: the file keeps the mode it was made with.
-  if (!std::filesystem::exists(s.folder)) std::filesystem::create_directory(s.folder);
-  if (std::filesystem::exists(s.legacyURL) && !std::filesystem::exists(s.fileURL))
-    moveStoreFile(s.legacyURL, s.fileURL);
+  makePrivateFolder(s.folder);
+  holdStoreLock(s);
+  if (std::filesystem::exists(s.legacyURL) && !std::filesystem::exists(s.fileURL)) {
+    std::error_code error;
+    if (!moveStoreFile(s.legacyURL, s.fileURL, error))
+      throw std::filesystem::filesystem_error("cannot move", s.legacyURL, s.fileURL, error);
+  }
+  // Before SQLite makes it: its side files take the main file's mode.
+  makePrivateDatabaseFile(s.fileURL);
 
   store::StoreConfiguration configuration;
   configuration.fileURL = s.fileURL;
@@ -238,24 +395,42 @@ void Database::configureRealm() {
 }
 
 void Database::testRealm() {
+  auto& s = state();
+  int code = -1;
   try {
     Store::open();
+    return;
+  } catch (const sqlite::Error& failure) {
+    log.error("The store cannot be opened: " + std::string(failure.what()) + " (" + std::to_string(failure.code()) +
+              ")");
+    code = failure.code();
+    // Only a file shown to be damaged goes: a busy or locked store, or one
+    // that cannot be written just now, keeps everything in it.
+    if (!isDamage(failure) && (isAboutAccess(failure) || !failsQuickCheck(s.fileURL)))
+      throw DatabaseError::refused(code, describeFailure(failure));
   } catch (const std::exception& failure) {
-    log.error(failure.what());
-    const auto* storeError = dynamic_cast<const sqlite::Error*>(&failure);
-    if (!storeError) throw DatabaseError::realm(-1);
-    auto& s = state();
-    if (std::filesystem::exists(s.backupURL)) {
-      std::filesystem::remove(s.backupURL);
-      for (const char* suffix : kSideFileSuffixes) std::filesystem::remove(withSuffix(s.backupURL, suffix));
-    }
-    if (std::filesystem::exists(s.fileURL)) moveStoreFile(s.fileURL, s.backupURL);
-    Store::invalidate(s.fileURL);
-    // The first of these usually fails, the file having just moved, and that
-    // error is what the caller sees; the other files then stay. Kept so.
-    for (const auto& file : s.fileURLs) removeItem(file);
-    throw DatabaseError::realm(storeError->code());
+    log.error(std::string("The store cannot be opened: ") + failure.what());
+    throw DatabaseError::realm(-1);
   }
+  if (s.lockFile < 0 || ::flock(s.lockFile, LOCK_EX | LOCK_NB) != 0) {
+    throw DatabaseError::refused(code, "the store " + s.fileURL.string() +
+                                           " is damaged, but another tarnwell process has it open, so it was NOT "
+                                           "set aside; try again when that process ends");
+  }
+  // The lock goes back to shared however this ends.
+  const std::shared_ptr<void> shared(nullptr, [&s](void*) { ::flock(s.lockFile, LOCK_SH); });
+  Store::invalidate(s.fileURL);
+  const auto backup = freeBackupName(s.firstBackupURL);
+  std::error_code error;
+  if (!moveStoreFile(s.fileURL, backup, error)) {
+    log.error("The store cannot be set aside as " + backup.string() + ": " + error.message());
+    throw DatabaseError::refused(code, "the store " + s.fileURL.string() +
+                                           " is damaged and could NOT be set aside as " + backup.filename().string() +
+                                           " (" + error.message() + "); nothing was changed");
+  }
+  s.backupURL = backup;
+  log.error("The store was set aside as " + backup.string());
+  throw DatabaseError::setAside(code, backup);
 }
 
 void Database::setupRealmData() {

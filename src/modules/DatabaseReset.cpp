@@ -5,6 +5,7 @@
 
 #include "modules/DatabaseSupport.h"
 #include "tarnwell/modules/Database.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/settings/Settings.h"
 
 namespace tarnwell {
@@ -35,10 +36,11 @@ Promise<void> reset(std::function<void()> wipe) {
       .then([] { return Database::refreshEventsOfToday(); });
 }
 
-// Writes `text` to `file` whole or not at all.
-void writeAtomically(const std::filesystem::path& file, const std::string& text) {
+// Writes `text` to `file` whole or not at all; `privately`, as 0600.
+void writeAtomically(const std::filesystem::path& file, const std::string& text, bool privately) {
   const std::filesystem::path partial = file.string() + ".partial";
   {
+    if (privately) makePrivateFile(partial);
     std::ofstream out(partial, std::ios::binary | std::ios::trunc);
     out << text;
     out.close();
@@ -49,14 +51,15 @@ void writeAtomically(const std::filesystem::path& file, const std::string& text)
 }
 
 template <class Record>
-std::filesystem::path exportTable(Store& store, const std::filesystem::path& folder, const std::string& dateText) {
+std::filesystem::path exportTable(Store& store, const std::filesystem::path& folder, const std::string& dateText,
+                                  bool privately) {
   std::string text(Record::csvColumns);
   for (const auto& record : store.objects<Record>(store::liveRows())) {
     text += '\n';
     text += record.csvRecord();
   }
   const auto file = folder / (dateText + "-" + std::string(Record::className) + ".csv");
-  writeAtomically(file, text);
+  writeAtomically(file, text, privately);
   return file;
 }
 
@@ -89,13 +92,16 @@ Promise<void> Database::resetFocusData(bool onlyCurrentDevice) {
 Promise<std::vector<std::filesystem::path>> Database::exportCSVFile(std::filesystem::path folder) {
   return Promise<void>::fulfilled().map(queue().queue(), [folder = std::move(folder)] {
     const auto target = folder.empty() ? Environment::current().temporaryDirectory() : folder;
+    // Inside the installation the files are the user's alone; a folder the
+    // caller names keeps its own rules.
+    const bool privately = folder.empty();
     // One text for every file of this export.
     const std::string dateText = Date::now().description();
     Store store = Store::open();
     return std::vector<std::filesystem::path>{
-        exportTable<Alive>(store, target, dateText), exportTable<Device>(store, target, dateText),
-        exportTable<Focus>(store, target, dateText), exportTable<Pickup>(store, target, dateText),
-        exportTable<Tag>(store, target, dateText),   exportTable<Walk>(store, target, dateText)};
+        exportTable<Alive>(store, target, dateText, privately), exportTable<Device>(store, target, dateText, privately),
+        exportTable<Focus>(store, target, dateText, privately), exportTable<Pickup>(store, target, dateText, privately),
+        exportTable<Tag>(store, target, dateText, privately),   exportTable<Walk>(store, target, dateText, privately)};
   });
 }
 

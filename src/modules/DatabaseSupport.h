@@ -26,9 +26,20 @@ namespace tarnwell::database_support {
 // The parts of Database that live as long as the Environment.
 struct DatabaseState {
   explicit DatabaseState(Environment& environment);
+  ~DatabaseState();
+  DatabaseState(const DatabaseState&) = delete;
+  DatabaseState& operator=(const DatabaseState&) = delete;
+
+  // The lock file beside the store, held shared while this process may use
+  // the store (-1 until configureRealm, or when it cannot be had). Setting
+  // the store aside needs it exclusively: no other process may have it open.
+  int lockFile = -1;
 
   SafeSyncQueue queue;
-  std::filesystem::path folder, fileURL, backupURL, legacyURL;
+  std::filesystem::path folder, fileURL, legacyURL;
+  // "backup.realm", the first of the numbered backups; and the last that
+  // Database::backupURL() found or testRealm made.
+  std::filesystem::path firstBackupURL, backupURL;
   std::vector<std::filesystem::path> fileURLs;
 
   // Guarded by `queue`.

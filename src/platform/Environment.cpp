@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "tarnwell/platform/FatalError.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/platform/Uuid.h"
 
 #ifndef TARNWELL_VERSION
@@ -89,15 +90,19 @@ DeviceInfo DeviceInfo::host(const std::filesystem::path& identifierFile) {
     info.localizedModel = system.machine;
   }
   // Like a vendor identifier, it lives as long as the installation's own folder.
+  tightenFile(identifierFile);
   std::ifstream in(identifierFile);
   std::string identifier;
   if (in >> identifier && isUpperCaseUUIDString(identifier)) {
     info.identifierForVendor = identifier;
     return info;
   }
-  std::error_code error;
-  std::filesystem::create_directories(identifierFile.parent_path(), error);
   identifier = makeUUIDString();
+  try {
+    makePrivateFile(identifierFile);
+  } catch (const std::filesystem::filesystem_error&) {
+    return info;  // without a folder of its own, the device has no identifier
+  }
   std::ofstream out(identifierFile, std::ios::trunc);
   if (out << identifier << '\n') info.identifierForVendor = identifier;
   return info;
@@ -140,7 +145,15 @@ Environment::Environment(Configuration configuration)
                                                      : DispatchQueue::Mode::thread)),
       keychain_(configuration_.keychain ? configuration_.keychain
                                         : std::make_shared<FileKeychainStore>(configuration_.keychainFolder)),
-      region_(configuration_.region ? *configuration_.region : Region::system()) {}
+      region_(configuration_.region ? *configuration_.region : Region::system()) {
+  // Folders an older version made open to others close again; the files in
+  // them are tightened as they are opened.
+  for (const auto& folder : {configuration_.appGroupContainer, configuration_.appGroupContainer / "Library",
+                             configuration_.privateFolder, configuration_.privateFolder / "Library"}) {
+    tightenFile(folder);
+  }
+  if (configuration_.healthFolder) tightenFile(*configuration_.healthFolder);
+}
 
 Environment::~Environment() {
   std::vector<std::shared_ptr<DispatchQueue>> queues;
@@ -255,7 +268,7 @@ std::uint64_t Environment::generation() { return installations.load(); }
 std::optional<std::filesystem::path> Environment::containerURL(std::string_view groupIdentifier) const {
   if (groupIdentifier != kAppGroupIdentifier) return std::nullopt;
   std::error_code error;
-  std::filesystem::create_directories(configuration_.appGroupContainer, error);
+  makePrivateFolder(configuration_.appGroupContainer, error);
   if (error) return std::nullopt;
   return configuration_.appGroupContainer;
 }
@@ -263,7 +276,7 @@ std::optional<std::filesystem::path> Environment::containerURL(std::string_view 
 std::filesystem::path Environment::temporaryDirectory() const {
   const auto folder = configuration_.privateFolder / "tmp";
   std::error_code error;
-  std::filesystem::create_directories(folder, error);
+  makePrivateFolder(folder, error);
   return folder;
 }
 

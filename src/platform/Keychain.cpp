@@ -13,6 +13,7 @@
 
 #include "tarnwell/platform/Base64.h"
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/platform/Uuid.h"
 
 namespace tarnwell {
@@ -102,9 +103,8 @@ void FileKeychainStore::remove(std::string_view service, std::string_view key) {
 
 void FileKeychainStore::update(std::string_view service, std::string_view key, const std::optional<Data>& value) {
   std::error_code error;
-  std::filesystem::create_directories(folder_, error);
+  makePrivateFolder(folder_, error);
   if (error) throw KeychainError("cannot create " + folder_.string() + ": " + error.message());
-  ::chmod(folder_.c_str(), 0700);
   const auto file = fileFor(service);
   FileLock lock(file);
   auto items = readItems(file);

@@ -2,15 +2,29 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
+#include <cstdlib>
+
+#include "tarnwell/platform/BusyTimeout.h"
+
 namespace tarnwell::sqlite {
 namespace {
 
-[[noreturn]] void fail(sqlite3* database, int code, std::string_view context) {
-  std::string message(context);
-  message += ": ";
-  message += database ? sqlite3_errmsg(database) : sqlite3_errstr(code);
-  throw Error(database ? sqlite3_extended_errcode(database) : code, message);
+// SQLite's own sentence only: the statement may carry a user's text and
+// means nothing to them.
+[[noreturn]] void fail(sqlite3* database, int code) {
+  throw Error(database ? sqlite3_extended_errcode(database) : code,
+              database ? sqlite3_errmsg(database) : sqlite3_errstr(code));
 }
+
+std::atomic<int> busyTimeout{[] {
+  if (const char* text = std::getenv("TARNWELL_BUSY_TIMEOUT_MS"); text && *text) {
+    char* end = nullptr;
+    const long milliseconds = std::strtol(text, &end, 10);
+    if (*end == '\0' && milliseconds >= 0 && milliseconds <= 3600000) return static_cast<int>(milliseconds);
+  }
+  return 180000;
+}()};
 
 }  // namespace
 
@@ -31,7 +45,7 @@ Statement& Statement::operator=(Statement&& other) noexcept {
 Statement::~Statement() { sqlite3_finalize(statement_); }
 
 void Statement::check(int result) const {
-  if (result != SQLITE_OK) fail(database_, result, sqlite3_sql(statement_));
+  if (result != SQLITE_OK) fail(database_, result);
 }
 
 Statement& Statement::bindNull(int index) {
@@ -65,7 +79,7 @@ bool Statement::step() {
   const int result = sqlite3_step(statement_);
   if (result == SQLITE_ROW) return true;
   if (result == SQLITE_DONE) return false;
-  fail(database_, result, sqlite3_sql(statement_));
+  fail(database_, result);
 }
 
 void Statement::execute() {
@@ -154,14 +168,14 @@ void Connection::execute(std::string_view sql) {
   if (result != SQLITE_OK) {
     const std::string message = error ? error : sqlite3_errstr(result);
     sqlite3_free(error);
-    throw Error(sqlite3_extended_errcode(database_), text + ": " + message);
+    throw Error(sqlite3_extended_errcode(database_), message);
   }
 }
 
 Statement Connection::prepare(std::string_view sql) {
   sqlite3_stmt* statement = nullptr;
   const int result = sqlite3_prepare_v3(database_, sql.data(), static_cast<int>(sql.size()), 0, &statement, nullptr);
-  if (result != SQLITE_OK) fail(database_, result, sql);
+  if (result != SQLITE_OK) fail(database_, result);
   return Statement(database_, statement);
 }
 
@@ -171,7 +185,7 @@ Statement& Connection::cached(std::string_view sql) {
     sqlite3_stmt* statement = nullptr;
     const int result = sqlite3_prepare_v3(database_, sql.data(), static_cast<int>(sql.size()),
                                           SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
-    if (result != SQLITE_OK) fail(database_, result, sql);
+    if (result != SQLITE_OK) fail(database_, result);
     found = cache_.emplace(std::string(sql), std::unique_ptr<Statement>(new Statement(database_, statement))).first;
   } else {
     found->second->reset();
@@ -192,6 +206,17 @@ int Connection::userVersion() {
 void Connection::setUserVersion(int version) { execute("PRAGMA user_version = " + std::to_string(version)); }
 
 void Connection::setBusyTimeout(int milliseconds) { sqlite3_busy_timeout(database_, milliseconds); }
+
+}  // namespace tarnwell::sqlite
+
+namespace tarnwell {
+
+int storeBusyTimeout() { return sqlite::busyTimeout.load(); }
+void setStoreBusyTimeout(int milliseconds) { sqlite::busyTimeout.store(milliseconds); }
+
+}  // namespace tarnwell
+
+namespace tarnwell::sqlite {
 
 namespace {
 
@@ -270,7 +295,7 @@ void Transaction::rollback() {
 Connection openSharedFile(const std::filesystem::path& file, const SharedFileKind& kind, bool create,
                           const std::function<void(Connection&)>& made) {
   Connection connection(file, create ? Connection::OpenMode::readWriteCreate : Connection::OpenMode::readWrite);
-  connection.setBusyTimeout(10000);
+  connection.setBusyTimeout(storeBusyTimeout());
   // The first statement reads the header: a file that is no database fails here.
   connection.execute("PRAGMA journal_mode = WAL");
   connection.execute("PRAGMA synchronous = NORMAL");

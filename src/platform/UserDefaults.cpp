@@ -6,8 +6,10 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "tarnwell/platform/BusyTimeout.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/platform/Sqlite.h"
 
 namespace tarnwell {
@@ -32,9 +34,9 @@ std::string_view trimmed(std::string_view text) {
 }  // namespace
 
 UserDefaults::UserDefaults(const std::filesystem::path& file) : file_(file) {
-  std::filesystem::create_directories(file.parent_path());
+  makePrivateDatabaseFile(file);
   connection_ = std::make_unique<sqlite::Connection>(file);
-  connection_->setBusyTimeout(10000);
+  connection_->setBusyTimeout(storeBusyTimeout());
   connection_->execute("PRAGMA journal_mode = WAL");
   connection_->execute("PRAGMA synchronous = NORMAL");
   connection_->execute(

@@ -1,6 +1,8 @@
 #include "tarnwell/platform/WidgetCenter.h"
 
+#include "tarnwell/platform/BusyTimeout.h"
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/platform/Sqlite.h"
 
 namespace tarnwell {
@@ -33,9 +35,9 @@ std::optional<WidgetFamily> widgetFamilyFromRawValue(int rawValue) {
 }
 
 HomeScreen::HomeScreen(const std::filesystem::path& file) {
-  std::filesystem::create_directories(file.parent_path());
+  makePrivateDatabaseFile(file);
   connection_ = std::make_unique<sqlite::Connection>(file);
-  connection_->setBusyTimeout(10000);
+  connection_->setBusyTimeout(storeBusyTimeout());
   connection_->execute("PRAGMA journal_mode = WAL");
   connection_->execute(
       "CREATE TABLE IF NOT EXISTS widgets (kind TEXT NOT NULL, family INTEGER NOT NULL, configuration TEXT);"

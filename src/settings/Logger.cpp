@@ -3,6 +3,7 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/version.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
+#include "tarnwell/platform/PrivateFiles.h"
 #include "tarnwell/settings/AppEnvironment.h"
 #include "tarnwell/settings/AppInfo.h"
 
@@ -72,8 +74,11 @@ AutoRotatingFileDestination::AutoRotatingFileDestination(Options options)
   if (!options.shouldAppend) std::filesystem::remove(file_, error);
   const bool appending = std::filesystem::file_size(file_, error) > 0 && !error;
   try {
+    // The sink makes a new file at each rotation; each is the user's alone.
+    spdlog::file_event_handlers handlers;
+    handlers.after_open = [](const spdlog::filename_t&, std::FILE* stream) { ::fchmod(::fileno(stream), 0600); };
     auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_st>(file_.string(), options.maxFileSize,
-                                                                       options.targetMaxLogFiles, false);
+                                                                       options.targetMaxLogFiles, false, handlers);
     writer_->logger = std::make_shared<spdlog::logger>(identifier_, std::move(sink));
     writer_->logger->set_pattern("%v");
     writer_->logger->set_level(spdlog::level::trace);
@@ -117,7 +122,12 @@ std::shared_ptr<DispatchQueue> Logger::logQueue() { return state().queue; }
 
 void Logger::start() {
   const auto& file = logFileURL();
-  if (!std::filesystem::exists(file)) std::ofstream{file};  // a failure shows up when the destination opens it
+  try {
+    makePrivateFile(file);
+  } catch (const std::filesystem::filesystem_error&) {
+    // The failure shows up when the destination opens the file.
+  }
+  for (std::size_t index = 1; index <= kTargetMaxLogFiles; ++index) tightenFile(archiveName(file, index));
 
   auto destination = std::make_shared<AutoRotatingFileDestination>(AutoRotatingFileDestination::Options{
       .writeToFile = file,

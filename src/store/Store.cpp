@@ -7,6 +7,7 @@
 #include <mutex>
 #include <set>
 
+#include "tarnwell/platform/BusyTimeout.h"
 #include "tarnwell/platform/DispatchQueue.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
@@ -109,7 +110,7 @@ thread_local ThreadConnections threadConnections;
 
 std::unique_ptr<sqlite::Connection> connect(const std::filesystem::path& file) {
   auto connection = std::make_unique<sqlite::Connection>(file);
-  connection->setBusyTimeout(10000);
+  connection->setBusyTimeout(storeBusyTimeout());
   // A per-connection setting: without it a thread's connection syncs the
   // log to disk on every commit, which costs far more than the write.
   connection->execute("PRAGMA synchronous = NORMAL");
@@ -150,11 +151,53 @@ bool hasTables(sqlite::Connection& connection) {
   return statement.int64(0) > 0;
 }
 
+// The index an index statement of the schema makes, unquoted.
+std::optional<std::string> indexName(std::string_view sql) {
+  constexpr std::string_view kPrefix = "CREATE INDEX IF NOT EXISTS \"";
+  if (!sql.starts_with(kPrefix)) return std::nullopt;
+  std::string name;
+  for (std::size_t i = kPrefix.size(); i < sql.size(); ++i) {
+    if (sql[i] != '"') {
+      name += sql[i];
+    } else if (i + 1 < sql.size() && sql[i + 1] == '"') {
+      name += '"';
+      ++i;
+    } else {
+      return name;
+    }
+  }
+  return std::nullopt;
+}
+
+// Whether the file already has the configuration's version, tables, columns
+// and indexes; read without the write lock, which another process (a long
+// import) may hold for a good while.
+bool isCurrent(sqlite::Connection& connection, const StoreConfiguration& configuration) {
+  sqlite::Transaction read(connection, sqlite::Transaction::Behavior::deferred);
+  if (static_cast<std::uint64_t>(connection.userVersion()) != configuration.schemaVersion) return false;
+  auto index = connection.prepare("SELECT 1 FROM sqlite_schema WHERE type = 'index' AND name = ?1");
+  for (const auto& table : configuration.tables) {
+    const auto existing = connection.columns(table.className);
+    for (const auto& column : table.columns) {
+      if (std::find(existing.begin(), existing.end(), column.first) == existing.end()) return false;
+    }
+    for (const auto& sql : table.indexesSQL) {
+      const auto name = indexName(sql);
+      if (!name) return false;
+      index.reset();
+      index.bind(1, std::string_view(*name));
+      if (!index.step()) return false;
+    }
+  }
+  return true;
+}
+
 // Creates, widens and migrates the file to the configuration's schema.
 void prepare(sqlite::Connection& connection, const StoreConfiguration& configuration) {
   // The first statement on a file that is not a database fails here.
   connection.execute("PRAGMA journal_mode = WAL");
   compactIfAsked(connection, configuration);
+  if (isCurrent(connection, configuration)) return;
 
   sqlite::Transaction transaction(connection, sqlite::Transaction::Behavior::exclusive);
   const auto version = static_cast<std::uint64_t>(connection.userVersion());

@@ -7,6 +7,7 @@
 
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
+#include "tarnwell/platform/PrivateFiles.h"
 
 namespace tarnwell::sync {
 namespace {
@@ -41,7 +42,7 @@ fs::path syncAssetDefaultURL() {
   if (privateFolder.empty()) fatalError("The user's documents directory cannot be found");
   auto folder = privateFolder / "Documents" / std::string(SyncAsset::className);
   std::error_code error;
-  if (!fs::is_directory(folder, error)) fs::create_directories(folder, error);
+  makePrivateFolder(folder, error);
   return folder;
 }
 
@@ -72,6 +73,11 @@ std::optional<SyncAsset> createSyncAsset(std::string_view objectID, std::string_
   clearTarget(target, shouldOverwrite);
   std::error_code error;
   if (fs::exists(target, error)) return asset;
+  try {
+    makePrivateFile(target);
+  } catch (const fs::filesystem_error&) {
+    return std::nullopt;
+  }
   std::ofstream file(target, std::ios::binary | std::ios::trunc);
   file.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
   file.close();

@@ -1,14 +1,21 @@
-// Database: start-up, the set-aside of broken files, and the event operations.
+// Database: start-up, the set-aside of damaged files, and the event operations.
 
 #include "tarnwell/modules/Database.h"
 
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <random>
 
 #include "support/TestEnvironment.h"
+#include "tarnwell/platform/BusyTimeout.h"
+#include "tarnwell/platform/Sqlite.h"
 #include "tarnwell/settings/Logger.h"
 #include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
@@ -78,20 +85,45 @@ TEST_F(DatabaseTest, CopiesOfDefaultTagsAreListedUnderThePlainId) {
   EXPECT_TRUE(Database::getTags(true, false).empty());
 }
 
+// A fresh environment whose store gives up on a lock at once, and a second
+// connection to play the other process.
 class BrokenStoreTest : public testing::EnvironmentTest {
  protected:
+  void SetUp() override { setStoreBusyTimeout(50); }
+  void TearDown() override { setStoreBusyTimeout(previousTimeout); }
+  const int previousTimeout = storeBusyTimeout();
   void breakStore(const std::string& contents) {
     Database::configureRealm();
     std::ofstream(Database::fileURL()) << contents;
     std::ofstream(Database::fileURL().string() + "-wal") << "stale journal";
   }
+  std::filesystem::path folder() const { return Database::fileURL().parent_path(); }
+  std::vector<std::string> backups() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder())) {
+      if (entry.path().filename().string().starts_with("backup")) names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  // Database::start()'s error, which must be one.
+  Database::DatabaseError startError() {
+    try {
+      Database::start();
+    } catch (const Database::DatabaseError& error) {
+      return error;
+    }
+    ADD_FAILURE() << "the store started";
+    return Database::DatabaseError::realm(0);
+  }
 };
 
-TEST_F(BrokenStoreTest, AGarbageFileIsSetAsideAndTheNextStartBuildsAnEmptyStore) {
+TEST_F(BrokenStoreTest, GarbageIsSetAsideUnderANewNumberEachTime) {
   breakStore("this is not a database");
-  EXPECT_THROW(Database::start(), std::filesystem::filesystem_error);  // the removal quirk
-  const auto folder = Database::fileURL().parent_path();
-  EXPECT_EQ(read(folder / "backup.realm"), "this is not a database");
+  auto first = startError();
+  EXPECT_EQ(first.backup(), folder() / "backup.realm");
+  EXPECT_EQ(std::string(first.what()),
+            "the store was damaged and was set aside as backup.realm; the next run starts an empty store");
   EXPECT_FALSE(std::filesystem::exists(Database::fileURL()));
   EXPECT_FALSE(std::filesystem::exists(Database::fileURL().string() + "-wal"));
 
@@ -101,24 +133,79 @@ TEST_F(BrokenStoreTest, AGarbageFileIsSetAsideAndTheNextStartBuildsAnEmptyStore)
   EXPECT_EQ(Database::getTags(false, false).size(), 3u);
   EXPECT_TRUE(
       Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {Settings::deviceId()}).empty());
-}
 
-TEST_F(BrokenStoreTest, TheSameProcessCanStartAgainAfterTheSetAside) {
-  breakStore("garbage");
-  EXPECT_ANY_THROW(Database::start());
+  env.relaunch();
+  breakStore("garbage again");
+  EXPECT_EQ(startError().backup(), folder() / "backup-2.realm");
+  EXPECT_EQ(read(folder() / "backup.realm"), "this is not a database");
+  EXPECT_EQ(read(folder() / "backup-2.realm"), "garbage again");
+  EXPECT_EQ(Database::backupURL(), folder() / "backup-2.realm");
+  // The same process goes on with an empty store.
   Database::start();
   EXPECT_EQ(Database::getDevices().size(), 1u);
 }
 
-TEST_F(BrokenStoreTest, AStoreFromANewerVersionIsSetAsideWithItsData) {
+TEST_F(BrokenStoreTest, ADamagedStoreAnotherProcessHasOpenStays) {
+  breakStore("garbage");
+  // A lock of its own on the same file, as another process would hold it.
+  const int other = ::open((Database::fileURL().string() + ".lock").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(other, 0);
+  ASSERT_EQ(::flock(other, LOCK_SH), 0);
+  EXPECT_THAT(startError().what(),
+              ::testing::HasSubstr("another tarnwell process has it open, so it was NOT set aside"));
+  EXPECT_EQ(read(Database::fileURL()), "garbage");
+  EXPECT_TRUE(backups().empty());
+  ::close(other);
+  EXPECT_EQ(startError().backup(), folder() / "backup.realm");
+}
+
+TEST_F(BrokenStoreTest, ABusyStoreIsRefusedInASentenceAndKeptWhole) {
+  Database::start();
+  const std::string id = Database::addPickup(t0, t0 + 60);
+  // The other process's long transaction, as an import's.
+  sqlite::Connection other(Database::fileURL());
+  other.execute("BEGIN IMMEDIATE");
+
+  // Reads go on; a write gives up after the busy timeout and says why.
+  env.relaunch();
+  Database::start();
+  EXPECT_TRUE(Database::getPickup(id));
+  try {
+    Database::addPickup(t0 + 120, t0 + 180);
+    ADD_FAILURE() << "the write went through a held lock";
+  } catch (const sqlite::Error& error) {
+    EXPECT_EQ(Database::describeFailure(error),
+              "the store is busy: another tarnwell process is writing to it; try again when it ends");
+  }
+  // A store that needs migrating cannot be migrated now: refused, not set aside.
+  other.setUserVersion(12);
+  other.execute("COMMIT");
+  other.execute("BEGIN IMMEDIATE");
+  env.relaunch();
+  const auto error = startError();
+  EXPECT_EQ(std::string(error.what()),
+            "the store is busy: another tarnwell process is writing to it; try again when it ends");
+  EXPECT_TRUE(error.backup().empty());
+  EXPECT_TRUE(backups().empty());
+
+  other.execute("COMMIT");
+  env.relaunch();
+  Database::start();
+  EXPECT_EQ(store::Store::open().connection().userVersion(), 13);
+  EXPECT_TRUE(Database::getPickup(id));
+}
+
+TEST_F(BrokenStoreTest, AStoreFromANewerVersionIsRefusedAndKeptInPlace) {
   Database::start();
   const std::string id = Database::addPickup(t0, t0 + 1);
   store::Store::open().connection().setUserVersion(14);
   env.relaunch();
-  EXPECT_ANY_THROW(Database::start());
-  sqlite::Connection backup(Database::backupURL(), sqlite::Connection::OpenMode::readOnly);
-  EXPECT_EQ(backup.userVersion(), 14);
-  auto select = backup.prepare("SELECT id FROM Pickup");
+  EXPECT_EQ(std::string(startError().what()),
+            "the store was written by a newer version of tarnwell; this version leaves it as it is");
+  EXPECT_TRUE(backups().empty());
+  sqlite::Connection kept(Database::fileURL(), sqlite::Connection::OpenMode::readOnly);
+  EXPECT_EQ(kept.userVersion(), 14);
+  auto select = kept.prepare("SELECT id FROM Pickup");
   ASSERT_TRUE(select.step());
   EXPECT_EQ(select.text(0), id);
 }

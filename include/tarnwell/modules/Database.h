@@ -3,7 +3,7 @@
 // Database: the one facade of the store.
 //
 // Everything persistent goes through these static members. Database::start()
-// opens and migrates the store (setting a broken file aside), and makes the
+// opens and migrates the store (setting a damaged file aside), and makes the
 // device row and the initial tags; it must run once, on the main thread,
 // before anything else here. Every read and write then runs on the caller's
 // thread with that thread's own connection: records leave as plain values,
@@ -13,7 +13,18 @@
 // use too; the writes of events keep today (eventsOfToday) up to date.
 //
 // Failures of the store throw sqlite::Error (SQLite's code inside);
-// Database::start() reports a store it had to set aside as DatabaseError.
+// Database::start() reports a store it could not open as DatabaseError.
+//
+// A store is set aside only when it is shown to be damaged: SQLite finds it
+// is no database or is corrupt, or its quick check fails. A store that is
+// busy (another process writing, an import's long transaction), locked,
+// read-only, out of reach or of a newer version is never touched: a write
+// waits for the Environment's storeBusyTimeout, and start() then refuses
+// with a sentence that says what holds the store. Nor is a store set aside
+// while another process has it open: every process holds a shared lock on
+// "default.realm.lock" while it uses the store, and setting aside needs that
+// lock alone. Backups are numbered, "backup.realm", "backup-2.realm" and on,
+// each with its side files, and none is ever overwritten.
 
 #pragma once
 
@@ -44,7 +55,8 @@ namespace tarnwell {
 
 namespace sqlite {
 class Connection;
-}
+class Error;
+}  // namespace sqlite
 
 // A serial background queue whose safeSync may be called from a block that
 // already runs on it: that call runs inline instead of waiting for itself.
@@ -100,15 +112,27 @@ class Database {
 
   // The store's own error, as start() reports it: SQLite's code, or -1 for a
   // failure that did not come from the store.
+  // Its message is one plain sentence for the user, never a statement.
   class DatabaseError : public std::runtime_error {
    public:
     static DatabaseError realm(int errorCode);
+    // The store was left as it was; `sentence` says why.
+    static DatabaseError refused(int errorCode, const std::string& sentence);
+    // The damaged store was moved to `backup`.
+    static DatabaseError setAside(int errorCode, const std::filesystem::path& backup);
     int errorCode() const { return errorCode_; }
+    // Where the store went; empty when it stayed.
+    const std::filesystem::path& backup() const { return backup_; }
 
    private:
     DatabaseError(int errorCode, const std::string& message) : std::runtime_error(message), errorCode_(errorCode) {}
     int errorCode_;
+    std::filesystem::path backup_;
   };
+
+  // A failure of the store as one sentence for the user: what holds the
+  // store (another process, a read-only file, a full disk), without SQL.
+  static std::string describeFailure(const sqlite::Error& error);
 
   struct NotificationName {
     static constexpr std::string_view eventsOfTodayDidChange = "Database.NotificationName.eventsOfTodayDidChange";
@@ -129,8 +153,10 @@ class Database {
   // Makes the store's folder, moves a legacy file into place, and makes the
   // store configuration (version, migration, compaction) the default.
   static void configureRealm();
-  // Opens the store. A file that cannot be opened is set aside as
-  // "backup.realm" and the call throws; the next start builds an empty store.
+  // Opens the store. A damaged file that no other process has open is set
+  // aside under the next free backup name and the call throws
+  // DatabaseError::setAside; the next start builds an empty store. Any other
+  // failure throws DatabaseError::refused and changes nothing.
   static void testRealm();
   // Makes this device's row and, on a new installation, the initial tags.
   static void setupRealmData();
@@ -160,8 +186,9 @@ class Database {
   // The steps from an older schema version, run inside the opening transaction.
   static void migrate(sqlite::Connection& connection, std::uint64_t oldSchemaVersion);
 
-  // "Realm/default.realm" in the app group's container, the file set aside
-  // beside it, and the store's files in removal order.
+  // "Realm/default.realm" in the app group's container; the newest backup
+  // beside it ("backup.realm" while there is none); and the store's files in
+  // removal order.
   static const std::filesystem::path& fileURL();
   static const std::filesystem::path& backupURL();
   static const std::vector<std::filesystem::path>& fileURLs();
