@@ -315,8 +315,16 @@ void joinSignedInCloud(std::function<void(const nlohmann::json& userInfo)> handl
 }
 
 std::size_t deliverWaitingPushes() {
-  if (const auto container = joinedContainer()) return container->deliverPendingPushes();
-  return 0;
+  const auto container = joinedContainer();
+  if (!container) return 0;
+  try {
+    return container->deliverPendingPushes();
+  } catch (const std::exception& error) {
+    // A server that does not answer holds back no command: the pushes wait
+    // there for the next run, or the next turn of a watch.
+    std::cerr << "tarnwell: " << error.what() << "; the pushes waiting for this device are handed over later\n";
+    return 0;
+  }
 }
 
 bool waitForPushes(std::chrono::milliseconds timeout) {

@@ -265,6 +265,8 @@ CREATE TABLE requests (
 // holds one for milliseconds), and a transaction left idle by a client that
 // stopped while holding the writers' lock.
 constexpr int kConnectTimeoutSeconds = 5;
+// How long steps fail at once after one ran out of time.
+constexpr std::chrono::seconds kUnansweredPause{30};
 constexpr std::string_view kSessionLimits =
     "-c statement_timeout=10s -c lock_timeout=3s -c idle_in_transaction_session_timeout=30s";
 
@@ -395,6 +397,7 @@ class PostgresSql final : public CloudSql {
   // a transaction object each, so that beginning and locking cost the
   // server one round trip.
   void begin(Access access) override {
+    refuseWhileUnanswered();
     run(access == Access::write
             // Writers of this cloud take turns; readers go on (see CloudSql.h).
             ? "BEGIN; LOCK TABLE databases IN EXCLUSIVE MODE"
@@ -413,9 +416,13 @@ class PostgresSql final : public CloudSql {
     if (session_) run("ROLLBACK", {});
   }
 
-  void execute(std::string_view sql, std::span<const SqlValue> parameters) override { run(sql, parameters); }
+  void execute(std::string_view sql, std::span<const SqlValue> parameters) override {
+    if (!inTransaction_) refuseWhileUnanswered();
+    run(sql, parameters);
+  }
 
   std::unique_ptr<SqlRows> query(std::string_view sql, std::span<const SqlValue> parameters) override {
+    if (!inTransaction_) refuseWhileUnanswered();
     return std::make_unique<PostgresRows>(run(sql, parameters));
   }
 
@@ -477,8 +484,18 @@ class PostgresSql final : public CloudSql {
     } catch (const pqxx::sql_error& error) {
       // A lock or a statement that ran out of time is a server that does not
       // answer: the client tries again at its next sync, not at once.
-      if (isTimeout(error)) throw CKError(CKErrorCode::networkFailure, firstLine(error.what()));
-      throw;
+      if (!isTimeout(error)) throw;
+      unansweredUntil_ = std::chrono::steady_clock::now() + kUnansweredPause;
+      throw CKError(CKErrorCode::networkFailure, firstLine(error.what()));
+    }
+  }
+
+  // After a step that ran out of time the next ones would most likely wait
+  // as long, one after the other, and a launch runs several: for a while
+  // they fail at once, as they would without a network.
+  void refuseWhileUnanswered() const {
+    if (std::chrono::steady_clock::now() < unansweredUntil_) {
+      throw CKError(CKErrorCode::networkFailure, "The server did not answer in time a moment ago");
     }
   }
 
@@ -530,6 +547,7 @@ class PostgresSql final : public CloudSql {
   std::unique_ptr<QuietNotices> quiet_;
   std::unique_ptr<pqxx::nontransaction> session_;
   bool inTransaction_ = false;
+  std::chrono::steady_clock::time_point unansweredUntil_;
   // Long statements (a batch's rows) are hashed once rather than compared
   // along their shared beginnings.
   struct TextHash {
