@@ -647,6 +647,9 @@ TEST_P(CloudEmulatorTest, FieldValuesComeBackExactlyAndAssetsAsFilesOfTheirBytes
   ASSERT_TRUE(asset.fileURL);
   std::ifstream in(*asset.fileURL, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), std::string("\xff\xd8jpeg\0bytes", 11));
+  EXPECT_EQ(std::filesystem::status(*asset.fileURL).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write)
+      << "an asset is the user's alone";
   EXPECT_EQ(std::get<std::vector<CKAsset>>(*fetched.object("photos")).size(), 1u);
 }
 
