@@ -186,7 +186,10 @@ class Run:
         port = port or "5432"
         user = f"convergence_{self.seed}_{os.getpid()}_{int(time.time() * 1000) % 100000000}"
         password = f"pw-{self.random.getrandbits(64):x}"
-        subprocess.run(["psql", "-q", "-v", "ON_ERROR_STOP=1", self.server,
+        # A grant on the database rewrites its catalog row; the tests' roles
+        # are granted under the same lock, so that no two grants meet.
+        subprocess.run(["psql", "-q", "-1", "-v", "ON_ERROR_STOP=1", self.server,
+                        "-c", "DO $$ BEGIN PERFORM pg_advisory_xact_lock(hashtext('tarnwell test roles')); END $$",
                         "-c", f"CREATE ROLE {user} LOGIN PASSWORD '{password}'",
                         "-c", f"GRANT CREATE ON DATABASE {database} TO {user}"], check=True, env=self.environment)
         passfile = os.path.join(self.root, "pgpass")

@@ -307,15 +307,24 @@ void joinSignedInCloud(std::function<void(const nlohmann::json& userInfo)> handl
     container->setRemoteNotificationHandler(std::move(handler));
     CKContainer::install(std::move(container));
     joinedCloud() = std::move(cloud);
-  } catch (const InputError& error) {
-    // The phone goes on without a cloud it cannot reach; so does a run.
+  } catch (const std::exception& error) {
+    // The phone goes on without a cloud it cannot reach (or one that did not
+    // answer in time); so does a run, and its writes are stored all the same.
     std::cerr << "tarnwell: " << error.what() << "; this run goes on signed out\n";
   }
 }
 
 std::size_t deliverWaitingPushes() {
-  if (const auto container = joinedContainer()) return container->deliverPendingPushes();
-  return 0;
+  const auto container = joinedContainer();
+  if (!container) return 0;
+  try {
+    return container->deliverPendingPushes();
+  } catch (const std::exception& error) {
+    // A server that does not answer holds back no command: the pushes wait
+    // there for the next run, or the next turn of a watch.
+    std::cerr << "tarnwell: " << error.what() << "; the pushes waiting for this device are handed over later\n";
+    return 0;
+  }
 }
 
 bool waitForPushes(std::chrono::milliseconds timeout) {
@@ -332,12 +341,14 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 
   auto* signIn = cloud->add_subcommand(
       "sign-in",
-      "Use the cloud in DIR (made there if new) or on the server postgresql://USER@HOST:PORT/DB from now on");
+      "Use the cloud in DIR (made there if new) or on the server "
+      "postgresql://USER@HOST:PORT/DB[?sslmode=MODE&connect_timeout=SECONDS&sslrootcert=FILE] from now on");
   signIn->add_option("cloud", a->target, "The cloud's folder, or the server's URL")->required();
   onRunWithoutStore(signIn, action, [&options, a] {
     if (a->target.find("://") == std::string::npos) return signInToFolder(options, a->target);
-    auto server = CloudServer::parse(a->target);
-    if (!server) refuse("cloud", a->target, "a folder, or postgresql://USER@HOST:PORT/DB without a password");
+    std::string problem;
+    auto server = CloudServer::parse(a->target, &problem);
+    if (!server) throw InputError("cloud sign-in: " + problem);
     signInToServer(options, std::move(*server));
   });
 

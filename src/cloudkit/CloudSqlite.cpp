@@ -1,9 +1,13 @@
 // The cloud's SQL over SQLite: a database in memory, private to one
 // emulator, or the file in a folder that the installations of one user share.
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "cloudkit/CloudSql.h"
@@ -193,6 +197,9 @@ sqlite::Connection openFolder(const std::filesystem::path& folder, bool create) 
     if (!create) throw CloudFolderError("There is no cloud at " + folder.string());
     if (std::filesystem::exists(folder, error)) throw CloudFolderError(folder.string() + " is not a folder");
     std::filesystem::create_directories(folder, error);
+    // The cloud holds every record of the user's: a folder the library
+    // makes is the user's alone.
+    if (!error) std::filesystem::permissions(folder, std::filesystem::perms::owner_all, error);
     if (error) throw CloudFolderError("Cannot make a cloud at " + folder.string() + ": " + error.message());
   }
   if (!std::filesystem::exists(file, error)) {
@@ -200,6 +207,15 @@ sqlite::Connection openFolder(const std::filesystem::path& folder, bool create) 
     // A folder that holds something else is not made into a cloud.
     if (std::filesystem::directory_iterator(folder, error) != std::filesystem::directory_iterator()) {
       throw CloudFolderError(folder.string() + " is not a cloud and not empty");
+    }
+    // Made empty and the user's alone before SQLite opens it, which gives
+    // its journal files the same mode. Another process may have made it
+    // first; that one is created the same way.
+    const int made = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (made >= 0) {
+      ::close(made);
+    } else if (errno != EEXIST) {
+      throw CloudFolderError("Cannot make a cloud at " + folder.string() + ": " + std::strerror(errno));
     }
   }
   return openCloudFile(file, create);

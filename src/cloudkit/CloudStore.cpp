@@ -1,5 +1,8 @@
 #include "cloudkit/CloudStore.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
 #include <fstream>
@@ -319,8 +322,14 @@ CKAsset CloudStore::cachedAsset(std::int64_t assetID) {
   if (std::filesystem::is_regular_file(file, error)) return CKAsset{file};
   const auto rows = select("SELECT bytes FROM assets WHERE id = $1", assetID);
   if (!rows->next()) return CKAsset{};
-  std::filesystem::create_directories(folder, error);
+  // An asset is the user's data: the folder and its files are theirs alone.
+  if (std::filesystem::create_directories(folder, error)) {
+    std::filesystem::permissions(folder, std::filesystem::perms::owner_all, error);
+  }
   const std::filesystem::path partial = file.string() + "." + makeUUIDString();
+  if (const int made = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600); made >= 0) {
+    ::close(made);
+  }
   {
     std::ofstream out(partial, std::ios::binary | std::ios::trunc);
     const std::string_view bytes = rows->bytes(0);

@@ -1,5 +1,6 @@
 #include "tarnwell/sync/ErrorHandler.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "tarnwell/cloudkit/Errors.h"
@@ -183,8 +184,10 @@ CKOperationResultType ErrorHandler::resultType(const std::exception_ptr& error) 
 
 void ErrorHandler::retryOperationIfPossible(double retryAfter, std::function<void()> block) {
   // The retry is work the process owes the user: a host waits for it.
+  // Not-a-number and negative waits are no wait.
+  const double seconds = retryAfter > 0 ? std::min(retryAfter, kLongestRetryWait) : 0;
   DispatchQueue::main().asyncAfter(
-      retryAfter, [activity = Environment::current().beginActivity(), block = std::move(block)] { block(); });
+      seconds, [activity = Environment::current().beginActivity(), block = std::move(block)] { block(); });
 }
 
 std::string ErrorHandler::message(int code) {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <pqxx/pqxx>
+
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -108,8 +110,11 @@ TEST_F(CloudServerCliTest, TwoMachinesSyncThroughTheServerAndAWatcherHearsEachWr
 
 TEST_F(CloudServerCliTest, BadURLsAndPasswordsAreRefusedInOneLineAndKeepTheOldCloud) {
   ASSERT_EQ(run("home", "cloud sign-in " + url).status, 0);
+  // The test server speaks no TLS: a URL that asks for it is heard, and fails.
   for (const std::string& bad : {"postgresql://" + user + ":pw@127.0.0.1/postgres", std::string("postgresql://@x/y"),
-                                 std::string("postgresql://nobody_here@127.0.0.1:1/postgres")}) {
+                                 std::string("postgresql://nobody_here@127.0.0.1:1/postgres"), url + "?sslmode=require",
+                                 url + "?sslmode=sometimes", url + "?password=pw", url + "?keepalives=0",
+                                 "postgresql://" + user + "@db.example/postgres?sslmode=prefer"}) {
     const Outcome refused = run("home", "cloud sign-in '" + bad + "'");
     EXPECT_EQ(refused.status, 1) << bad;
     EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
@@ -119,6 +124,68 @@ TEST_F(CloudServerCliTest, BadURLsAndPasswordsAreRefusedInOneLineAndKeepTheOldCl
   EXPECT_EQ(wrong.status, 1);
   EXPECT_NE(wrong.err.find("password authentication failed"), std::string::npos) << wrong.err;
   EXPECT_EQ(json(run("home", "--json sync status"))["cloud"], url) << "a failed sign-in keeps the cloud signed in to";
+}
+
+// Another role lays a trap: a schema named after this user, open to all.
+// Neither making the cloud nor signing in again accepts it.
+TEST_F(CloudServerCliTest, ASchemaAnotherRoleMadeIsRefusedAtInitAndSignIn) {
+  ASSERT_EQ(run("home", "cloud sign-in " + url).status, 0);
+  const testing::ScratchRole mallory("mallory");
+  {
+    const CloudServer as = mallory.server();
+    pqxx::connection connection("host=" + as.host + " port=" + std::to_string(as.port) + " dbname=" + as.database +
+                                " user=" + as.user + " password=" + as.password);
+    pqxx::nontransaction trap(connection);
+    trap.exec("CREATE SCHEMA " + user + "; CREATE TABLE " + user + ".cloud (identity TEXT); GRANT USAGE ON SCHEMA " +
+              user + " TO PUBLIC; GRANT ALL ON " + user + ".cloud TO PUBLIC");
+  }
+  const std::string refusal = "tarnwell: Refused: the schema " + user + " at " + url + " belongs to the role " +
+                              mallory.name() + ", not to " + user +
+                              "; a cloud is kept only in a schema its user owns\n";
+  const Outcome made = run("home", "cloud init-server");
+  EXPECT_EQ(made.status, 1);
+  EXPECT_EQ(made.err, refusal);
+  const Outcome signedIn = run("home", "cloud sign-in " + url);
+  EXPECT_EQ(signedIn.status, 1);
+  EXPECT_EQ(signedIn.err, refusal);
+}
+
+// A server that holds the user's tables locked (a long migration, a stuck
+// session) delays no local write: the pickup is stored at once, and reaches
+// the other machine at a sync after the lock is gone.
+TEST_F(CloudServerCliTest, TablesLockedOnTheServerDelayNoLocalWrite) {
+  ASSERT_EQ(run("home", "cloud sign-in " + url).status, 0);
+  ASSERT_EQ(run("home", "cloud init-server").status, 0);
+  ASSERT_EQ(run("office", "cloud sign-in " + url).status, 0);
+
+  const CloudServer super = *testing::testServer();
+  pqxx::connection connection("host=" + super.host + " port=" + std::to_string(super.port) +
+                              " dbname=" + super.database + " user=" + super.user);
+  // All of them, so that the run cannot even join the cloud; then only the
+  // records, so that it joins and each step it takes meets the lock.
+  const std::string everything = "quote_ident(tablename)";
+  const std::string records = "CASE tablename WHEN 'records' THEN 'records' END";
+  for (const std::string& which : {everything, records}) {
+    pqxx::work locking(connection);
+    const pqxx::result tables = locking.exec_params(
+        "SELECT string_agg(quote_ident(schemaname) || '.' || " + which + ", ', ') FROM pg_tables WHERE schemaname = $1",
+        user);
+    locking.exec(std::string("LOCK TABLE ") + tables[0][0].c_str() + " IN ACCESS EXCLUSIVE MODE");
+    // `timeout` ends a command that hangs, which then fails here.
+    const std::string start = which == everything ? "08:00" : "09:00";
+    const Outcome added = testing::runShell(
+        "timeout 120 env " +
+            on("home", "pickup add 2026-11-22T" + start + ":00Z 2026-11-22T" + start.substr(0, 3) + "05:00Z"),
+        folder.path());
+    EXPECT_EQ(added.status, 0) << added.err;
+    // At most a line says that the cloud did not answer.
+    EXPECT_LE(std::count(added.err.begin(), added.err.end(), '\n'), 1) << added.err;
+  }
+
+  EXPECT_EQ(json(run("home", "--json sync records --type Pickup")).size(), 2u);
+  ASSERT_EQ(run("home", "sync push").status, 0);
+  ASSERT_EQ(run("office", "sync pull").status, 0);
+  EXPECT_EQ(json(run("office", "--json sync records --type Pickup")).size(), 2u);
 }
 
 }  // namespace

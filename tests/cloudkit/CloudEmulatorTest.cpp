@@ -1,6 +1,7 @@
 #include "tarnwell/cloudkit/CloudEmulator.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <bit>
@@ -646,6 +647,9 @@ TEST_P(CloudEmulatorTest, FieldValuesComeBackExactlyAndAssetsAsFilesOfTheirBytes
   ASSERT_TRUE(asset.fileURL);
   std::ifstream in(*asset.fileURL, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), std::string("\xff\xd8jpeg\0bytes", 11));
+  EXPECT_EQ(std::filesystem::status(*asset.fileURL).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write)
+      << "an asset is the user's alone";
   EXPECT_EQ(std::get<std::vector<CKAsset>>(*fetched.object("photos")).size(), 1u);
 }
 
@@ -793,6 +797,24 @@ TEST_F(CloudFolderTest, AFolderThatIsNotACloudIsRefusedAndLeftAlone) {
   CloudEmulator::open(env.root() / "fresh", true, queue);
   EXPECT_TRUE(CloudEmulator::isCloudFolder(env.root() / "fresh"));
   EXPECT_TRUE(CloudEmulator::open(env.root() / "fresh", false, queue));
+}
+
+// The cloud holds every record the user has: the folder the library makes
+// and every file of the database in it are the user's alone, whatever the
+// umask.
+TEST_F(CloudFolderTest, TheFolderAndItsFilesAreTheUsersAlone) {
+  const mode_t old = ::umask(022);
+  auto cloud = CloudEmulator::open(folder, true, queue);
+  ::umask(old);
+  cloud->container("phone", "app");
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(folder).permissions(), perms::owner_all);
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    EXPECT_EQ(entry.status().permissions(), perms::owner_read | perms::owner_write) << entry.path();
+    ++files;
+  }
+  EXPECT_GE(files, 1u);
 }
 
 }  // namespace

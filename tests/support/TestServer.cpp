@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <mutex>
 #include <stdexcept>
 
 #include "tarnwell/platform/Uuid.h"
@@ -34,20 +35,42 @@ void runAsSuperuser(const std::string& sql) {
   run.exec(sql);
 }
 
+namespace {
+
+// The group every test role joins, the one holder of CREATE on the
+// database. A grant on the database rewrites its catalog row, and two tests
+// granting at once (ctest -j) made one of them fail with "tuple
+// concurrently updated": the group is made and granted once, by whichever
+// test comes first, under a lock the server holds for all processes.
+constexpr std::string_view kTestUsers = "tarnwell_test_users";
+
+void makeTestUsersOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    runAsSuperuser(
+        "BEGIN; SELECT pg_advisory_xact_lock(hashtext('tarnwell test roles')); "
+        "DO $$ BEGIN IF NOT EXISTS (SELECT 1 FROM pg_roles WHERE rolname = '" +
+        std::string(kTestUsers) + "') THEN CREATE ROLE " + std::string(kTestUsers) +
+        " NOLOGIN; EXECUTE format('GRANT CREATE ON DATABASE %I TO " + std::string(kTestUsers) +
+        "', current_database()); END IF; END $$; COMMIT");
+  });
+}
+
+}  // namespace
+
 ScratchRole::ScratchRole(const std::string& prefix, std::string password) : password_(std::move(password)) {
   std::string tail = makeUUIDString().substr(0, 8);
   // Unquoted names fold to lower case on the server.
   std::transform(tail.begin(), tail.end(), tail.begin(), [](unsigned char c) { return std::tolower(c); });
   name_ = prefix + "_" + tail;
   if (password_.empty()) password_ = "pw-" + name_;
-  runAsSuperuser("CREATE ROLE " + name_ + " LOGIN PASSWORD '" + password_ + "'");
-  runAsSuperuser("GRANT CREATE ON DATABASE " + testServer()->database + " TO " + name_);
+  makeTestUsersOnce();
+  runAsSuperuser("CREATE ROLE " + name_ + " LOGIN PASSWORD '" + password_ + "' IN ROLE " + std::string(kTestUsers));
 }
 
 ScratchRole::~ScratchRole() {
   try {
     runAsSuperuser("DROP SCHEMA IF EXISTS " + name_ + " CASCADE");
-    runAsSuperuser("REVOKE CREATE ON DATABASE " + testServer()->database + " FROM " + name_);
     runAsSuperuser("DROP ROLE " + name_);
   } catch (const std::exception&) {
     // A role left behind is deleted with the throw-away server.

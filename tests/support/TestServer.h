@@ -31,8 +31,8 @@ class ScratchCloud {
 };
 
 // A user of the server for one test: a role of its own with a password,
-// allowed to make its schema there; dropped with that schema when the
-// object goes.
+// allowed to make its schema there (through a group that holds CREATE on
+// the database); dropped with that schema when the object goes.
 class ScratchRole {
  public:
   // Named `prefix` and a random tail; the password is given or made up.

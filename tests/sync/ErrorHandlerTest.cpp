@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 #include "support/TestEnvironment.h"
 #include "tarnwell/cloudkit/Errors.h"
 #include "tarnwell/sync/CloudSync.h"
@@ -104,6 +107,19 @@ TEST_F(ErrorHandlerTest, ARetryRunsOnTheMainQueueAfterTheSeconds) {
   EXPECT_FALSE(ran);
   env.advance(0.1);
   EXPECT_TRUE(ran);
+}
+
+// A cloud that asks to wait for ever (or for a wait that is no number) is
+// retried within a minute, so the write behind it is never held for good.
+TEST_F(ErrorHandlerTest, NoRetryWaitsLongerThanAMinute) {
+  int ran = 0;
+  for (const double asked : {1e300, std::numeric_limits<double>::infinity(), std::nan("")}) {
+    ErrorHandler::retryOperationIfPossible(asked, [&] { ++ran; });
+  }
+  env.advance(ErrorHandler::kLongestRetryWait - 0.5);
+  EXPECT_EQ(ran, 1) << "a wait that is no number is no wait";
+  env.advance(0.5);
+  EXPECT_EQ(ran, 3);
 }
 
 }  // namespace

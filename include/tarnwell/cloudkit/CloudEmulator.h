@@ -47,13 +47,20 @@
 //
 // On the server each user is a role with a schema of their own, named after
 // it and readable by nobody else; the schema holds the same tables as the
-// folder's file. Writers of one user's cloud take turns (the first thing a
+// folder's file. A schema, or anything in it, that another role owns or is
+// granted any privilege on (PUBLIC included) is refused: another role
+// could read or drop what the user pushes. No cloud step waits on the
+// server for long: connecting, each statement and each lock have a timeout
+// of a few seconds, and a write that runs out of them fails as a network
+// failure. Writers of one user's cloud take turns (the first thing a
 // writing transaction does is lock the user's sequence table), and a change
 // sequence is read and raised only under that lock, so sequences commit in
 // the order they are handed out: a reader's token, taken in the same
 // snapshot as the changes it pages, never passes a change that commits
-// later. A commit that leaves pushes notifies the user's channel; a device
-// that waits on it (waitForPushes) hears of them at once.
+// later. A commit that leaves pushes notifies the cloud's channel, whose
+// name is a secret made with the cloud and kept in its schema (a channel
+// is heard by whoever listens on its name); a device that waits on it
+// (waitForPushes) hears of them at once.
 
 #pragma once
 
@@ -117,24 +124,42 @@ class CloudFolderError : public std::runtime_error {
 };
 
 // A cloud on a PostgreSQL server, and the user who signs in to it.
+//
+// A server on another machine is spoken to over TLS only: with no sslmode
+// in its URL the certificate is checked against the host's name
+// (verify-full), and a mode that would fall back to the clear is refused;
+// sslmode=disable says on purpose that the network is trusted. A server on
+// this machine (localhost, 127.0.0.0/8, ::1 or a socket folder) needs none.
 struct CloudServer {
   std::string user;
   std::string host = "localhost";
   int port = 5432;
   std::string database;
+  // libpq's options, empty (or nullopt) when the URL leaves them out.
+  std::string sslmode;
+  std::string sslrootcert;
+  std::optional<int> connectTimeout;
   // Empty when the server asks for none, or libpq finds it (PGPASSFILE).
   std::string password;
   // The user's own schema when empty; tests name a fresh one.
   std::string schema;
 
-  // "postgresql://USER@HOST:PORT/DB"; the port may be left out. Nullopt
-  // for anything else, a password in the URL included: it belongs in the
-  // keychain, not in a line that shells and logs keep.
-  static std::optional<CloudServer> parse(std::string_view url);
-  // The URL again, without the password.
+  // "postgresql://USER@HOST:PORT/DB", the port left out or not, then
+  // optionally "?sslmode=...&connect_timeout=SECONDS&sslrootcert=FILE". A
+  // host in brackets is an IPv6 address; one written %2F... is the folder
+  // of the server's socket. Nullopt for anything else, a password in the
+  // URL included (it belongs in the keychain, not in a line that shells and
+  // logs keep), and `problem`, when given, says what is wrong in a line.
+  static std::optional<CloudServer> parse(std::string_view url, std::string* problem = nullptr);
+  // The URL again, without the password: parse(url()) gives the same server.
   std::string url() const;
   // The schema the cloud lives in.
   std::string schemaName() const { return schema.empty() ? user : schema; }
+  // Whether the host is this machine: loopback, or a socket folder.
+  bool onThisMachine() const;
+  // The sslmode the connection asks for: the URL's, or verify-full for a
+  // server on another machine, prefer for this one.
+  std::string effectiveSslMode() const;
 };
 
 class EmulatedContainer;
@@ -163,15 +188,16 @@ class CloudEmulator : public std::enable_shared_from_this<CloudEmulator> {
   static bool isCloudFolder(const std::filesystem::path& folder);
   // The cloud on `server`: made there (the user's schema and its tables)
   // when `create` is true and it is not there yet. CloudFolderError when the
-  // server cannot be reached, refuses the user, or holds no cloud for them
-  // and `create` is false.
+  // server cannot be reached, refuses the user, holds no cloud for them and
+  // `create` is false, or keeps the schema where another role can reach it.
   static std::shared_ptr<CloudEmulator> connect(const CloudServer& server, bool create,
                                                 std::shared_ptr<DispatchQueue> queue, Options options);
   static std::shared_ptr<CloudEmulator> connect(const CloudServer& server, bool create,
                                                 std::shared_ptr<DispatchQueue> queue) {
     return connect(server, create, std::move(queue), Options());
   }
-  // Whether the server holds a cloud for the user, without making one.
+  // Whether the server holds a cloud for the user, without making one;
+  // CloudFolderError as connect() when the schema is not the user's alone.
   static bool serverHoldsCloud(const CloudServer& server);
 
   virtual ~CloudEmulator() = default;

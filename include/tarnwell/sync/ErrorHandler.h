@@ -107,8 +107,11 @@ class ErrorHandler {
   // number; otherwise fail, unknown, without waiting.
   static CKOperationResultType resultType(const std::exception_ptr& error);
 
-  // Runs `block` on the main queue `retryAfter` seconds from now. There is no
+  // Runs `block` on the main queue `retryAfter` seconds from now, but never
+  // later than kLongestRetryWait: a cloud that asks for more (a fault set to
+  // 1e300) must not hold back the write behind it for ever. There is no
   // count and no backoff: an operation retries as long as the cloud asks.
+  static constexpr double kLongestRetryWait = 60;
   static void retryOperationIfPossible(double retryAfter, std::function<void()> block);
 
   // The text of a CKError code followed directly by "CKError.Code: <code>":
