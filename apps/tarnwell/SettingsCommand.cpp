@@ -55,7 +55,7 @@ SleepDataSource parseSleepSource(const std::string& name, const std::string& tex
     source.name = source.displayName();
   }
   if (!source.isBuiltIn() && !healthStoreHasSleepFrom(source.bundleIdentifier)) {
-    refuse(name, text, "a source that has written sleep to the health store (see health sources)");
+    refuse(name, text, "a source that has written sleep to the health store (see health samples --type sleep)");
   }
   return source;
 }

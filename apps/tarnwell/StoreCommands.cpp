@@ -111,8 +111,11 @@ CLI::App* addSpanCommands(CLI::App& app, const GlobalOptions& options, Action& a
         edit, action, [a] { return parseInstant(a->end); },
         [&options, a, kind](Date end) {
           // Only the end moves: its distance from the start kept is checked
-          // once the record is read. An unknown id stays a quiet success.
-          if (const auto row = kind.read(a->id); row && row->start) checkSpan(*row->start, end, kind.longest);
+          // once the record is read. An end before the start stays the
+          // store's to repair, and an unknown id a quiet success.
+          if (const auto row = kind.read(a->id); row && row->start && end >= *row->start) {
+            checkSpan(*row->start, end, kind.longest);
+          }
           printId(options, kind.editEnd(a->id, end));
         });
   } else {
