@@ -255,6 +255,8 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       },
       [&options, a](const auto& input) {
         const auto& [date, range, dataType] = input;
+        // A tag's chart of an unknown id would be an empty chart, not an answer.
+        if (a->metric.starts_with("tag:")) requireTag(a->metric.substr(4));
         const StatisticsData model(date, range, dataType);
         if (!a->svg && !a->png) return Output(options).print(chartJSON(model), chartText(model));
         nlohmann::ordered_json written = nlohmann::ordered_json::object();

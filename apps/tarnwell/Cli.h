@@ -62,12 +62,29 @@ class Output {
 // writes them (18000.0), "null" for nothing, structures as compact JSON.
 std::string plainText(const nlohmann::ordered_json& value);
 
-// An ISO 8601 instant in the current region's zone; InputError otherwise.
+// The longest stretches a record may span. Sensors and timers never make
+// longer ones, so a longer span is a typing mistake that every day it
+// covers would then show: pickups, walks, focus sessions and sleep samples
+// last at most a day, alive spans (the monitor running) at most 31 days.
+inline constexpr double kOneDay = 24 * 3600;
+inline constexpr double kLongestAliveSpan = 31 * kOneDay;
+// A number of seconds the host takes when nothing tighter applies: ten
+// years, which every clock and timer converts without overflow.
+inline constexpr double kLongestSeconds = 3650 * kOneDay;
+
+// An ISO 8601 instant in the current region's zone, from 1970-01-01 up to
+// 2100-01-01 (UTC); InputError otherwise. Years beyond are typing mistakes,
+// and the analytics would walk every day up to them.
 Date parseInstant(std::string_view text);
+// `date`, read from `text`, when it lies in that window; InputError otherwise.
+Date checkInstant(std::string_view text, Date date);
 // The instant given, or now when none was.
 Date parseInstantOrNow(const std::optional<std::string>& text);
-// Two instants, the start not after the end.
-std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end);
+// InputError unless `end` is not before `start` and at most `longest`
+// seconds after it.
+void checkSpan(Date start, Date end, double longest);
+// Two instants, the start not after the end, at most `longest` seconds apart.
+std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end, double longest = kLongestSeconds);
 
 // --from and --to of a command that reads a stretch of time, each end open
 // when left out. Held with the command's arguments: the options write here.
@@ -81,9 +98,13 @@ struct RangeOptions {
 
 // Option values; InputError naming the option `name` otherwise.
 [[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts);
+// A finite number: "nan", "inf" and numbers beyond a double are refused.
 double parseNumber(const std::string& name, const std::string& text);
-// A number of seconds, not negative.
-double parseSeconds(const std::string& name, const std::string& text);
+// A finite number from `low` to `high`; `accepts` says what is taken.
+double parseNumberIn(const std::string& name, const std::string& text, double low, double high,
+                     const std::string& accepts);
+// A number of seconds from 0 to `most`.
+double parseSeconds(const std::string& name, const std::string& text, double most = kLongestSeconds);
 bool parseBool(const std::string& name, const std::string& text);
 // "pomodoro:SECONDS", "countdown:SECONDS", "addTime" or the JSON form.
 widgets::FocusType parseFocusType(const std::string& name, const std::string& text);
@@ -255,12 +276,17 @@ struct TagStreak {
   std::string text() const;  // "streak 3 days"
 };
 std::optional<TagStreak> tagStreak(const std::string& tagId, Date date);
+// `id` when a tag that is not deleted has it; InputError otherwise.
+std::string requireTag(const std::string& id);
 
 // The asleep samples, of every asleep value, that the application `bundle`
 // wrote in `span`; `command` names the command when the health store does
 // not answer.
 std::vector<DateInterval> recordedSleeps(const std::string& bundle, const DateInterval& span,
                                          const std::string& command);
+
+// Whether the health store holds a sleep sample the application `bundle` wrote.
+bool healthStoreHasSleepFrom(const std::string& bundle);
 
 // Today's or any day's metrics, night and hours.
 void printDay(const GlobalOptions& options, const EventsOfDay& day);

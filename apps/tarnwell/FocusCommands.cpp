@@ -29,14 +29,14 @@ Color parseColor(const std::string& text) {
   return Color::fromHex(text);
 }
 
-// ">=SECONDS" (a goal to reach) or "<=SECONDS" (a limit to stay under).
+// ">=SECONDS" (a goal to reach) or "<=SECONDS" (a limit to stay under), of
+// one day's focus: 0 to 86400 seconds.
 FocusGoal parseGoal(const std::string& text) {
-  constexpr const char* kAccepts = "a goal (>=SECONDS or <=SECONDS)";
+  constexpr const char* kAccepts = "a daily goal (>=SECONDS or <=SECONDS, 0 to 86400 seconds)";
   if (text.size() < 3 || (text.compare(0, 2, ">=") != 0 && text.compare(0, 2, "<=") != 0)) {
     refuse("--goal", text, kAccepts);
   }
-  const double seconds = parseNumber("--goal", text.substr(2));
-  if (seconds < 0) refuse("--goal", text, kAccepts);
+  const double seconds = parseNumberIn("--goal", text.substr(2), 0, kOneDay, kAccepts);
   return text[0] == '>' ? FocusGoal::moreThanOrEqualTo(seconds) : FocusGoal::lessThanOrEqualTo(seconds);
 }
 
@@ -80,11 +80,6 @@ std::string focusLine(const Focus& focus) {
                      getTimeIntervalString(focus.goal, false, true);
   if (focus.failed()) text += "  failed";
   return text;
-}
-
-std::string requireTag(const std::string& id) {
-  if (!Database::getTag(id)) throw InputError("no tag has the id " + id);
-  return id;
 }
 
 void printTag(const GlobalOptions& options, const std::string& id) {
@@ -177,7 +172,13 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
                             archive ? "Hide tags from pickers, keeping their statistics" : "Show tags again");
     command->add_option("ID", a->ids)->required();
     onRun(command, action, [&options, a, archive] {
-      for (const auto& id : a->ids) requireTag(id);
+      for (const auto& id : a->ids) {
+        // The default tag is what a chosen tag falls back to once archived
+        // or deleted: archived itself, the fallback would be hidden too.
+        if (Database::getTag(requireTag(id))->isDefault && archive) {
+          throw InputError("the default tag cannot be archived");
+        }
+      }
       Database::archiveTags(a->ids, archive);
       Output(options).print(a->ids, joinLines(a->ids));
     });
@@ -189,7 +190,11 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   onRun(remove, action, [&options, a] {
     const auto row = Database::getTag(requireTag(a->id));
     if (row->isDefault) throw InputError("the default tag cannot be deleted");
-    if (a->migrateTo) requireTag(*a->migrateTo);
+    if (a->migrateTo) {
+      // Sessions moved to the tag being deleted would be left with no tag at all.
+      if (*a->migrateTo == a->id) throw InputError("a tag cannot take its own sessions when deleted");
+      requireTag(*a->migrateTo);
+    }
     Database::deleteTag(a->id, a->migrateTo);
     Output(options).print({{"id", a->id}}, a->id);
   });
@@ -200,7 +205,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   onRun(
       streak, action, [a] { return parseInstantOrNow(a->date); },
       [&options, a](Date date) {
-        const auto run = tagStreak(a->id, date);
+        const auto run = tagStreak(requireTag(a->id), date);
         if (!run) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
         Output(options).print({{"tagId", a->id}, {"combo", {{"kind", run->kind}, {"days", run->days}}}}, run->text());
       });
@@ -211,7 +216,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   onRun(
       progress, action, [a] { return parseInstantOrNow(a->date); },
       [&options, a](Date date) {
-        const auto value = Database::getGoalProgress(a->id, date);
+        const auto value = Database::getGoalProgress(requireTag(a->id), date);
         const bool finite = value && std::isfinite(*value);
         Output(options).print({{"tagId", a->id}, {"progress", finite ? nlohmann::ordered_json(*value) : nullptr}},
                               !value   ? "no goal"
@@ -237,10 +242,11 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
   onRun(
       add, action,
       [a] {
-        const auto [start, end] = parseSpan(a->start, a->end);
+        const auto [start, end] = parseSpan(a->start, a->end, kOneDay);
         const double length = end - start;
-        const double goal = a->goal ? parseSeconds("--goal", *a->goal) : length;
-        const double progress = a->progress ? parseSeconds("--progress", *a->progress) : length;
+        const double goal = a->goal ? parseSeconds("--goal", *a->goal, kOneDay) : length;
+        // Pauses are within the span, so the time focused cannot exceed it.
+        const double progress = a->progress ? parseSeconds("--progress", *a->progress, length) : length;
         const auto type = a->type ? std::optional(parseFocusType("--type", *a->type)) : std::nullopt;
         const auto mode = a->mode ? std::optional(parseMode(*a->mode)) : std::nullopt;
         return std::tuple(start, end, goal, progress, type, mode);
@@ -265,8 +271,8 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
         FocusEdit changes;
         changes.tagId = a->tag;
         if (a->focusStart) changes.start = parseInstant(*a->focusStart);
-        if (a->progress) changes.progress = parseSeconds("--progress", *a->progress);
-        if (a->goal) changes.goal = parseSeconds("--goal", *a->goal);
+        if (a->progress) changes.progress = parseSeconds("--progress", *a->progress, kOneDay);
+        if (a->goal) changes.goal = parseSeconds("--goal", *a->goal, kOneDay);
         if (a->type) {
           changes.type = widgets::abstractFocusTypeFromRawValue(*a->type);
           if (!changes.type) refuse("--type", *a->type, "pomodoro, countdown or addTime");
@@ -276,6 +282,10 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
       },
       [&options, a](const FocusEdit& changes) {
         if (a->tag) requireTag(*a->tag);
+        // A new start alone keeps the end: the span it leaves must still be one.
+        if (const auto row = Database::getFocus(a->id); row && changes.start && !changes.progress && row->end) {
+          checkSpan(*changes.start, *row->end, kOneDay);
+        }
         Database::editFocus(a->id, changes);
         printFocus(options, a->id);
       });
@@ -309,6 +319,11 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
 }
 
 }  // namespace
+
+std::string requireTag(const std::string& id) {
+  if (!Database::getTag(id)) throw InputError("no tag has the id " + id);
+  return id;
+}
 
 std::string TagStreak::text() const { return kind + " " + std::to_string(days) + (days == 1 ? " day" : " days"); }
 

@@ -51,14 +51,15 @@ std::string typeWord(HKSampleType type) {
 
 constexpr std::array<std::string_view, 6> kSleepValueWords = {"inBed", "asleep", "awake", "core", "deep", "rem"};
 
+// A value of sleep analysis by word or raw number: 0 to 5, as the health
+// store defines them. Any other number would be read as some kind of asleep.
 std::int64_t parseSleepValue(const std::string& text) {
   for (std::size_t i = 0; i < kSleepValueWords.size(); ++i) {
     if (kSleepValueWords[i] == text) return static_cast<std::int64_t>(i);
   }
-  const double number = parseNumber("--value", text);
-  if (number < 0 || number != static_cast<double>(static_cast<std::int64_t>(number))) {
-    refuse("--value", text, "inBed, asleep, awake, core, deep, rem or a whole number");
-  }
+  constexpr const char* kAccepts = "inBed, asleep, awake, core, deep, rem or their number, 0 to 5";
+  const double number = parseNumberIn("--value", text, 0, static_cast<double>(kSleepValueWords.size() - 1), kAccepts);
+  if (number != std::floor(number)) refuse("--value", text, kAccepts);
   return static_cast<std::int64_t>(number);
 }
 
@@ -317,6 +318,13 @@ void compareSleep(const GlobalOptions& options, const Arguments& a) {
 
 }  // namespace
 
+bool healthStoreHasSleepFrom(const std::string& bundle) {
+  for (const auto& sample : installationStore().allSamples()) {
+    if (sample.sampleType == HKSampleType::sleepAnalysis && sample.source.bundleIdentifier == bundle) return true;
+  }
+  return false;
+}
+
 std::vector<DateInterval> recordedSleeps(const std::string& bundle, const DateInterval& span,
                                          const std::string& command) {
   auto& manager = HealthManager::shared();
@@ -355,8 +363,13 @@ void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   addSleep->add_option("--source-name", a->sourceName, "The writing application's name")->required();
   addSleep->add_option("--value", a->value, "inBed, asleep (default), awake, core, deep, rem or a raw number");
   onRunWithoutStore(addSleep, action, [&options, a] {
-    const auto [start, end] = parseSpan(a->start, a->end);
+    const auto [start, end] = parseSpan(a->start, a->end, kOneDay);
     const std::int64_t value = parseSleepValue(a->value);
+    // Samples of this application are the ones it wrote itself, and an
+    // empty identifier is read as this application too.
+    if (a->sourceBundle.empty() || a->sourceBundle == SleepDataSource::builtIn().bundleIdentifier) {
+      refuse("--source-bundle", a->sourceBundle, "another application's identifier");
+    }
     const auto folder = Environment::current().healthFolder();
     SqliteHealthStore writer(*folder, HKSource{a->sourceName, a->sourceBundle});
     const auto saved =

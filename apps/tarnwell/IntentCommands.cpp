@@ -224,7 +224,8 @@ IntentValue parseValue(const INIntent& intent, const ParameterDefinition& parame
       return value;
     }
     case ParameterKind::number:
-      return parseSeconds(name, text);
+      // Every number of the family is the length of a focus.
+      return parseSeconds(name, text, kLongestIntentDuration);
     case ParameterKind::dateComponents:
       return DateComponents::of(parseInstant(text));
     case ParameterKind::object:

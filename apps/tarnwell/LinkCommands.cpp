@@ -112,8 +112,8 @@ URLScheme parseLink(const LinkArguments& a) {
     return URLScheme::CurrentFocus{*action};
   }
   if (!a.progress || !a.goal) throw InputError("link shareFocus: give --progress and --goal");
-  return URLScheme::ShareFocus{a.activityId, a.focusId, parseNumber("--progress", *a.progress),
-                               parseNumber("--goal", *a.goal)};
+  return URLScheme::ShareFocus{a.activityId, a.focusId, parseSeconds("--progress", *a.progress, kOneDay),
+                               parseSeconds("--goal", *a.goal, kOneDay)};
 }
 
 nlohmann::ordered_json contextJSON(const std::optional<WidgetContext>& context) {
@@ -181,10 +181,13 @@ void addLinkCommands(CLI::App& app, const GlobalOptions& options, Action& action
     }
     if (!a->url.empty()) throw InputError("link " + a->caseName + ": unexpected \"" + a->url + "\"");
     const URLScheme scheme = parseLink(*a);
-    const std::string text = scheme.text();
     // url() would stop the process: a person's typo gets a line instead.
-    if (!URL::parse(text))
-      throw InputError("link: \"" + text + "\" is not a URL (a value holds text that is not URL-safe)");
+    for (const auto& [key, value] : scheme.parameters().value_or(URLParameters{})) {
+      if (!URLScheme::isSafeValue(value)) {
+        throw InputError("link: the " + key + " \"" + value +
+                         "\" would not read back as itself (letters, digits and -._~!$'()*+,;:@/ only)");
+      }
+    }
     const URL url = scheme.url();
     Output(options).print({{"url", url.absoluteString()}, {"action", scheme.action()}}, url.absoluteString());
   });

@@ -160,7 +160,9 @@ void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& actio
     auto* command = format->add_subcommand(what, help);
     command->add_option("SECONDS", a->value)->required();
     onRunWithoutStore(command, action, [&options, a, what = std::string(what)] {
-      const double seconds = parseNumber("SECONDS", a->value);
+      const double seconds = what == "size" ? parseNumberIn("SECONDS", a->value, 0, kLargestFileSize,
+                                                            "a number of bytes from 0 to 2^90 (1024 YB)")
+                                            : parseNumber("SECONDS", a->value);
       std::string text;
       if (what == "duration") {
         text = getTimeIntervalString(seconds);

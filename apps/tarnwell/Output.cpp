@@ -29,13 +29,6 @@ std::string plainText(const nlohmann::ordered_json& value) {
   return value.dump();
 }
 
-Date parseInstant(std::string_view text) {
-  if (auto date = Date::parseISO8601(text)) return *date;
-  throw InputError("\"" + std::string(text) + "\" is not an ISO 8601 date or time");
-}
-
-Date parseInstantOrNow(const std::optional<std::string>& text) { return text ? parseInstant(*text) : Date::now(); }
-
 std::string joinLines(const std::vector<std::string>& lines, const std::string& empty) {
   if (lines.empty()) return empty;
   std::string text;

@@ -27,6 +27,51 @@ double parseNumber(const std::string& name, const std::string& text) {
   return value;
 }
 
+double parseNumberIn(const std::string& name, const std::string& text, double low, double high,
+                     const std::string& accepts) {
+  const double value = parseNumber(name, text);
+  if (value < low || value > high) refuse(name, text, accepts);
+  return value;
+}
+
+namespace {
+
+// Whole hours, or whole days from two days on: "24 hours", "31 days".
+std::string lengthWords(double seconds) {
+  const auto whole = [](double value) { return std::to_string(std::llround(value)); };
+  if (seconds >= 2 * kOneDay) return whole(seconds / kOneDay) + " days";
+  return whole(seconds / 3600) + " hours";
+}
+
+// 1970-01-01 and 2100-01-01, UTC.
+constexpr Date kEarliestInstant = Date::fromTimeIntervalSince1970(0);
+constexpr Date kEndOfInstants = Date::fromTimeIntervalSince1970(4102444800.0);
+
+}  // namespace
+
+Date checkInstant(std::string_view text, Date date) {
+  if (date < kEarliestInstant || date >= kEndOfInstants) {
+    throw InputError("\"" + std::string(text) + "\" is not between 1970 and 2099");
+  }
+  return date;
+}
+
+Date parseInstant(std::string_view text) {
+  const auto date = Date::parseISO8601(text);
+  if (!date) throw InputError("\"" + std::string(text) + "\" is not an ISO 8601 date or time");
+  return checkInstant(text, *date);
+}
+
+Date parseInstantOrNow(const std::optional<std::string>& text) { return text ? parseInstant(*text) : Date::now(); }
+
+void checkSpan(Date start, Date end, double longest) {
+  if (end < start) throw InputError("the start " + start.iso8601() + " is after the end " + end.iso8601());
+  if (end - start > longest) {
+    throw InputError("the span from " + start.iso8601() + " to " + end.iso8601() + " is longer than " +
+                     lengthWords(longest));
+  }
+}
+
 std::string familyWord(WidgetFamily family) { return WidgetContext("", family).familyName(); }
 
 WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word) {
@@ -36,10 +81,8 @@ WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word)
   refuse(name, word, "small, medium, large, extra_large, corner, circular, rectangular or inline");
 }
 
-double parseSeconds(const std::string& name, const std::string& text) {
-  const double seconds = parseNumber(name, text);
-  if (seconds < 0) refuse(name, text, "a number of seconds, not negative");
-  return seconds;
+double parseSeconds(const std::string& name, const std::string& text, double most) {
+  return parseNumberIn(name, text, 0, most, "a number of seconds from 0 to " + std::to_string(std::llround(most)));
 }
 
 bool parseBool(const std::string& name, const std::string& text) {
@@ -50,7 +93,7 @@ bool parseBool(const std::string& name, const std::string& text) {
 
 namespace {
 
-constexpr double kDay = 24 * 3600;
+constexpr double kDay = kOneDay;
 
 // A type the timer can run: a focus lasts more than nothing and at most a
 // day, breaks and reminders are not negative. The app's pickers offer
@@ -117,9 +160,10 @@ FocusType parseFocusType(const std::string& name, const std::string& text) {
   return type;
 }
 
-std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end) {
+std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end, double longest) {
   const Date from = parseInstant(start), to = parseInstant(end);
   if (to < from) throw InputError("the start " + start + " is after the end " + end);
+  checkSpan(from, to, longest);
   return {from, to};
 }
 

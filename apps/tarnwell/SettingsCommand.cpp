@@ -28,24 +28,35 @@ int parseInteger(const std::string& name, const std::string& text) {
 }
 
 Date parseDate(const std::string& name, const std::string& text) {
-  if (auto date = Date::parseISO8601(text)) return *date;
-  refuse(name, text, "an ISO 8601 date or time");
+  try {
+    return parseInstant(text);
+  } catch (const InputError&) {
+    refuse(name, text, "an ISO 8601 date or time from 1970 to 2099");
+  }
 }
 
-// The JSON form, or the identifier of a known sleep application.
+// The JSON form, or the identifier of a known sleep application. Another
+// application than this one must have written sleep to the health store:
+// the days would otherwise look for its nights, find none, and quietly keep
+// the inferred ones.
 SleepDataSource parseSleepSource(const std::string& name, const std::string& text) {
   constexpr const char* kAccepts = "a sleep source ({\"name\": ..., \"bundleIdentifier\": ...} or a known identifier)";
+  SleepDataSource source;
   if (!text.empty() && text.front() == '{') {
     try {
-      return nlohmann::json::parse(text).get<SleepDataSource>();
+      source = nlohmann::json::parse(text).get<SleepDataSource>();
     } catch (const nlohmann::json::exception&) {
       refuse(name, text, kAccepts);
     }
+  } else {
+    const KnownSleepApp app = knownSleepApp(text);
+    if (app == KnownSleepApp::unknown || app == KnownSleepApp::clock) refuse(name, text, kAccepts);
+    source = SleepDataSource{"", text};
+    source.name = source.displayName();
   }
-  const KnownSleepApp app = knownSleepApp(text);
-  if (app == KnownSleepApp::unknown || app == KnownSleepApp::clock) refuse(name, text, kAccepts);
-  SleepDataSource source{"", text};
-  source.name = source.displayName();
+  if (!source.isBuiltIn() && !healthStoreHasSleepFrom(source.bundleIdentifier)) {
+    refuse(name, text, "a source that has written sleep to the health store (see health samples --type sleep)");
+  }
   return source;
 }
 

@@ -40,6 +40,8 @@ struct SpanKind {
   std::string (*editEnd)(const std::string&, Date) = nullptr;
   std::string (*editSpan)(const std::string&, Date, Date) = nullptr;
   void (*remove)(const std::string&) = nullptr;
+  // The longest span a record of the kind may cover.
+  double longest = kOneDay;
 };
 
 const SpanKind<Pickup> kPickups{.name = "pickup",
@@ -66,7 +68,8 @@ const SpanKind<Alive> kAlives{.name = "alive",
                               .add = &Database::addAlive,
                               .list = &Database::getAlives,
                               .read = &Database::getAlive,
-                              .editSpan = &Database::editAlive};
+                              .editSpan = &Database::editAlive,
+                              .longest = kLongestAliveSpan};
 
 constexpr const char* kDevicesHelp = "Device ids (default: this device and related ones)";
 
@@ -92,7 +95,7 @@ CLI::App* addSpanCommands(CLI::App& app, const GlobalOptions& options, Action& a
   add->add_option("START", a->start, "ISO 8601 start")->required();
   add->add_option("END", a->end, "ISO 8601 end")->required();
   onRun(
-      add, action, [a] { return parseSpan(a->start, a->end); },
+      add, action, [a, kind] { return parseSpan(a->start, a->end, kind.longest); },
       [&options, kind](const std::pair<Date, Date>& span) {
         const std::string id = kind.add(span.first, span.second);
         Output(options).print(json(kind.read(id)), id);
@@ -106,10 +109,18 @@ CLI::App* addSpanCommands(CLI::App& app, const GlobalOptions& options, Action& a
   if (kind.editEnd) {
     onRun(
         edit, action, [a] { return parseInstant(a->end); },
-        [&options, a, kind](Date end) { printId(options, kind.editEnd(a->id, end)); });
+        [&options, a, kind](Date end) {
+          // Only the end moves: its distance from the start kept is checked
+          // once the record is read. An end before the start stays the
+          // store's to repair, and an unknown id a quiet success.
+          if (const auto row = kind.read(a->id); row && row->start && end >= *row->start) {
+            checkSpan(*row->start, end, kind.longest);
+          }
+          printId(options, kind.editEnd(a->id, end));
+        });
   } else {
     onRun(
-        edit, action, [a] { return parseSpan(a->start, a->end); },
+        edit, action, [a, kind] { return parseSpan(a->start, a->end, kind.longest); },
         [&options, a, kind](const std::pair<Date, Date>& span) {
           printId(options, kind.editSpan(a->id, span.first, span.second));
         });

@@ -192,8 +192,8 @@ void addFocusStateCommand(CLI::App& app, const GlobalOptions& options, Action& a
         if (!a->type || !a->state || !a->spent || !a->goal) {
           throw InputError("focus state: give --type, --state, --spent and --goal, or say none");
         }
-        return std::tuple(parseFocusType("--type", *a->type), parseState(*a->state), parseSeconds("--spent", *a->spent),
-                          parseSeconds("--goal", *a->goal));
+        return std::tuple(parseFocusType("--type", *a->type), parseState(*a->state),
+                          parseSeconds("--spent", *a->spent, kOneDay), parseSeconds("--goal", *a->goal, kOneDay));
       },
       [&options, a](const auto& input) {
         if (!input) {

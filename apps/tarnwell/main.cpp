@@ -5,7 +5,10 @@
 // queue finish what the command left for it.
 
 #include <glib.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 
 #include "Cli.h"
@@ -20,7 +23,28 @@ namespace {
 using tarnwell::Environment;
 using namespace tarnwell::cli;
 
+// The installation's folders are made in the folder given, or in the
+// nearest folder above it that is there: that one must be a folder this
+// user can make folders in. A file, or a system folder such as /proc/1, is
+// refused before anything is made.
+void checkContainer(const std::string& container) {
+  const auto refused = [&container](const std::string& why) {
+    return InputError("--container: \"" + container + "\" cannot be used: " + why);
+  };
+  std::error_code error;
+  std::filesystem::path existing = std::filesystem::absolute(container, error);
+  if (error) throw refused(error.message());
+  while (!std::filesystem::exists(existing, error) && existing.has_relative_path()) existing = existing.parent_path();
+  if (!std::filesystem::is_directory(existing, error)) throw refused(existing.string() + " is not a folder");
+  std::string probe = (existing / ".tarnwell-XXXXXX").string();
+  if (!::mkdtemp(probe.data())) {
+    throw refused("no folder can be made in " + existing.string() + " (" + std::strerror(errno) + ")");
+  }
+  ::rmdir(probe.c_str());
+}
+
 std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
+  if (options.container) checkContainer(*options.container);
   auto configuration = Environment::Configuration::system(
       options.container ? std::optional<std::filesystem::path>(*options.container) : std::nullopt);
   const tarnwell::Region system = tarnwell::Region::system();
@@ -33,6 +57,11 @@ std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
   if (options.now) {
     const auto now = tarnwell::Date::parseISO8601(*options.now, configuration.region->timeZoneId());
     if (!now) throw InputError("--now: \"" + *options.now + "\" is not an ISO 8601 date or time");
+    try {
+      checkInstant(*options.now, *now);
+    } catch (const InputError& error) {
+      throw InputError(std::string("--now: ") + error.what());
+    }
     configuration.clock = std::make_shared<tarnwell::ManualClock>(*now);
   }
   // Like the main queue, the background queues run when the command lets

@@ -58,9 +58,21 @@ std::optional<std::vector<Option>> intentTags() {
   return options;
 }
 
-// Resolves an optional enumeration parameter: success when set, else not required.
+// A raw value given that names no case of the enumeration.
+template <class Enumeration>
+bool namesNoCase(const INIntent& intent, std::string_view parameter) {
+  const auto raw = intent.integer(parameter);
+  return raw && !fromRawValue<Enumeration>(*raw);
+}
+
+// A number given that is no intent duration.
+bool isBadDuration(const std::optional<double>& seconds) { return seconds && !isIntentDuration(*seconds); }
+
+// Resolves an optional enumeration parameter: success when set, else not
+// required; unsupported for a raw value that names no case.
 template <class Enumeration, class Result>
-INResolutionResult resolveOptional(Enumeration value) {
+INResolutionResult resolveOptional(const INIntent& intent, std::string_view parameter, Enumeration value) {
+  if (namesNoCase<Enumeration>(intent, parameter)) return INResolutionResult::unsupported();
   if (value == Enumeration::unknown) return INResolutionResult::notRequired();
   return Result::success(value);
 }
@@ -124,6 +136,8 @@ ScreenTimeWidgetDataType dataType(const ScreenTimeWidgetDataTypeWithDateRange& i
 
 // --- Shortcuts ---
 
+bool isIntentDuration(double seconds) { return seconds >= 0 && seconds <= kLongestIntentDuration; }
+
 UserInfo toUserActivityInfo(const StartToFocusIntent& intent) {
   UserInfo info;
   if (const auto tag = intent.tag(); tag && tag->identifier) info["tagId"] = *tag->identifier;
@@ -132,7 +146,8 @@ UserInfo toUserActivityInfo(const StartToFocusIntent& intent) {
   if (intent.focusType() != IntentFocusType::unknown)
     info["focusType"] = std::int64_t{static_cast<int>(intent.focusType())};
   // A duration of 0 means none was set.
-  if (const auto duration = intent.duration(); platformVersion() >= 13 && duration && *duration != 0) {
+  if (const auto duration = intent.duration();
+      platformVersion() >= 13 && duration && *duration != 0 && isIntentDuration(*duration)) {
     info["duration"] = *duration;
   }
   if (intent.whiteNoise() != IntentWhiteNoise::unknown) {
@@ -157,7 +172,7 @@ std::optional<UserInfo> toUserActivityInfo(const AddFocusRecordIntent& intent) {
     }
     case IntentRecordType::duration: {
       const auto durating = intent.durating();
-      if (!durating) return std::nullopt;
+      if (!durating || !isIntentDuration(*durating)) return std::nullopt;
       // Whole seconds, as the calendar adds them.
       end = *start->date + static_cast<double>(static_cast<std::int64_t>(*durating));
       break;
@@ -174,19 +189,23 @@ void StartToFocusIntentHandler::resolveTag(const StartToFocusIntent& intent,
 }
 void StartToFocusIntentHandler::resolveFocusType(const StartToFocusIntent& intent,
                                                  const ResolutionCompletion& completion) const {
-  completion(resolveOptional<IntentFocusType, IntentFocusTypeResolutionResult>(intent.focusType()));
+  completion(
+      resolveOptional<IntentFocusType, IntentFocusTypeResolutionResult>(intent, "focusType", intent.focusType()));
 }
 void StartToFocusIntentHandler::resolveFocusMode(const StartToFocusIntent& intent,
                                                  const ResolutionCompletion& completion) const {
-  completion(resolveOptional<IntentFocusMode, IntentFocusModeResolutionResult>(intent.focusMode()));
+  completion(
+      resolveOptional<IntentFocusMode, IntentFocusModeResolutionResult>(intent, "focusMode", intent.focusMode()));
 }
 void StartToFocusIntentHandler::resolveWhiteNoise(const StartToFocusIntent& intent,
                                                   const ResolutionCompletion& completion) const {
-  completion(resolveOptional<IntentWhiteNoise, IntentWhiteNoiseResolutionResult>(intent.whiteNoise()));
+  completion(
+      resolveOptional<IntentWhiteNoise, IntentWhiteNoiseResolutionResult>(intent, "whiteNoise", intent.whiteNoise()));
 }
 void StartToFocusIntentHandler::resolveDuration(const StartToFocusIntent& intent,
                                                 const ResolutionCompletion& completion) const {
   const auto duration = intent.duration();
+  if (isBadDuration(duration)) return completion(INResolutionResult::unsupported());
   completion(duration ? INResolutionResult::success(*duration) : INResolutionResult::notRequired());
 }
 void StartToFocusIntentHandler::provideTagOptions(
@@ -200,6 +219,10 @@ void StartToFocusIntentHandler::provideTagOptionsCollection(const StartToFocusIn
 }
 void StartToFocusIntentHandler::handle(const StartToFocusIntent& intent,
                                        const std::function<void(StartToFocusIntentResponse)>& completion) const {
+  if (namesNoCase<IntentFocusType>(intent, "focusType") || namesNoCase<IntentFocusMode>(intent, "focusMode") ||
+      namesNoCase<IntentWhiteNoise>(intent, "whiteNoise") || isBadDuration(intent.duration())) {
+    return completion(StartToFocusIntentResponse(INIntentResponseCode::failure, std::nullopt));
+  }
   completion(continueInApp<StartToFocusIntentResponse>(NSUserActivity::startToFocusType, toUserActivityInfo(intent)));
 }
 
@@ -233,6 +256,7 @@ void AddFocusRecordIntentHandler::resolveEnd(const AddFocusRecordIntent& intent,
 void AddFocusRecordIntentHandler::resolveDurating(const AddFocusRecordIntent& intent,
                                                   const ResolutionCompletion& completion) const {
   const auto durating = intent.durating();
+  if (isBadDuration(durating)) return completion(INResolutionResult::unsupported());
   completion(durating ? INResolutionResult::success(*durating) : INResolutionResult::needsValue());
 }
 void AddFocusRecordIntentHandler::resolveTag(const AddFocusRecordIntent& intent,
@@ -242,6 +266,7 @@ void AddFocusRecordIntentHandler::resolveTag(const AddFocusRecordIntent& intent,
 void AddFocusRecordIntentHandler::resolveRecordType(const AddFocusRecordIntent& intent,
                                                     const ResolutionCompletion& completion) const {
   const auto type = intent.recordType();
+  if (namesNoCase<IntentRecordType>(intent, "recordType")) return completion(INResolutionResult::unsupported());
   completion(type == IntentRecordType::unknown ? INResolutionResult::needsValue()
                                                : IntentRecordTypeResolutionResult::success(type));
 }

@@ -1,5 +1,6 @@
 #include "tarnwell/automation/URLScheme.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <limits>
@@ -239,10 +240,20 @@ std::string URLScheme::text() const {
   return text;
 }
 
+bool URLScheme::isSafeValue(std::string_view value) {
+  return std::all_of(value.begin(), value.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("-._~!$'()*+,;:@/").find(c) != std::string_view::npos;
+  });
+}
+
 URL URLScheme::url() const {
   const std::string joined = text();
+  const auto pairs = parameters();
+  const bool safe =
+      !pairs || std::all_of(pairs->begin(), pairs->end(), [](const auto& pair) { return isSafeValue(pair.second); });
   auto parsed = URL::parse(joined);
-  if (!parsed) fatalError("A deep link holds text that is not URL-safe: " + joined);
+  if (!safe || !parsed) fatalError("A deep link holds text that is not URL-safe: " + joined);
   return std::move(*parsed);
 }
 

@@ -186,6 +186,14 @@ struct HealthStoreCore::State final : ChangeListener {
     if (!storage->isAvailable(type)) return {false, unavailable(type)};
     if (const auto withError = takeFailure(HKOperation::save, type)) return {false, scriptedFailure(*withError)};
     if (const auto reason = invalidity(sample)) return {false, error(HKError::Code::invalidArgument, *reason)};
+    // Every reader counts a value past awake as some kind of asleep: an
+    // application may only write the values defined. (An export may still
+    // bring a later version's values in.)
+    const auto value = sample.categoryValue.value_or(0);
+    if (type == HKSampleType::sleepAnalysis &&
+        (value < 0 || value > static_cast<std::int64_t>(HKCategoryValueSleepAnalysis::asleepREM))) {
+      return {false, error(HKError::Code::invalidArgument, "No sleep analysis value is " + std::to_string(value))};
+    }
     const HKAuthorizationStatus status = storage->authorization(source.bundleIdentifier, type).sharing;
     if (status != HKAuthorizationStatus::sharingAuthorized) return {false, notAuthorizedToShare(type, status)};
     sample.uuid = makeUUIDString();

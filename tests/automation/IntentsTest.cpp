@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "support/TestEnvironment.h"
 #include "tarnwell/automation/IntentHandlers.h"
 #include "tarnwell/widgets/WidgetDatabase.h"
@@ -178,6 +180,46 @@ TEST_F(IntentsTest, ARecordOfADurationEndsThatManyWholeSecondsAfterItsStart) {
   EXPECT_FALSE(toUserActivityInfo(record(t0, std::nullopt, IntentRecordType::end, 60)));
   playPlatform(12);
   EXPECT_EQ(toUserActivityInfo(record(t0, std::nullopt, IntentRecordType::unknown, 0)), (UserInfo{{"tagId", "R"}}));
+}
+
+TEST_F(IntentsTest, RawValuesNamingNoCaseAndDurationsNamingNoFocusAreRefusedNotConverted) {
+  EXPECT_EQ(fromRawValue<IntentRecordType>(2), IntentRecordType::duration);
+  EXPECT_EQ(fromRawValue<RicherDateRange>(4), RicherDateRange::year);
+  for (const std::int64_t raw : {std::int64_t{3}, std::int64_t{-1}, std::int64_t{1} << 40}) {
+    EXPECT_FALSE(fromRawValue<IntentRecordType>(raw)) << raw;
+  }
+  EXPECT_FALSE(fromRawValue<IntentWhiteNoise>(16));
+
+  using H = AddFocusRecordIntentHandler;
+  // A record type of 3 once fell through to an end at the reference date.
+  auto badType = record(t0 - 3600, t0 - 3000, IntentRecordType::end, 60);
+  badType.setValue("recordType", std::int64_t{3});
+  EXPECT_EQ(badType.recordType(), IntentRecordType::unknown);
+  EXPECT_EQ(resolved(&H::resolveRecordType, badType), INResolutionResult::unsupported());
+  EXPECT_FALSE(toUserActivityInfo(badType));
+  EXPECT_EQ(handled<H>(badType).code, INIntentResponseCode::failure);
+  for (const double durating : {1e300, -1.0, std::nan(""), HUGE_VAL, kLongestIntentDuration + 1}) {
+    const auto bad = record(t0 - 3600, std::nullopt, IntentRecordType::duration, durating);
+    EXPECT_EQ(resolved(&H::resolveDurating, bad), INResolutionResult::unsupported()) << durating;
+    EXPECT_EQ(handled<H>(bad), AddFocusRecordIntentResponse(INIntentResponseCode::failure, std::nullopt)) << durating;
+  }
+  EXPECT_EQ(toUserActivityInfo(record(t0 - 3600, std::nullopt, IntentRecordType::duration, kLongestIntentDuration))
+                ->at("end"),
+            UserInfoValue(t0 - 3600 + kLongestIntentDuration));
+
+  using S = StartToFocusIntentHandler;
+  StartToFocusIntent start;
+  start.setValue("whiteNoise", std::int64_t{99});
+  EXPECT_EQ(start.whiteNoise(), IntentWhiteNoise::unknown);
+  EXPECT_EQ(resolved(&S::resolveWhiteNoise, start), INResolutionResult::unsupported());
+  EXPECT_EQ(handled<S>(start), StartToFocusIntentResponse(INIntentResponseCode::failure, std::nullopt));
+  start.setValue("whiteNoise", std::int64_t{1});
+  start.setValue("duration", 1e300);
+  EXPECT_EQ(resolved(&S::resolveDuration, start), INResolutionResult::unsupported());
+  EXPECT_EQ(handled<S>(start).code, INIntentResponseCode::failure);
+  EXPECT_FALSE(toUserActivityInfo(start).contains("duration"));
+  start.setValue("duration", 1500.0);
+  EXPECT_EQ(handled<S>(start).code, INIntentResponseCode::continueInApp);
 }
 
 TEST_F(IntentsTest, EveryOtherHandlerOpensItsActivity) {

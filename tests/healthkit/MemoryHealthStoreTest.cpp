@@ -133,6 +133,10 @@ TEST_F(MemoryHealthStoreTest, SavingNeedsSharingAndStampsUuidAndSource) {
   HKSample wrongValue = sleep(0, 1);
   wrongValue.stateOfMind = HKStateOfMind{};
   EXPECT_EQ(save(*sleepApp, wrongValue).error, Code::invalidArgument);
+  for (const std::int64_t undefined : {std::int64_t{-1}, std::int64_t{6}, std::int64_t{99}}) {
+    EXPECT_EQ(save(*sleepApp, HKSample::category(kSleep, undefined, at(0), at(1))).error, Code::invalidArgument)
+        << undefined;
+  }
 
   const auto all = store.allSamples();
   ASSERT_EQ(all.size(), 1u);

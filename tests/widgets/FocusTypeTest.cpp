@@ -27,7 +27,11 @@ TEST(FocusTypeTest, JSONFormNamesTheParameters) {
 TEST(FocusTypeTest, DecodingRefusesOtherShapes) {
   for (const char* text : {R"({})", R"({"sprint":{"duration":1}})", R"({"countdown":{"duration":1}})",
                            R"({"countdown":{"duration":"1","reminderInterval":0}})",
-                           R"({"countdown":{"duration":1,"reminderInterval":0},"addTime":{}})", "[]", "3"}) {
+                           R"({"countdown":{"duration":1,"reminderInterval":0},"addTime":{}})", "[]", "3",
+                           // Counts an int cannot hold, or that are not counts, are no shape either.
+                           R"({"pomodoro":{"duration":1,"shortBreak":0,"longBreak":0,"longBreakInterval":1e300}})",
+                           R"({"pomodoro":{"duration":1,"shortBreak":0,"longBreak":0,"longBreakInterval":4.5}})",
+                           R"({"pomodoro":{"duration":1,"shortBreak":0,"longBreak":0,"longBreakInterval":"4"}})"}) {
     EXPECT_THROW(nlohmann::json::parse(text).get<FocusType>(), nlohmann::json::exception) << text;
   }
 }

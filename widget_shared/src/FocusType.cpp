@@ -2,9 +2,26 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cmath>
+#include <limits>
+
 #include "tarnwell/platform/Localization.h"
 
 namespace tarnwell::widgets {
+namespace {
+
+// A count read from JSON: a whole number in an int's range. nlohmann's own
+// conversion casts, and a cast of 1e300 to int is undefined.
+int wholeCount(const nlohmann::json& value) {
+  const double number = value.is_number() ? value.get<double>() : std::nan("");
+  if (!(number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max()) ||
+      number != std::floor(number)) {
+    throw nlohmann::json::out_of_range::create(406, "a count is a whole number an int holds", &value);
+  }
+  return static_cast<int>(number);
+}
+
+}  // namespace
 
 std::string_view rawValue(AbstractFocusType type) {
   switch (type) {
@@ -85,7 +102,7 @@ void from_json(const nlohmann::json& json, FocusType& type) {
   switch (*kind) {
     case AbstractFocusType::pomodoro:
       type = FocusType::pomodoro(p.at("duration").get<double>(), p.at("shortBreak").get<double>(),
-                                 p.at("longBreak").get<double>(), p.at("longBreakInterval").get<int>());
+                                 p.at("longBreak").get<double>(), wholeCount(p.at("longBreakInterval")));
       return;
     case AbstractFocusType::countdown:
       type = FocusType::countdown(p.at("duration").get<double>(), p.at("reminderInterval").get<double>());

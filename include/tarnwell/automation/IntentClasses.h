@@ -5,8 +5,13 @@
 // codes), and XHandling, the handler's protocol. For an option class Y: Y,
 // with its extra parameters, and YResolutionResult, whose success,
 // disambiguation and confirmationRequired take a Y; the forms that take a
-// plain INObject stop the process. For an enumeration Z: Z and
-// ZResolutionResult.
+// plain INObject stop the process. For an enumeration Z: Z,
+// ZResolutionResult and fromRawValue<Z>.
+//
+// A raw value comes from outside (a shortcut, a saved configuration of an
+// older version) and may name no case. It is never cast: fromRawValue gives
+// nothing for it, and the getter of a parameter reads it as `unknown`, the
+// unset value, so a handler never acts on a case that does not exist.
 
 #pragma once
 
@@ -27,8 +32,27 @@ namespace tarnwell {
 
 // --- Enumerations ---
 
+// The case of `raw`; nothing for a raw value outside the enumeration.
+template <class Enumeration>
+std::optional<Enumeration> fromRawValue(std::int64_t raw);
+
+namespace intent_cases {
+// Each enumeration's cases again, unscoped, to count them.
+#define TARNWELL_COUNT_ENUMERATION(Name, ...) \
+  struct Name {                               \
+    enum : int { __VA_ARGS__, count };        \
+  };
+TARNWELL_ENUMERATIONS(TARNWELL_COUNT_ENUMERATION)
+#undef TARNWELL_COUNT_ENUMERATION
+}  // namespace intent_cases
+
 #define TARNWELL_DECLARE_ENUMERATION(Name, ...)                                          \
   enum class Name : int { __VA_ARGS__ };                                                 \
+  template <>                                                                            \
+  inline std::optional<Name> fromRawValue<Name>(std::int64_t raw) {                      \
+    if (raw < 0 || raw >= intent_cases::Name::count) return std::nullopt;                \
+    return static_cast<Name>(raw);                                                       \
+  }                                                                                      \
   struct Name##ResolutionResult {                                                        \
     static INResolutionResult success(Name value) {                                      \
       return INResolutionResult::success(static_cast<std::int64_t>(value));              \
@@ -93,7 +117,7 @@ TARNWELL_OPTION_CLASSES(TARNWELL_DECLARE_OPTION, TARNWELL_OPTION_EXTRA)
 #define TARNWELL_GETTER_number(name, type) \
   std::optional<double> name() const { return number(#name); }
 #define TARNWELL_GETTER_enumeration(name, type) \
-  type name() const { return static_cast<type>(integer(#name).value_or(0)); }
+  type name() const { return fromRawValue<type>(integer(#name).value_or(0)).value_or(type::unknown); }
 #define TARNWELL_GETTER_dateComponents(name, type) \
   std::optional<DateComponents> name() const { return dateComponents(#name); }
 #define TARNWELL_GETTER_object(name, type) \

@@ -34,13 +34,24 @@ FocusWidgetTagWithDateRange withDateRange(const FocusWidgetTag& tag, DateRange r
 // 14), else the identifier and display string.
 ScreenTimeWidgetDataType dataType(const ScreenTimeWidgetDataTypeWithDateRange& item);
 
+// The longest duration an intent may carry: a day, as the longest focus. A
+// duration that is not a number, is negative or is longer names no focus;
+// it is unsupported on resolution and fails the handling, and is never
+// converted (a conversion of 1e300 seconds to whole seconds is undefined).
+inline constexpr double kLongestIntentDuration = 24 * 3600;
+// Whether `seconds` is such a duration: from 0 to kLongestIntentDuration.
+bool isIntentDuration(double seconds);
+
 // The dictionary the app reads, or nothing when the intent cannot give one.
+// A duration that is no intent duration is left out.
 UserInfo toUserActivityInfo(const StartToFocusIntent& intent);
 std::optional<UserInfo> toUserActivityInfo(const AddFocusRecordIntent& intent);
 
 class StartToFocusIntentHandler : public StartToFocusIntentHandling {
  public:
-  // Every parameter is optional: unset ones are "not required".
+  // Every parameter is optional: unset ones are "not required". A raw value
+  // that names no case, and a duration that is no intent duration, are
+  // unsupported; handling such an intent fails (code 5, no activity).
   void resolveTag(const StartToFocusIntent& intent, const ResolutionCompletion& completion) const;
   void resolveFocusType(const StartToFocusIntent& intent, const ResolutionCompletion& completion) const;
   void resolveFocusMode(const StartToFocusIntent& intent, const ResolutionCompletion& completion) const;
@@ -64,7 +75,9 @@ class StopFocusingInetntHandler : public StopFocusingIntentHandling {
 class AddFocusRecordIntentHandler : public AddFocusRecordIntentHandling {
  public:
   // A missing value stops the shortcut ("needs value"). A start after the
-  // clock's now, and an end not after the start, are unsupported (reason 1).
+  // clock's now, and an end not after the start, are unsupported (reason 1);
+  // so are a durating that is no intent duration and a record type raw
+  // value that names no case (reason 0), and handling them fails.
   void resolveStart(const AddFocusRecordIntent& intent, const ResolutionCompletion& completion) const;
   void resolveEnd(const AddFocusRecordIntent& intent, const ResolutionCompletion& completion) const;
   void resolveDurating(const AddFocusRecordIntent& intent, const ResolutionCompletion& completion) const;

@@ -7,9 +7,10 @@
 // versions (a widget placed by an older version keeps its link), so the form
 // is fixed letter for letter: "tarnwell://x-callback-url/" + action word,
 // then "?" and the pairs "key=value" joined by "&" when there are any. Text
-// is joined as it stands, never escaped: a caller may only put URL-safe text
-// into a payload, and `url()` stops the process when the result is not a URL.
-// `text()` gives the join without that check, for callers that vet input.
+// is joined as it stands, never escaped: a caller may only put values that
+// read back as themselves into a payload (isSafeValue), and `url()` stops the
+// process for any other. `text()` gives the join without that check, for
+// callers that vet input.
 
 #pragma once
 
@@ -166,9 +167,16 @@ class URLScheme {
   // "type" and "dateRange" only with a type, viewFocus "tagId" ("All" for
   // all tags) and "dateRange" only with a tag; an absent range is "week".
   std::optional<URLParameters> parameters() const;
+  // Whether `value` reads back from a pair as itself: letters, digits and
+  // "-._~!$'()*+,;:@/" only. "&", "=", "#" and "?" would end the pair or the
+  // query early (a tag id could add a widget context of its own), and "%"
+  // would be read as the start of an escape ("100%25" as "100%").
+  static bool isSafeValue(std::string_view value);
+
   // The link joined as it stands; it may not be a URL.
   std::string text() const;
-  // The link. Stops the process when text() is not a URL.
+  // The link. Stops the process when a value is not safe, or text() is not
+  // a URL.
   URL url() const;
 
   // The app's side: a link of this scheme read back by the tables above.

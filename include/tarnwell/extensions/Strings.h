@@ -78,7 +78,10 @@ AttributedString getAttributedDateTimeString(double seconds, const Font& numberF
                                              const Color& textColor);
 // "25:00" under an hour, "1:00:00" from an hour on (hours may pass 23).
 std::string getTimerString(double seconds);
-// "1024.00 bytes", "1.00 KB", ... up to "YB".
+// The largest size fileSizeString shows: 1024 YB, 2^90 bytes.
+inline constexpr double kLargestFileSize = 1237940039285380274899124224.0;
+// "1024.00 bytes", "1.00 KB", ... up to "YB". A larger size would need a
+// unit after YB and stops the process: callers check against kLargestFileSize.
 std::string fileSizeString(double bytes);
 // The number with at most that many fraction digits and no trailing zeros.
 std::optional<std::string> removeZerosFromEnd(double value, int maximumFractionDigits);

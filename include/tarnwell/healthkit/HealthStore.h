@@ -103,7 +103,8 @@ class HKHealthStore {
   virtual void stop(const std::shared_ptr<HKObserverQuery>& query) = 0;
 
   // Saving needs sharing authorized for the sample's type; the store gives
-  // the sample its uuid and this application's source.
+  // the sample its uuid and this application's source. A sleep sample's
+  // value must be one of HKCategoryValueSleepAnalysis (invalidArgument).
   virtual void save(HKSample sample, Completion completion) = 0;
   // Deletes by uuid. Only this application's own samples may be deleted;
   // one that is already gone is no error.

@@ -78,7 +78,8 @@ class FocusType {
 
 // {"countdown": {"duration": 1500.0, "reminderInterval": 0.0}}: the kind as the
 // only key, its parameters by name. Decoding throws nlohmann::json::exception
-// for any other shape.
+// for any other shape, and for a long-break interval that is not a whole
+// number an int holds.
 void to_json(nlohmann::json& json, const FocusType& type);
 void from_json(const nlohmann::json& json, FocusType& type);
 
