@@ -26,6 +26,7 @@ if [ ! -f "fuzz/$name.cpp" ] || [ ! -d "fuzz/corpus/$name" ]; then
 fi
 
 flags="-O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined"
+flags+=" -include $PWD/fuzz/compat/SourceLocation.h"
 launcher=()
 if command -v ccache >/dev/null; then launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache); fi
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug \
