@@ -2,6 +2,7 @@
 // stored value, of any of the store's types, under a setting's key, read by
 // every getter of the settings. Every key is removed after each input.
 #include <array>
+#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "FuzzSupport.h"
@@ -116,7 +117,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto key = kKeys[input.byte() % kKeys.size()];
     // The last eight live in the app's own store.
     auto& store = &key >= &kKeys[kKeys.size() - 8] ? UserDefaults::standard() : UserDefaults::appGroup();
-    store.setObject(key, valueOf(input));
+    // Text the store cannot keep (a list of texts that are not UTF-8) is
+    // refused by the writer; what matters here is what reading makes of
+    // what it holds.
+    try {
+      store.setObject(key, valueOf(input));
+    } catch (const nlohmann::json::exception&) {
+    }
   }
   readEverySetting();
   Settings::migrateDeprecatedValues(input.text(16));

@@ -1,5 +1,6 @@
 #include "tarnwell/automation/IntentHandlers.h"
 
+#include <cmath>
 #include <mutex>
 
 #include "tarnwell/platform/Environment.h"
@@ -157,7 +158,9 @@ std::optional<UserInfo> toUserActivityInfo(const AddFocusRecordIntent& intent) {
     }
     case IntentRecordType::duration: {
       const auto durating = intent.durating();
-      if (!durating) return std::nullopt;
+      // Not a number, or more seconds than whole seconds can count, is no
+      // length of a record: refused, not converted.
+      if (!durating || !(std::abs(*durating) < 1e15)) return std::nullopt;
       // Whole seconds, as the calendar adds them.
       end = *start->date + static_cast<double>(static_cast<std::int64_t>(*durating));
       break;

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+
 #include "support/TestEnvironment.h"
 #include "tarnwell/automation/IntentHandlers.h"
 #include "tarnwell/widgets/WidgetDatabase.h"
@@ -176,6 +179,10 @@ TEST_F(IntentsTest, ARecordOfADurationEndsThatManyWholeSecondsAfterItsStart) {
   EXPECT_EQ(unknown.code, INIntentResponseCode::failure);
   EXPECT_FALSE(unknown.userActivity);
   EXPECT_FALSE(toUserActivityInfo(record(t0, std::nullopt, IntentRecordType::end, 60)));
+  // A length no whole number of seconds holds gives no dictionary (found by fuzzing).
+  for (const double huge : {1e300, -1e300, std::numeric_limits<double>::infinity(), std::nan("")}) {
+    EXPECT_FALSE(toUserActivityInfo(record(t0, std::nullopt, IntentRecordType::duration, huge))) << huge;
+  }
   playPlatform(12);
   EXPECT_EQ(toUserActivityInfo(record(t0, std::nullopt, IntentRecordType::unknown, 0)), (UserInfo{{"tagId", "R"}}));
 }
