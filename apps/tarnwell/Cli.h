@@ -117,8 +117,11 @@ WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word)
 // The ids asked for, or this device and the devices it merges with.
 std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& asked);
 
-// Writes `bytes` to `file` whole or not at all: into a new file beside it,
-// then renamed over it. InputError naming `option` when it cannot.
+// Writes `bytes` to `file` whole or not at all: into a new file beside it
+// (made with the user's umask), then renamed over it. Only a regular file or
+// a name not yet taken is written: a symbolic link, a folder, a device or a
+// FIFO at `file` is refused and left as it is. InputError naming `option`
+// when it cannot.
 void writeFileAtomically(const std::string& option, const std::filesystem::path& file, std::string_view bytes);
 
 // The lines joined by line feeds, or `empty` when there are none.

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,19 +38,51 @@ std::string joinLines(const std::vector<std::string>& lines, const std::string& 
   return text;
 }
 
+namespace {
+
+// Why `file` may not be replaced by a file of ours: a symbolic link, a
+// folder, a device or a FIFO is the user's own thing, never ours to write
+// over or through. Empty when it is a regular file or nothing at all.
+std::string unfitTarget(const std::filesystem::path& file, int& error) {
+  struct stat status {};
+  error = 0;
+  if (::lstat(file.c_str(), &status) != 0) {
+    if (errno != ENOENT) error = errno;
+    return "";
+  }
+  if (S_ISREG(status.st_mode)) return "";
+  if (S_ISLNK(status.st_mode)) return "is a symbolic link";
+  if (S_ISDIR(status.st_mode)) return "is a folder";
+  if (S_ISFIFO(status.st_mode)) return "is a FIFO";
+  if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) return "is a device";
+  return "is not a regular file";
+}
+
+}  // namespace
+
 void writeFileAtomically(const std::string& option, const std::filesystem::path& file, std::string_view bytes) {
   const auto refused = [&](int error) {
     return InputError(option + ": cannot write \"" + file.string() + "\": " + std::strerror(error));
   };
+  const auto checkTarget = [&] {
+    int error = 0;
+    if (const auto unfit = unfitTarget(file, error); !unfit.empty()) {
+      throw InputError(option + ": \"" + file.string() + "\" " + unfit +
+                       "; only a regular file or a new name is written");
+    }
+    if (error != 0) throw refused(error);
+  };
   if (file.filename().empty()) throw refused(EISDIR);
-  // A name of its own in the same folder, so the rename cannot cross file systems.
+  checkTarget();
+  // A name of its own in the same folder, so the rename cannot cross file
+  // systems. Made with the user's umask, as any file a command of theirs writes.
   const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
   std::filesystem::path temporary;
   int fd = -1;
   for (int attempt = 0; fd < 0 && attempt < 100; ++attempt) {
     temporary = folder / ("." + file.filename().string() + "." + std::to_string(::getpid()) + "-" +
                           std::to_string(attempt) + ".partial");
-    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
     if (fd < 0 && errno != EEXIST) throw refused(errno);
   }
   if (fd < 0) throw refused(EEXIST);
@@ -61,6 +94,13 @@ void writeFileAtomically(const std::string& option, const std::filesystem::path&
   }
   if (error == 0 && ::fsync(fd) != 0) error = errno;
   if (::close(fd) != 0 && error == 0) error = errno;
+  // Once more just before the rename: the target may have changed while the bytes were written.
+  try {
+    if (error == 0) checkTarget();
+  } catch (...) {
+    ::unlink(temporary.c_str());
+    throw;
+  }
   if (error == 0 && ::rename(temporary.c_str(), file.c_str()) != 0) error = errno;
   if (error != 0) {
     ::unlink(temporary.c_str());

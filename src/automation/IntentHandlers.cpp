@@ -1,5 +1,6 @@
 #include "tarnwell/automation/IntentHandlers.h"
 
+#include <cmath>
 #include <mutex>
 
 #include "tarnwell/platform/Environment.h"

@@ -117,6 +117,9 @@ template <class... Cases>
 struct Overloaded : Cases... {
   using Cases::operator()...;
 };
+// Spelled out for compilers without deduction for aggregates (clang before 17).
+template <class... Cases>
+Overloaded(Cases...) -> Overloaded<Cases...>;
 
 }  // namespace
 

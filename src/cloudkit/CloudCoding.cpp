@@ -101,7 +101,7 @@ T readScalar(ByteReader& reader, const AssetCoding& assets) {
 template <class T>
 CKRecordValue readTagged(ByteReader& reader, bool list, const AssetCoding& assets) {
   if (!list) return readScalar<T>(reader, assets);
-  std::vector<T> elements(reader.varint());
+  std::vector<T> elements(reader.count());
   for (auto& element : elements) element = readScalar<T>(reader, assets);
   return elements;
 }
@@ -204,6 +204,12 @@ std::uint64_t ByteReader::fixed64() {
 double ByteReader::real() { return std::bit_cast<double>(fixed64()); }
 
 std::string_view ByteReader::text() { return take(varint()); }
+
+std::size_t ByteReader::count() {
+  const std::uint64_t value = varint();
+  if (value > bytes_.size() - offset_) throw std::runtime_error("The cloud's stored bytes end early");
+  return static_cast<std::size_t>(value);
+}
 
 AssetCoding clientAssetCoding() {
   return {[](ByteWriter& writer, const CKAsset& asset) {
@@ -423,7 +429,7 @@ std::shared_ptr<CKModifyRecordsOperation> decodeModifyOperation(const std::strin
   ByteReader reader(bytes);
   const auto policy = static_cast<CKRecordSavePolicy>(reader.varint());
   const bool atomic = reader.byte() != 0;
-  std::vector<CKRecord> records(reader.varint());
+  std::vector<CKRecord> records(reader.count());
   for (CKRecord& record : records) {
     std::string type(reader.text());
     CKRecordID recordID = readRecordID(reader);
@@ -442,7 +448,7 @@ std::shared_ptr<CKModifyRecordsOperation> decodeModifyOperation(const std::strin
       if (reader.byte() != 0) value = readValue(reader, assets);
       fields.emplace(std::move(key), std::move(value));
     }
-    std::vector<std::string> changed(reader.varint());
+    std::vector<std::string> changed(reader.count());
     for (auto& key : changed) key = std::string(reader.text());
 
     // A record the client made has every key it holds changed; one from the
@@ -458,7 +464,7 @@ std::shared_ptr<CKModifyRecordsOperation> decodeModifyOperation(const std::strin
       for (auto& [key, value] : fields) record.setObject(key, std::move(value));
     }
   }
-  std::vector<CKRecordID> deletions(reader.varint());
+  std::vector<CKRecordID> deletions(reader.count());
   for (auto& recordID : deletions) recordID = readRecordID(reader);
 
   auto operation = std::make_shared<CKModifyRecordsOperation>(std::move(records), std::move(deletions));

@@ -48,6 +48,9 @@ class ByteReader {
   std::uint64_t fixed64();
   double real();
   std::string_view text();
+  // The count of a list whose elements take a byte or more each; a count
+  // the bytes left cannot hold throws before anything is made for it.
+  std::size_t count();
   bool atEnd() const { return offset_ == bytes_.size(); }
 
  private:

@@ -263,7 +263,7 @@ Promise<void> HealthManager::requestAuthorization(std::optional<HKSampleType> ty
   auto [promise, resolver] = Promise<void>::pending();
   healthStore_->requestAuthorization(
       toShare, toRead,
-      [store = healthStore_, type = *type, requestType, resolver](bool success, std::exception_ptr error) {
+      [store = healthStore_, type = *type, requestType, resolver = resolver](bool success, std::exception_ptr error) {
         if (!success) {
           // No success and no error settles nothing: the promise stays pending for good.
           if (error) resolver.reject(error);
@@ -424,7 +424,7 @@ Promise<std::vector<HKSample>> HealthManager::querySamples(std::optional<HKSampl
   if (newestFirst) sort.push_back({HKSortKey::startDate, false});
   healthStore_->execute(std::make_shared<HKSampleQuery>(
       *type, std::move(predicate), HKSampleQuery::kNoLimit, std::move(sort),
-      [resolver](std::optional<std::vector<HKSample>> samples, std::exception_ptr error) {
+      [resolver = resolver](std::optional<std::vector<HKSample>> samples, std::exception_ptr error) {
         if (error) return resolver.reject(error);
         resolver.fulfill(samples.value_or(std::vector<HKSample>()));
       }));
@@ -433,7 +433,7 @@ Promise<std::vector<HKSample>> HealthManager::querySamples(std::optional<HKSampl
 
 Promise<void> HealthManager::saveSample(HKSample sample, SaveToHealthKitError failure) {
   auto [promise, resolver] = Promise<void>::pending();
-  healthStore_->save(std::move(sample), [resolver, failure](bool success, std::exception_ptr error) {
+  healthStore_->save(std::move(sample), [resolver = resolver, failure](bool success, std::exception_ptr error) {
     if (error) return resolver.reject(error);
     if (success) return resolver.fulfill();
     resolver.reject(failure);
@@ -444,7 +444,7 @@ Promise<void> HealthManager::saveSample(HKSample sample, SaveToHealthKitError fa
 Promise<void> HealthManager::deleteSamples(std::vector<HKSample> samples) {
   if (samples.empty()) return Promise<void>::fulfilled();
   auto [promise, resolver] = Promise<void>::pending();
-  healthStore_->deleteObjects(std::move(samples), [resolver](bool success, std::exception_ptr error) {
+  healthStore_->deleteObjects(std::move(samples), [resolver = resolver](bool success, std::exception_ptr error) {
     if (error) return resolver.reject(error);
     if (success) return resolver.fulfill();
     resolver.reject(SaveToHealthKitError::deleteSamplesFailed);

@@ -1,6 +1,7 @@
 // The `tarnwell` command, driven as a user drives it: one process per call.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -278,6 +279,52 @@ TEST_F(CliTest, ImportKeepsGoodRowsAndReportsBadOnes) {
   EXPECT_EQ(run("import '" + (folder.path() / "missing.csv").string() + "'").status, 1);
   // Piped, standard error holds the skipped rows and nothing else.
   EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 3) << result.err;
+}
+
+TEST_F(CliTest, AFileThatIsNoImportIsRefusedWithNothingStored) {
+  // Bytes of no text format: many lines, every one of them bad.
+  const auto binary = folder.path() / "photo.jpg";
+  {
+    std::ofstream out(binary, std::ios::binary);
+    std::uint32_t state = 7;
+    for (int i = 0; i < 200000; ++i) {
+      state = state * 1664525u + 1013904223u;
+      out.put(static_cast<char>(state >> 24));
+    }
+  }
+  const auto refusedWhole = [this](const std::string& arguments) {
+    const Outcome result = run("import " + arguments);
+    EXPECT_EQ(result.status, 1) << arguments;
+    EXPECT_TRUE(result.out.empty()) << arguments;
+    EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 101) << arguments;
+    EXPECT_NE(result.err.find("after 100 bad rows"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("nothing was imported\n"), std::string::npos) << result.err;
+  };
+  refusedWhole("'" + binary.string() + "'");
+  // Good rows before the hundredth bad one are not kept either.
+  const auto mixed = folder.path() / "mixed.csv";
+  {
+    std::ofstream out(mixed);
+    for (int i = 0; i < 5; ++i) out << "pickup,2026-11-22T08:00:00Z,2026-11-22T08:05:00Z\n";
+    for (int i = 0; i < 100; ++i) out << "pickup,soon,later\n";
+    out << "pickup,2026-11-22T09:00:00Z,2026-11-22T09:05:00Z\n";
+  }
+  refusedWhole("'" + mixed.string() + "'");
+  EXPECT_EQ(run("--json pickup list").out, "[]\n");
+
+  const auto refusedInOneLine = [this](const std::string& arguments, const std::string& error) {
+    const Outcome result = run("import " + arguments);
+    EXPECT_EQ(result.status, 1) << arguments;
+    EXPECT_EQ(result.err, "tarnwell: import: " + error + "\n");
+  };
+  refusedInOneLine("'" + folder.path().string() + "'", "\"" + folder.path().string() + "\" is a folder, not a file");
+  const auto fifo = folder.path() / "events.fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  refusedInOneLine("'" + fifo.string() + "'", "\"" + fifo.string() + "\" is not a regular file");
+  std::ofstream(folder.path() / "plain.csv") << "1590994230688,a,3\n";
+  refusedInOneLine("--format aware '" + (folder.path() / "plain.csv").string() + "'",
+                   "line 1: an AWARE file starts with a header naming timestamp, device_id and screen_status; "
+                   "nothing was imported");
 }
 
 TEST_F(CliTest, LongRunsShowTheirProgressOnATerminalOnly) {

@@ -2,6 +2,7 @@
 // `tarnwell` command: one process per call, on a pinned clock.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -264,6 +265,38 @@ TEST_F(ReportTest, BadRangesAndUnwritableFilesAreRefusedWritingNothing) {
   expectRefused(run("report --out missing/r.html"), "a folder that does not exist");
   EXPECT_TRUE(written().empty());
   EXPECT_NE(run("report").status, 0) << "--out is required";
+}
+
+TEST_F(ReportTest, OnlyARegularFileOrANewNameIsWrittenAndTheReportKeepsTheUmask) {
+  ASSERT_EQ(run("--json info").status, 0);
+  std::ofstream(files() / "mine.txt") << "the user's own";
+  std::filesystem::create_symlink("mine.txt", files() / "link.svg");
+  std::filesystem::create_symlink("nowhere.svg", files() / "dangling.svg");
+  ASSERT_EQ(::mkfifo((files() / "pipe.svg").c_str(), 0600), 0);
+  expectRefused(run("chart screenTime --svg link.svg"), "a symbolic link to a file");
+  expectRefused(run("chart screenTime --png dangling.svg"), "a symbolic link to nothing");
+  expectRefused(run("chart screenTime --svg pipe.svg"), "a FIFO");
+  expectRefused(run("report --out /dev/null"), "a device");
+  const Outcome overLink = run("report --out link.svg");
+  expectRefused(overLink, "a symbolic link, for the report");
+  EXPECT_NE(overLink.err.find("\"link.svg\" is a symbolic link"), std::string::npos) << overLink.err;
+  // Each left as it was, and nothing of ours beside them.
+  EXPECT_EQ(readFile(files() / "mine.txt"), "the user's own");
+  EXPECT_TRUE(std::filesystem::is_symlink(files() / "link.svg"));
+  EXPECT_TRUE(std::filesystem::is_fifo(files() / "pipe.svg"));
+  EXPECT_EQ(written(), (std::vector<std::string>{"dangling.svg", "link.svg", "mine.txt", "pipe.svg"}));
+
+  // A regular file is replaced; the new one has the mode the user's umask gives.
+  const Outcome made = testing::runShell("umask 027 && cd '" + files().string() + "' && XDG_DATA_HOME='" +
+                                             (folder.path() / "xdg").string() + "' '" + testing::tarnwellBinary() +
+                                             "' --container '" + (folder.path() / "phone").string() +
+                                             "' --tz UTC --now 2026-11-22T12:00:00Z report --out mine.txt",
+                                         folder.path());
+  ASSERT_EQ(made.status, 0) << made.err;
+  EXPECT_EQ(readFile(files() / "mine.txt").substr(0, 15), "<!DOCTYPE html>");
+  EXPECT_EQ(std::filesystem::status(files() / "mine.txt").permissions(), std::filesystem::perms::owner_read |
+                                                                             std::filesystem::perms::owner_write |
+                                                                             std::filesystem::perms::group_read);
 }
 
 }  // namespace

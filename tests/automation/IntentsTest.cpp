@@ -198,8 +198,10 @@ TEST_F(IntentsTest, RawValuesNamingNoCaseAndDurationsNamingNoFocusAreRefusedNotC
   EXPECT_EQ(resolved(&H::resolveRecordType, badType), INResolutionResult::unsupported());
   EXPECT_FALSE(toUserActivityInfo(badType));
   EXPECT_EQ(handled<H>(badType).code, INIntentResponseCode::failure);
-  for (const double durating : {1e300, -1.0, std::nan(""), HUGE_VAL, kLongestIntentDuration + 1}) {
+  // 1e300 was once an undefined conversion to whole seconds (found by fuzzing).
+  for (const double durating : {1e300, -1e300, -1.0, std::nan(""), HUGE_VAL, kLongestIntentDuration + 1}) {
     const auto bad = record(t0 - 3600, std::nullopt, IntentRecordType::duration, durating);
+    EXPECT_FALSE(toUserActivityInfo(bad)) << durating;
     EXPECT_EQ(resolved(&H::resolveDurating, bad), INResolutionResult::unsupported()) << durating;
     EXPECT_EQ(handled<H>(bad), AddFocusRecordIntentResponse(INIntentResponseCode::failure, std::nullopt)) << durating;
   }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "cloudkit/CloudCoding.h"
 #include "support/TestEnvironment.h"
 #include "tarnwell/cloudkit/Container.h"
 #include "tarnwell/cloudkit/Errors.h"
@@ -104,6 +105,30 @@ TEST_F(InstalledContainerTest, WithoutAnInstalledCloudNothingRunsAndEverythingSa
     EXPECT_EQ(failure.code(), 9);
   }
   EXPECT_TRUE(fetch->isFinished());
+}
+
+// Stored bytes that count more elements than they hold are damaged: refused
+// before anything is made for the count, not an allocation the process dies of.
+TEST(CloudCodingTest, CountsTheBytesCannotHoldAreRefusedBeforeAnythingIsMade) {
+  using namespace cloudkit;
+  const auto huge = [] {
+    ByteWriter writer;
+    writer.varint(std::uint64_t{1} << 61);
+    return writer.bytes();
+  };
+  const std::string textList = std::string(1, static_cast<char>(0x43)) + huge();
+  EXPECT_THROW(decodeValue(textList, clientAssetCoding()), std::runtime_error);
+  // A modify operation of a save policy, not atomic, and then the count of its records.
+  const std::string operation = std::string("\x01\x00", 2) + huge();
+  EXPECT_THROW(decodeModifyOperation("id", operation), std::runtime_error);
+
+  const CKRecordValue names = std::vector<std::string>{"a", "", "b"};
+  EXPECT_EQ(decodeValue(encodeValue(names, clientAssetCoding()), clientAssetCoding()), names);
+  CKRecord record("Tag", CKRecordID{"work", CKRecordZoneID{"TagsZone"}});
+  record.setObject("title", std::string("Work"));
+  const auto decoded = decodeModifyOperation("id", encodeModifyOperation(CKModifyRecordsOperation({record}, {})));
+  ASSERT_EQ(decoded->recordsToSave.size(), 1u);
+  EXPECT_EQ(decoded->recordsToSave[0].recordID(), record.recordID());
 }
 
 }  // namespace

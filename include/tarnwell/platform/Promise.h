@@ -237,8 +237,10 @@ class Promise {
   // f(std::exception_ptr) -> Promise<T>: replaces a rejection with another attempt.
   template <class F>
   Promise recover(DispatchQueue& on, F f) const {
+    // The resolver is captured by an initializer, here and below: clang
+    // before 16 cannot capture a structured binding.
     auto [next, resolver] = pending();
-    subscribe(on, [f = std::move(f), resolver](auto& state) mutable {
+    subscribe(on, [f = std::move(f), resolver = resolver](auto& state) mutable {
       if (state.isFulfilled()) return settle(resolver, state);
       try {
         f(state.error()).pipe(resolver);
@@ -257,7 +259,7 @@ class Promise {
   template <class F>
   Promise ensure(DispatchQueue& on, F f) const {
     auto [next, resolver] = pending();
-    subscribe(on, [f = std::move(f), resolver](auto& state) mutable {
+    subscribe(on, [f = std::move(f), resolver = resolver](auto& state) mutable {
       f();
       settle(resolver, state);
     });
@@ -412,7 +414,7 @@ template <class T>
 template <class F>
 Guarantee<void> Promise<T>::catchError(DispatchQueue& on, F f) const {
   auto [next, resolver] = Guarantee<void>::pending();
-  subscribe(on, [f = std::move(f), resolver](auto& state) mutable {
+  subscribe(on, [f = std::move(f), resolver = resolver](auto& state) mutable {
     if (state.isRejected()) f(state.error());
     resolver({});
   });
