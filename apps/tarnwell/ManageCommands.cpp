@@ -158,11 +158,12 @@ void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& actio
   format->require_subcommand(1);
   const auto add = [&](const char* what, const char* help) {
     auto* command = format->add_subcommand(what, help);
-    command->add_option("SECONDS", a->value)->required();
-    onRunWithoutStore(command, action, [&options, a, what = std::string(what)] {
-      const double seconds = what == "size" ? parseNumberIn("SECONDS", a->value, 0, kLargestFileSize,
-                                                            "a number of bytes from 0 to 2^90 (1024 YB)")
-                                            : parseNumber("SECONDS", a->value);
+    const bool size = std::string_view(what) == "size";
+    command->add_option(size ? "BYTES" : "SECONDS", a->value)->required();
+    onRunWithoutStore(command, action, [&options, a, what = std::string(what), size] {
+      const double seconds =
+          size ? parseNumberIn("BYTES", a->value, 0, kLargestFileSize, "a number of bytes from 0 to 2^90 (1024 YB)")
+               : parseNumber("SECONDS", a->value);
       std::string text;
       if (what == "duration") {
         text = getTimeIntervalString(seconds);
