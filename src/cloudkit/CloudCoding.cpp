@@ -383,13 +383,22 @@ std::string encodeSubscription(const CKSubscription& subscription) {
 
 std::optional<CKSubscription> decodeSubscription(std::string_view text) {
   const auto json = nlohmann::json::parse(text, nullptr, false);
-  if (!json.is_object() || !json.contains("id")) return std::nullopt;
+  if (!json.is_object()) return std::nullopt;
+  // A field of another type is a damaged row, like a missing one: no
+  // subscription, rather than an error of the JSON library's own.
+  const auto has = [&json](const char* key, bool (nlohmann::json::*is)() const noexcept) {
+    const auto found = json.find(key);
+    return found != json.end() && ((*found).*is)();
+  };
+  const auto lacks = [&json](const char* key) { return !json.contains(key); };
+  if (!has("id", &nlohmann::json::is_string)) return std::nullopt;
+  if (!lacks("contentAvailable") && !has("contentAvailable", &nlohmann::json::is_boolean)) return std::nullopt;
   const CKNotificationInfo info{json.value("contentAvailable", false)};
-  if (json.contains("recordType")) {
-    return CKQuerySubscription{json.value("recordType", ""), json.value("id", ""),
-                               json.value("options", std::int64_t{0}), info};
-  }
-  return CKDatabaseSubscription{json.value("id", ""), info};
+  if (lacks("recordType")) return CKDatabaseSubscription{json.at("id").get<std::string>(), info};
+  if (!has("recordType", &nlohmann::json::is_string)) return std::nullopt;
+  if (!lacks("options") && !has("options", &nlohmann::json::is_number_integer)) return std::nullopt;
+  return CKQuerySubscription{json.at("recordType").get<std::string>(), json.at("id").get<std::string>(),
+                             json.value("options", std::int64_t{0}), info};
 }
 
 std::string encodeModifyOperation(const CKModifyRecordsOperation& operation) {

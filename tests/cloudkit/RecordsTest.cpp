@@ -131,5 +131,22 @@ TEST(CloudCodingTest, CountsTheBytesCannotHoldAreRefusedBeforeAnythingIsMade) {
   EXPECT_EQ(decoded->recordsToSave[0].recordID(), record.recordID());
 }
 
+// A stored subscription whose fields have other types is damaged: no
+// subscription, not an exception of the JSON library the caller cannot expect
+// (found by fuzzing: an id of `true`).
+TEST(CloudCodingTest, SubscriptionsOfOtherShapesReadAsNone) {
+  using namespace cloudkit;
+  const CKSubscription query = CKQuerySubscription{"Pickup", "pickups", 7, CKNotificationInfo{true}};
+  const CKSubscription database = CKDatabaseSubscription{"all", CKNotificationInfo{false}};
+  EXPECT_EQ(decodeSubscription(encodeSubscription(query)), query);
+  EXPECT_EQ(decodeSubscription(encodeSubscription(database)), database);
+  for (const char* damaged :
+       {R"({"id":true, "recordType": "Pickup", "options": 3})", R"({"id":"a", "recordType": 1})",
+        R"({"id":"a", "recordType": "Pickup", "options": "3"})", R"({"id":"a", "contentAvailable": 1})",
+        R"({"recordType": "Pickup"})", "[]", "not json"}) {
+    EXPECT_FALSE(decodeSubscription(damaged)) << damaged;
+  }
+}
+
 }  // namespace
 }  // namespace tarnwell
