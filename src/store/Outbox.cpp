@@ -86,6 +86,15 @@ void Outbox::forget(std::string_view className, std::string_view recordKey) {
   statement.execute();
 }
 
+void Outbox::journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
+  auto& statement = connection_.cached(
+      "INSERT OR REPLACE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") SELECT ?1, " +
+      quoteIdentifier(keyColumn) + ", 0, ?2 FROM " + quoteIdentifier(className) + " WHERE rowid > ?3 AND " +
+      quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid");
+  statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate()).bind(3, rowid);
+  statement.execute();
+}
+
 void Outbox::enqueueLive(std::string_view className, std::string_view keyColumn) {
   auto& statement = connection_.cached(
       "INSERT OR IGNORE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") SELECT ?1, " +

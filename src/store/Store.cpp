@@ -414,12 +414,26 @@ void WriteTransaction::recordAdd(std::string_view className, std::string key) {
   (inserted ? change.insertions : change.modifications).push_back(std::move(key));
 }
 
-void WriteTransaction::journal(std::string_view className, const std::vector<std::string>& keys, bool inserted) {
-  if (origin_ != Origin::local || keys.empty()) return;
+bool WriteTransaction::journals(std::string_view className) const {
   const auto& classes = *store_.outboxClasses_;
-  if (std::find(classes.begin(), classes.end(), className) == classes.end()) return;
+  return origin_ == Origin::local && std::find(classes.begin(), classes.end(), className) != classes.end();
+}
+
+void WriteTransaction::journal(std::string_view className, const std::vector<std::string>& keys, bool inserted) {
+  if (keys.empty() || !journals(className)) return;
   Outbox outbox(connection());
   for (const auto& key : keys) outbox.journal(className, key, inserted);
+}
+
+std::int64_t WriteTransaction::lastRowid(std::string_view className) {
+  auto& statement = connection().cached("SELECT coalesce(max(rowid), 0) FROM " + quoteIdentifier(className));
+  sqlite::Cursor rows(statement);
+  return rows.next() ? rows->int64(0) : 0;
+}
+
+void WriteTransaction::journalInsertedAfter(std::string_view className, std::string_view keyColumn,
+                                            std::int64_t rowid) {
+  if (journals(className)) Outbox(connection()).journalInsertedAfter(className, keyColumn, rowid);
 }
 
 namespace {

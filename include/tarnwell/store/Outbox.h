@@ -82,6 +82,9 @@ class Outbox {
   // and a row never sent that is gone needs no send.
   void forget(std::string_view className, std::string_view recordKey);
 
+  // An entry, not known, for every row of the class after `rowid`: rows a
+  // bulk writer inserted with statements of its own.
+  void journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
   // An entry for every live row of the class that has none, known: a full
   // send of the class. `keyColumn` is the class's primary key.
   void enqueueLive(std::string_view className, std::string_view keyColumn);

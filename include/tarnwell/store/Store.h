@@ -252,6 +252,13 @@ class WriteTransaction {
 
   sqlite::Connection& connection() { return store_.connection(); }
 
+  // For a writer that inserts rows with statements of its own, which the
+  // transaction does not see (a bulk import): the last rowid of the class
+  // before, and then the outbox entries of every row inserted after it, as
+  // local insertions. Observers still hear nothing of those rows.
+  std::int64_t lastRowid(std::string_view className);
+  void journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+
  private:
   friend class Store;
   // Begins the transaction.
@@ -270,6 +277,8 @@ class WriteTransaction {
 
   // Notes the key of the row the last statement inserted or updated.
   void recordAdd(std::string_view className, std::string key);
+  // Whether changes of the class here leave outbox entries.
+  bool journals(std::string_view className) const;
   // Leaves outbox entries for local changes of outbox classes.
   void journal(std::string_view className, const std::vector<std::string>& keys, bool inserted);
   ChangeSet& changes(std::string_view className);
