@@ -32,6 +32,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -57,7 +58,13 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   // `defaults` keeps the zone's token and flag: the process's standard store.
   explicit SyncObject(store::StoreConfiguration realmConfiguration, bool canPauseSync = true,
                       UserDefaults& defaults = UserDefaults::standard())
-      : realmConfiguration_(std::move(realmConfiguration)), canPauseSync_(canPauseSync), defaults_(defaults) {}
+      : realmConfiguration_(std::move(realmConfiguration)), canPauseSync_(canPauseSync), defaults_(defaults) {
+    const auto& classes = realmConfiguration_.outboxClasses;
+    if (std::find(classes.begin(), classes.end(), T::className) == classes.end()) {
+      fatalError(std::string("The store keeps no outbox for ") + std::string(T::className) +
+                 ": its local changes would never be sent");
+    }
+  }
 
   std::string recordType() const override { return sync::recordType<T>(); }
   CKRecordZoneID zoneID() const override { return sync::zoneID<T>(); }
@@ -118,7 +125,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     BackgroundWorker::shared().start([this, &record] {
       auto& batch = openBatch();
       const auto key = primaryKeyText<T>(record.recordID());
-      if (!key) {
+      if (!key || key->empty()) {
         CloudSync::shared().log("There is something wrong with the converson from cloud record to local object");
         return;
       }
