@@ -53,8 +53,7 @@ std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t
 }
 
 bool Outbox::contains(std::string_view className, std::string_view recordKey) {
-  auto& statement =
-      connection_.cached("SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
+  auto& statement = connection_.cached("SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
   statement.bind(1, className).bind(2, recordKey);
   return sqlite::Cursor(statement).next();
 }
@@ -69,8 +68,8 @@ void Outbox::markKnown(std::string_view className, const std::vector<std::string
 }
 
 std::size_t Outbox::acknowledge(std::string_view className, const std::vector<SentVersion>& sent) {
-  auto& statement = connection_.cached(
-      "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"version\" = ?3");
+  auto& statement =
+      connection_.cached("DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"version\" = ?3");
   std::size_t stayed = 0;
   for (const auto& [key, version] : sent) {
     statement.bind(1, className).bind(2, std::string_view(key)).bind(3, version);

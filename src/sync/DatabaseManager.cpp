@@ -52,41 +52,40 @@ std::shared_ptr<CKModifyRecordsOperation> modifyOperation(std::vector<CKRecord> 
 void CloudDatabaseManager::sendOutgoing(const std::shared_ptr<Syncable>& object, OutgoingChanges changes) {
   auto operation = modifyOperation(std::move(changes.recordsToStore), std::move(changes.recordIDsToDelete));
   // The versions are all the completion keeps; the lists are the operation's.
-  operation->modifyRecordsCompletionBlock = [weak = weakSelf(), weakObject = std::weak_ptr(object),
-                                             sent = OutgoingChanges{{}, {}, std::move(changes.versions),
-                                                                    changes.evenIfPaused}](
-                                                std::optional<std::vector<CKRecord>>,
-                                                std::optional<std::vector<CKRecordID>>, std::exception_ptr error) {
-    const auto self = weak.lock();
-    const auto owner = weakObject.lock();
-    if (!self || !owner) return;
-    auto& sync = CloudSync::shared();
-    const auto result = ErrorHandler::resultType(error);
-    if (result.isSuccess()) {
-      sync.log("🔄 Modify record completed");
-      self->failuresInARow_ = 0;
-      owner->didSend(sent);
-    } else if (result.isRetry()) {
-      sync.log("🔄 Modify record needs retry");
-      owner->didNotSend(sent, false);
-      // The rows are read again when the retry is sent, edits made meanwhile included.
-      ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weakObject, paused = sent.evenIfPaused] {
-        if (const auto again = weakObject.lock()) again->drainOutbox(paused);
-      });
-    } else if (result.isChunk() && sent.size() > 1) {
-      sync.log("🔄 Modify record needs chunk");
-      owner->didNotSend(sent, true);
-      owner->drainOutbox(sent.evenIfPaused);
-    } else {
-      sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
-      owner->didNotSend(sent, false);
-      if (ErrorHandler::isZoneGone(error)) {
-        self->zoneIsGone(*owner);
-      } else {
-        self->drainLater(owner, sent.evenIfPaused);
-      }
-    }
-  };
+  operation->modifyRecordsCompletionBlock =
+      [weak = weakSelf(), weakObject = std::weak_ptr(object),
+       sent = OutgoingChanges{{}, {}, std::move(changes.versions), changes.evenIfPaused}](
+          std::optional<std::vector<CKRecord>>, std::optional<std::vector<CKRecordID>>, std::exception_ptr error) {
+        const auto self = weak.lock();
+        const auto owner = weakObject.lock();
+        if (!self || !owner) return;
+        auto& sync = CloudSync::shared();
+        const auto result = ErrorHandler::resultType(error);
+        if (result.isSuccess()) {
+          sync.log("🔄 Modify record completed");
+          self->failuresInARow_ = 0;
+          owner->didSend(sent);
+        } else if (result.isRetry()) {
+          sync.log("🔄 Modify record needs retry");
+          owner->didNotSend(sent, false);
+          // The rows are read again when the retry is sent, edits made meanwhile included.
+          ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weakObject, paused = sent.evenIfPaused] {
+            if (const auto again = weakObject.lock()) again->drainOutbox(paused);
+          });
+        } else if (result.isChunk() && sent.size() > 1) {
+          sync.log("🔄 Modify record needs chunk");
+          owner->didNotSend(sent, true);
+          owner->drainOutbox(sent.evenIfPaused);
+        } else {
+          sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
+          owner->didNotSend(sent, false);
+          if (ErrorHandler::isZoneGone(error)) {
+            self->zoneIsGone(*owner);
+          } else {
+            self->drainLater(owner, sent.evenIfPaused);
+          }
+        }
+      };
   database_.add(std::move(operation));
 }
 

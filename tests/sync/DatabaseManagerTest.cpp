@@ -54,9 +54,12 @@ TEST_F(DatabaseManagerTest, AListTooLargeGoesOutThroughTheOutboxInRequestsOfAtMo
   Device& a = start("A");
   const auto rows = pickups(650);
   // Rows the cloud already has: nothing of them waits in the outbox.
-  store::Store::open(a.configuration).write([&](auto& t) {
-    for (const auto& row : rows) t.add(row);
-  }, {}, store::Origin::elsewhere);
+  store::Store::open(a.configuration)
+      .write(
+          [&](auto& t) {
+            for (const auto& row : rows) t.add(row);
+          },
+          {}, store::Origin::elsewhere);
   std::vector<CKRecord> records;
   auto store = store::Store::open(a.configuration);
   for (const auto& pickup : rows) records.push_back(sync::record(pickup, store));

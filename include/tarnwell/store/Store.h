@@ -191,8 +191,7 @@ class Store {
   // when it throws. Observers whose tokens are in `withoutNotifying` hear
   // nothing of this commit.
   template <class F>
-  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {},
-             Origin origin = Origin::local);
+  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {}, Origin origin = Origin::local);
   // As write(), but no observer hears of this commit at all: for changes
   // that only complete what an earlier write from the same source began.
   template <class F>
@@ -313,8 +312,7 @@ class BatchWriter {
 
   Store& store() { return store_; }
   template <class F>
-  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {},
-             Origin origin = Origin::local);
+  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {}, Origin origin = Origin::local);
   // Commits, then tells the observers write by write.
   void commit();
   bool isOpen() const { return open_; }

@@ -97,12 +97,14 @@ PendingOwner PendingOwner::of(std::string primaryKey, std::vector<records::Ref<E
   owner.primaryKey = primaryKey;
   owner.exists = [primaryKey](store::Store& store) { return store.object<Owner>(primaryKey).has_value(); };
   owner.append = [primaryKey, member](store::Store& store, const std::string& elementKey) {
-    store.writeNotifyingNobody([&](store::WriteTransaction& transaction) {
-      auto record = store.object<Owner>(primaryKey);
-      if (!record) return;
-      ((*record).*member).push_back(records::Ref<Element>{elementKey});
-      transaction.add(*record);
-    }, store::Origin::elsewhere);
+    store.writeNotifyingNobody(
+        [&](store::WriteTransaction& transaction) {
+          auto record = store.object<Owner>(primaryKey);
+          if (!record) return;
+          ((*record).*member).push_back(records::Ref<Element>{elementKey});
+          transaction.add(*record);
+        },
+        store::Origin::elsewhere);
   };
   return owner;
 }

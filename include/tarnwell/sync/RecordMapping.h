@@ -324,8 +324,8 @@ CKRecord record(const T& object, store::Store& store) {
     using M = typename std::decay_t<decltype(p)>::Value;
     const auto& value = object.*(p.member);
     if constexpr (detail::LinkList<M>::value || detail::ValueList<M>::value) {
-      result.setObject(p.name, value.empty() ? std::nullopt
-                                             : std::optional<CKRecordValue>(detail::listValue(value, store)));
+      result.setObject(p.name,
+                       value.empty() ? std::nullopt : std::optional<CKRecordValue>(detail::listValue(value, store)));
     } else if constexpr (detail::isSingleValue<typename detail::Unwrapped<M>::type> ||
                          detail::isLink<typename detail::Unwrapped<M>::type>) {
       result.setObject(p.name, detail::fieldValue(value, store));

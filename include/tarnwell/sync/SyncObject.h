@@ -259,7 +259,8 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     std::vector<std::string> neverSent;
     // Entries on their way are skipped, so reading that many more still
     // finds a full request when there is one.
-    for (const auto& entry : store::Outbox(store.connection()).entries(T::className, requestLimit_ + inFlight_.size())) {
+    for (const auto& entry :
+         store::Outbox(store.connection()).entries(T::className, requestLimit_ + inFlight_.size())) {
       if (changes.size() >= requestLimit_) break;
       if (inFlight_.contains(entry.recordKey)) continue;
       const auto object = store.template object<T>(entry.recordKey);
