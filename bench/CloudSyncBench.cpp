@@ -1,8 +1,8 @@
 // Two installations of one user through the cloud, in a folder or on a
-// PostgreSQL server: the first pushes its history of 100,000 pickups (and, in
-// a folder, of 400,000, to show whether its memory grows with the history),
-// the second pulls 100,000 into its store, one single-record commit each on
-// the background worker, as a device does after it signs in. And ten devices
+// PostgreSQL server: the first pushes its history of 100,000 pickups (and of
+// 400,000, to show whether its memory grows with the history), the second
+// pulls 100,000 into its store, one single-record commit each on the
+// background worker, as a device does after it signs in. And ten devices
 // pushing to one server at once while an eleventh pulls all the while.
 //
 // The server's cases run against TARNWELL_TEST_POSTGRES (a URL; its password
@@ -169,8 +169,6 @@ void BM_CloudPushPickups(benchmark::State& state, Backing backing) {
     }
   });
 }
-// The server's push stays at 100,000: the history's effect on memory is the
-// engine's and the store's, which the folder shows in a fraction of the time.
 BENCHMARK_CAPTURE(BM_CloudPushPickups, folder, Backing::folder)
     ->ArgName("pickups")
     ->Arg(kPickups)
@@ -179,6 +177,7 @@ BENCHMARK_CAPTURE(BM_CloudPushPickups, folder, Backing::folder)
 BENCHMARK_CAPTURE(BM_CloudPushPickups, server, Backing::server)
     ->ArgName("pickups")
     ->Arg(kPickups)
+    ->Arg(4 * kPickups)
     ->Apply(onceTimedByHand);
 
 void BM_CloudPullPickups(benchmark::State& state, Backing backing) {
