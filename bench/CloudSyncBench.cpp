@@ -76,6 +76,7 @@ struct Installation {
     configuration.fileURL = root / (name + ".realm");
     configuration.schemaVersion = 1;
     configuration.tables = {store::tableSchema<Pickup>()};
+    configuration.outboxClasses = {"Pickup"};
     pickups = std::make_shared<sync::SyncObject<Pickup>>(configuration, true, defaults);
   }
 

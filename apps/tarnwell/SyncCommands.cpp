@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <iostream>
 #include <memory>
@@ -19,6 +20,7 @@
 #include "tarnwell/records/Focus.h"
 #include "tarnwell/records/Tag.h"
 #include "tarnwell/settings/Settings.h"
+#include "tarnwell/store/Outbox.h"
 #include "tarnwell/store/Reads.h"
 #include "tarnwell/store/Store.h"
 #include "tarnwell/sync/DatabaseManager.h"
@@ -87,22 +89,45 @@ void runSync(const GlobalOptions& options, const std::string& command,
   Output(options).print(stateJSON(state), stateLine(state));
 }
 
+// The changes the cloud has not acknowledged yet, as JSON and as a line.
+std::pair<nlohmann::ordered_json, std::string> unsentChanges() {
+  auto store = store::Store::open();
+  const auto summary = store::Outbox(store.connection()).summary();
+  nlohmann::ordered_json byClass = nlohmann::ordered_json::object();
+  std::string classes;
+  for (const auto& [className, count] : summary.byClass) {
+    byClass[className] = count;
+    classes += (classes.empty() ? "" : ", ") + className + " " + std::to_string(count);
+  }
+  const auto age = summary.oldest ? std::max(0.0, Date::now().timeIntervalSince(*summary.oldest)) : 0.0;
+  nlohmann::ordered_json json{{"count", summary.count},
+                              {"byClass", std::move(byClass)},
+                              {"oldest", dateJSON(summary.oldest)},
+                              {"oldestAgeSeconds", summary.oldest ? nlohmann::ordered_json(age) : nullptr}};
+  if (summary.count == 0) return {json, "unsent: none"};
+  return {json, "unsent: " + std::to_string(summary.count) + " (" + classes + "), the oldest from " +
+                    summary.oldest->iso8601() + ", " + std::to_string(std::llround(age)) + " s ago"};
+}
+
 void printStatus(const GlobalOptions& options) {
   const CKAccountStatus account = await(CloudService::getAccountStatus().asPromise());
   const SyncState state = CloudService::syncState();
   const auto lastSync = Settings::cloudKitLastSyncDate();
   const auto cloud = signedInCloudName();
+  auto [unsent, unsentLine] = unsentChanges();
   nlohmann::ordered_json json{{"cloud", cloud ? nlohmann::ordered_json(*cloud) : nullptr},
                               {"accountStatus", name(account)},
                               {"syncToCloudKit", Settings::syncToCloudKit()},
                               {"syncState", stateJSON(state)},
-                              {"lastSyncDate", dateJSON(lastSync)}};
+                              {"lastSyncDate", dateJSON(lastSync)},
+                              {"unsent", std::move(unsent)}};
   Output(options).print(json, joinLines({
                                   "cloud: " + cloud.value_or("(none)"),
                                   "account: " + std::string(name(account)),
                                   "sync: " + std::string(Settings::syncToCloudKit() ? "on" : "off"),
                                   "state: " + stateLine(state),
                                   "last sync: " + (lastSync ? lastSync->iso8601() : std::string("never")),
+                                  unsentLine,
                               }));
 }
 

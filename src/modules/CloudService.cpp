@@ -340,6 +340,11 @@ void CloudService::pushAll(std::function<void(bool)> completion) {
                std::move(completion));
 }
 
+void CloudService::sendUnsentChanges() {
+  const auto engine = readyEngine();
+  if (engine && Settings::syncToCloudKit()) engine->sendUnsentChanges();
+}
+
 void CloudService::enterBackground() { resumeBackground(Date::now()); }
 
 void CloudService::resumeBackground(Date startAt) {

@@ -388,6 +388,11 @@ void Database::configureRealm() {
   configuration.fileURL = s.fileURL;
   configuration.schemaVersion = kSchemaVersion;
   configuration.tables = tables<Alive, App, Device, Focus, Pickup, Tag, Walk>();
+  // The classes the cloud service syncs: their local changes wait in the
+  // outbox until the cloud has them, whether or not sync is on yet.
+  configuration.outboxClasses = {std::string(Device::className), std::string(Tag::className),
+                                 std::string(Focus::className), std::string(Pickup::className),
+                                 std::string(Walk::className)};
   configuration.migrationBlock = &Database::migrate;
   configuration.shouldCompactOnLaunch = &Database::shouldCompactOnLaunch;
   Store::setDefaultConfiguration(std::move(configuration));

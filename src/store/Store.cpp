@@ -11,6 +11,7 @@
 #include "tarnwell/platform/DispatchQueue.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
+#include "tarnwell/store/Outbox.h"
 
 namespace tarnwell::store {
 
@@ -94,6 +95,7 @@ struct StoreState {
   std::map<std::string, std::uint64_t> epochs;
   std::set<std::pair<std::string, std::uint64_t>> prepared;
   std::map<std::string, std::shared_ptr<ObserverRegistry>> observers;
+  std::map<std::string, std::shared_ptr<const std::vector<std::string>>> outboxClasses;
 
   std::uint64_t epoch(const std::string& file) {
     std::lock_guard lock(mutex);
@@ -169,6 +171,13 @@ std::optional<std::string> indexName(std::string_view sql) {
   return std::nullopt;
 }
 
+// The configuration's tables, and the outbox's when it has outbox classes.
+std::vector<TableSchema> allTables(const StoreConfiguration& configuration) {
+  auto tables = configuration.tables;
+  if (!configuration.outboxClasses.empty()) tables.push_back(Outbox::tableSchema());
+  return tables;
+}
+
 // Whether the file already has the configuration's version, tables, columns
 // and indexes; read without the write lock, which another process (a long
 // import) may hold for a good while.
@@ -176,7 +185,7 @@ bool isCurrent(sqlite::Connection& connection, const StoreConfiguration& configu
   sqlite::Transaction read(connection, sqlite::Transaction::Behavior::deferred);
   if (static_cast<std::uint64_t>(connection.userVersion()) != configuration.schemaVersion) return false;
   auto index = connection.prepare("SELECT 1 FROM sqlite_schema WHERE type = 'index' AND name = ?1");
-  for (const auto& table : configuration.tables) {
+  for (const auto& table : allTables(configuration)) {
     const auto existing = connection.columns(table.className);
     for (const auto& column : table.columns) {
       if (std::find(existing.begin(), existing.end(), column.first) == existing.end()) return false;
@@ -207,7 +216,7 @@ void prepare(sqlite::Connection& connection, const StoreConfiguration& configura
                                              " is newer than this version's " +
                                              std::to_string(configuration.schemaVersion));
   }
-  for (const auto& table : configuration.tables) {
+  for (const auto& table : allTables(configuration)) {
     if (!connection.tableExists(table.className)) {
       connection.execute(table.createSQL);
     } else {
@@ -272,6 +281,7 @@ Store Store::open(const StoreConfiguration& configuration) {
   const std::uint64_t epoch = state.epoch(file);
   sqlite::Connection& connection = threadConnection(file, epoch);
   std::shared_ptr<ObserverRegistry> observers;
+  std::shared_ptr<const std::vector<std::string>> outboxClasses;
   {
     std::lock_guard lock(state.mutex);
     if (!state.prepared.contains({file, epoch})) {
@@ -286,8 +296,13 @@ Store Store::open(const StoreConfiguration& configuration) {
     auto& registry = state.observers[file];
     if (!registry) registry = std::make_shared<ObserverRegistry>();
     observers = registry;
+    auto& classes = state.outboxClasses[file];
+    if (!classes || *classes != configuration.outboxClasses) {
+      classes = std::make_shared<const std::vector<std::string>>(configuration.outboxClasses);
+    }
+    outboxClasses = classes;
   }
-  return Store(connection, std::move(observers));
+  return Store(connection, std::move(observers), std::move(outboxClasses));
 }
 
 void Store::setDefaultConfiguration(StoreConfiguration configuration) {
@@ -361,7 +376,8 @@ ObserverToken Store::observe(std::string className, std::function<void(const Cha
   return ObserverToken(observers_, id);
 }
 
-WriteTransaction::WriteTransaction(Store& store, bool nested) : store_(store), nested_(nested) {
+WriteTransaction::WriteTransaction(Store& store, Origin origin, bool nested)
+    : store_(store), origin_(origin), nested_(nested) {
   store_.connection().cached(nested_ ? "SAVEPOINT write" : "BEGIN IMMEDIATE").execute();
 }
 
@@ -392,8 +408,32 @@ ChangeSet& WriteTransaction::changes(std::string_view className) {
 }
 
 void WriteTransaction::recordAdd(std::string_view className, std::string key) {
+  const bool inserted = lastRowWasInserted;
+  journal(className, {key}, inserted);
   auto& change = changes(className);
-  (lastRowWasInserted ? change.insertions : change.modifications).push_back(std::move(key));
+  (inserted ? change.insertions : change.modifications).push_back(std::move(key));
+}
+
+bool WriteTransaction::journals(std::string_view className) const {
+  const auto& classes = *store_.outboxClasses_;
+  return origin_ == Origin::local && std::find(classes.begin(), classes.end(), className) != classes.end();
+}
+
+void WriteTransaction::journal(std::string_view className, const std::vector<std::string>& keys, bool inserted) {
+  if (keys.empty() || !journals(className)) return;
+  Outbox outbox(connection());
+  for (const auto& key : keys) outbox.journal(className, key, inserted);
+}
+
+std::int64_t WriteTransaction::lastRowid(std::string_view className) {
+  auto& statement = connection().cached("SELECT coalesce(max(rowid), 0) FROM " + quoteIdentifier(className));
+  sqlite::Cursor rows(statement);
+  return rows.next() ? rows->int64(0) : 0;
+}
+
+void WriteTransaction::journalInsertedAfter(std::string_view className, std::string_view keyColumn,
+                                            std::int64_t rowid) {
+  if (journals(className)) Outbox(connection()).journalInsertedAfter(className, keyColumn, rowid);
 }
 
 namespace {
@@ -437,6 +477,7 @@ std::vector<std::string> WriteTransaction::updateRows(
   auto keys = selectKeys(connection(), className, key, where);
   if (keys.empty()) return keys;
   runUpdate(connection(), className, assignments, where.where, where.arguments);
+  journal(className, keys, false);
   auto& modified = changes(className).modifications;
   modified.insert(modified.end(), keys.begin(), keys.end());
   return keys;
@@ -449,6 +490,7 @@ bool WriteTransaction::updateRow(std::string_view className, std::string_view ke
   if (!onlyIf.empty()) condition += " AND (" + std::string(onlyIf) + ")";
   runUpdate(connection(), className, assignments, condition, {std::string(primaryKey)});
   if (connection().changes() == 0) return false;
+  journal(className, {std::string(primaryKey)}, false);
   changes(className).modifications.emplace_back(primaryKey);
   return true;
 }
@@ -461,13 +503,19 @@ std::vector<std::string> WriteTransaction::removeRows(std::string_view className
   auto& remove = connection().cached(sql);
   Store::bind(remove, where.arguments);
   remove.execute();
+  journal(className, keys, false);
   auto& deleted = changes(className).deletions;
   deleted.insert(deleted.end(), keys.begin(), keys.end());
   return keys;
 }
 
 BatchWriter::BatchWriter(const StoreConfiguration& configuration)
-    : connection_(connect(configuration.fileURL)), store_(*connection_, Store::open(configuration).observers_) {}
+    : connection_(connect(configuration.fileURL)), store_(makeStore(*connection_, configuration)) {}
+
+Store BatchWriter::makeStore(sqlite::Connection& connection, const StoreConfiguration& configuration) {
+  const Store opened = Store::open(configuration);
+  return Store(connection, opened.observers_, opened.outboxClasses_);
+}
 
 BatchWriter::~BatchWriter() {
   try {

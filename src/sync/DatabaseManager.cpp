@@ -1,4 +1,7 @@
 #include "tarnwell/sync/DatabaseManager.h"
+
+#include <map>
+
 #include "sync/ManagerSupport.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/sync/ErrorHandler.h"
@@ -18,23 +21,104 @@ CloudDatabaseManager::CloudDatabaseManager(std::vector<std::shared_ptr<Syncable>
 
 void CloudDatabaseManager::prepare() {
   for (const auto& object : syncObjects_) {
-    object->setPipeToEngine([weak = weakSelf()](std::vector<CKRecord> records, std::vector<CKRecordID> ids) {
-      if (const auto self = weak.lock()) self->syncRecordsToCloudKit(std::move(records), std::move(ids), nullptr);
+    object->setPipeToEngine([weak = weakSelf(), weakObject = std::weak_ptr(object)](OutgoingChanges changes) {
+      const auto self = weak.lock();
+      const auto owner = weakObject.lock();
+      if (self && owner) self->sendOutgoing(owner, std::move(changes));
     });
   }
 }
 
-void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsToStore,
-                                                 std::vector<CKRecordID> recordIDsToDelete, Callback completion) {
-  const std::string type = recordsToStore.empty() ? "unknown" : recordsToStore.front().recordType();
-  CloudSync::shared().log("🔄 Add operation: syncRecordsToCloudKit store " + std::to_string(recordsToStore.size()) +
-                          " " + type + " objects, delete " + std::to_string(recordIDsToDelete.size()) + " objects");
-  auto operation = std::make_shared<CKModifyRecordsOperation>(std::move(recordsToStore), std::move(recordIDsToDelete));
+namespace {
+
+void logAddOperation(const std::vector<CKRecord>& records, std::size_t deletions) {
+  const std::string type = records.empty() ? "unknown" : records.front().recordType();
+  CloudSync::shared().log("🔄 Add operation: syncRecordsToCloudKit store " + std::to_string(records.size()) + " " +
+                          type + " objects, delete " + std::to_string(deletions) + " objects");
+}
+
+std::shared_ptr<CKModifyRecordsOperation> modifyOperation(std::vector<CKRecord> records,
+                                                          std::vector<CKRecordID> deletions) {
+  logAddOperation(records, deletions.size());
+  auto operation = std::make_shared<CKModifyRecordsOperation>(std::move(records), std::move(deletions));
   operation->configuration.isLongLived = true;
   operation->savePolicy = CKRecordSavePolicy::changedKeys;
   operation->isAtomic = true;
+  return operation;
+}
+
+}  // namespace
+
+void CloudDatabaseManager::sendOutgoing(const std::shared_ptr<Syncable>& object, OutgoingChanges changes) {
+  auto operation = modifyOperation(std::move(changes.recordsToStore), std::move(changes.recordIDsToDelete));
+  // The versions are all the completion keeps; the lists are the operation's.
+  operation->modifyRecordsCompletionBlock = [weak = weakSelf(), weakObject = std::weak_ptr(object),
+                                             sent = OutgoingChanges{{}, {}, std::move(changes.versions),
+                                                                    changes.evenIfPaused}](
+                                                std::optional<std::vector<CKRecord>>,
+                                                std::optional<std::vector<CKRecordID>>, std::exception_ptr error) {
+    const auto self = weak.lock();
+    const auto owner = weakObject.lock();
+    if (!self || !owner) return;
+    auto& sync = CloudSync::shared();
+    const auto result = ErrorHandler::resultType(error);
+    if (result.isSuccess()) {
+      sync.log("🔄 Modify record completed");
+      self->failuresInARow_ = 0;
+      owner->didSend(sent);
+    } else if (result.isRetry()) {
+      sync.log("🔄 Modify record needs retry");
+      owner->didNotSend(sent, false);
+      // The rows are read again when the retry is sent, edits made meanwhile included.
+      ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weakObject, paused = sent.evenIfPaused] {
+        if (const auto again = weakObject.lock()) again->drainOutbox(paused);
+      });
+    } else if (result.isChunk() && sent.size() > 1) {
+      sync.log("🔄 Modify record needs chunk");
+      owner->didNotSend(sent, true);
+      owner->drainOutbox(sent.evenIfPaused);
+    } else {
+      sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
+      owner->didNotSend(sent, false);
+      if (ErrorHandler::isZoneGone(error)) {
+        self->zoneIsGone(*owner);
+      } else {
+        self->drainLater(owner, sent.evenIfPaused);
+      }
+    }
+  };
+  database_.add(std::move(operation));
+}
+
+void CloudDatabaseManager::drainLater(const std::shared_ptr<Syncable>& object, bool evenIfPaused) {
+  ErrorHandler::retryLater(failuresInARow_++, [weakObject = std::weak_ptr(object), evenIfPaused] {
+    if (const auto again = weakObject.lock()) again->drainOutbox(evenIfPaused);
+  });
+}
+
+void CloudDatabaseManager::drainOutboxes() {
+  for (const auto& object : syncObjects_) object->drainOutbox(false);
+}
+
+void CloudDatabaseManager::zoneIsGone(Syncable& object) {
+  CloudSync::shared().log("🔄 Record zone " + object.zoneID().description() + " is gone: made again");
+  object.setZoneChangesToken(std::nullopt);
+  object.setIsCustomZoneCreated(false);
+  createCustomZonesIfAllowed();
+}
+
+std::shared_ptr<Syncable> CloudDatabaseManager::objectOfZone(const CKRecordZoneID& zoneID) const {
+  for (const auto& object : syncObjects_) {
+    if (object->zoneID() == zoneID) return object;
+  }
+  return nullptr;
+}
+
+void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsToStore,
+                                                 std::vector<CKRecordID> recordIDsToDelete, Callback completion) {
+  auto operation = modifyOperation(std::move(recordsToStore), std::move(recordIDsToDelete));
   // The lists are read back from the operation, which the cloud holds while
-  // its block runs: a first push of every record is not kept twice.
+  // its block runs: a push of many records is not kept twice.
   operation->modifyRecordsCompletionBlock = [weak = weakSelf(), sent = std::weak_ptr(operation), completion](
                                                 std::optional<std::vector<CKRecord>>,
                                                 std::optional<std::vector<CKRecordID>>, std::exception_ptr error) {
@@ -43,33 +127,58 @@ void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsTo
     if (!self || !finished) return;
     const auto result = ErrorHandler::resultType(error);
     auto& sync = CloudSync::shared();
-    const auto& records = finished->recordsToSave;
-    const auto& deletions = finished->recordIDsToDelete;
     if (result.isSuccess()) {
       sync.log("🔄 Modify record completed");
       DispatchQueue::main().async([completion] {
         if (completion) completion(nullptr);
       });
-    } else if (result.isRetry()) {
+      return;
+    }
+    // What did not go goes into the outbox of its class, so that nothing of
+    // it is lost, and is sent from there as the rows are then.
+    const auto objects = self->keepInOutboxes(*finished);
+    const auto drain = [objects] {
+      for (const auto& object : objects) object->drainOutbox(true);
+    };
+    if (result.isRetry()) {
       sync.log("🔄 Modify record needs retry");
-      ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak, records, deletions, completion] {
-        if (const auto again = weak.lock()) again->syncRecordsToCloudKit(records, deletions, completion);
+      ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [drain, completion] {
+        drain();
+        if (completion) completion(nullptr);
       });
     } else if (result.isChunk()) {
       sync.log("🔄 Modify record needs chunk");
-      // Every piece carries all the deletions; with nothing to store there is no piece at all.
-      for (std::size_t start = 0; start < records.size(); start += kChunkSize) {
-        const auto end = std::min(records.size(), start + kChunkSize);
-        self->syncRecordsToCloudKit(std::vector<CKRecord>(records.begin() + static_cast<std::ptrdiff_t>(start),
-                                                          records.begin() + static_cast<std::ptrdiff_t>(end)),
-                                    deletions, completion);
-      }
+      drain();
+      DispatchQueue::main().async([completion] {
+        if (completion) completion(nullptr);
+      });
     } else {
-      // The changes stay unsent until a later push; the completion hears nothing.
       sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
+      if (ErrorHandler::isZoneGone(error)) {
+        for (const auto& object : objects) self->zoneIsGone(*object);
+      }
+      DispatchQueue::main().async([completion, error] {
+        if (completion) completion(error);
+      });
     }
   };
   database_.add(std::move(operation));
+}
+
+std::vector<std::shared_ptr<Syncable>> CloudDatabaseManager::keepInOutboxes(const CKModifyRecordsOperation& operation) {
+  std::map<std::shared_ptr<Syncable>, std::vector<CKRecordID>> byObject;
+  for (const auto& record : operation.recordsToSave) {
+    if (auto object = objectOfZone(record.recordID().zoneID)) byObject[object].push_back(record.recordID());
+  }
+  for (const auto& id : operation.recordIDsToDelete) {
+    if (auto object = objectOfZone(id.zoneID)) byObject[object].push_back(id);
+  }
+  std::vector<std::shared_ptr<Syncable>> objects;
+  for (auto& [object, ids] : byObject) {
+    object->enqueue(ids);
+    objects.push_back(object);
+  }
+  return objects;
 }
 
 void CloudDatabaseManager::resumeLongLivedOperationIfPossible() {

@@ -1,6 +1,7 @@
 #include "tarnwell/sync/ErrorHandler.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "tarnwell/cloudkit/Errors.h"
@@ -188,6 +189,23 @@ void ErrorHandler::retryOperationIfPossible(double retryAfter, std::function<voi
   const double seconds = retryAfter > 0 ? std::min(retryAfter, kLongestRetryWait) : 0;
   DispatchQueue::main().asyncAfter(
       seconds, [activity = Environment::current().beginActivity(), block = std::move(block)] { block(); });
+}
+
+void ErrorHandler::retryLater(int attempt, std::function<void()> block) {
+  const double seconds = std::min(std::ldexp(1.0, std::clamp(attempt, 0, 16)), kLongestRetryWait);
+  DispatchQueue::main().asyncAfter(seconds, std::move(block));
+}
+
+bool ErrorHandler::isZoneGone(const std::exception_ptr& error) {
+  if (!error) return false;
+  try {
+    std::rethrow_exception(error);
+  } catch (const CKError& cloudError) {
+    return cloudError.code() == static_cast<int>(CKErrorCode::zoneNotFound) ||
+           cloudError.code() == static_cast<int>(CKErrorCode::userDeletedZone);
+  } catch (...) {
+    return false;
+  }
 }
 
 std::string ErrorHandler::message(int code) {

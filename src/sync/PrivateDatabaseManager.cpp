@@ -64,10 +64,14 @@ void PrivateDatabaseManager::fetchChangesInDatabase(Callback callback) {
       sync.log("🔄 Database fetch token expired");
       self->defaults().removeObject(tokenKey);
       self->fetchChangesInDatabase(callback);
-    } else if (result.isRecoverableError()) {
-      sync.log("🔄 Database fetch unhandled recoverable error: " + std::string(name(result.reason())));
     } else {
-      sync.log("🔄 Database unhandled completion: " + debugDescription(error));
+      if (result.isRecoverableError()) {
+        sync.log("🔄 Database fetch unhandled recoverable error: " + std::string(name(result.reason())));
+      } else {
+        sync.log("🔄 Database unhandled completion: " + debugDescription(error));
+      }
+      // The caller learns that this pull ended; nothing local is lost by it.
+      if (callback) callback(error);
     }
   };
   CloudSync::shared().log("🔄 Add operation: fetchChangesInDatabase");
@@ -132,12 +136,17 @@ void PrivateDatabaseManager::fetchChangesInZones(Callback callback) {
           sync.log(zone + " unhandled recoverable error: " + std::string(name(result.reason())));
         } else {
           sync.log(zone + " unhandled completion: " + debugDescription(error));
+          if (const auto object = zoneObject(zoneID); object && ErrorHandler::isZoneGone(error)) {
+            self->zoneIsGone(*object);
+          }
         }
       };
   operation->fetchRecordZoneChangesCompletionBlock = [weak = weakSelf(), callback](std::exception_ptr error) {
     const auto self = weak.lock();
     if (!self) return;
     for (const auto& object : self->syncObjects()) object->resolvePendingRelationships();
+    // What waits here leaves once the pull is in.
+    if (!error) self->drainOutboxes();
     if (callback) callback(error);
   };
   CloudSync::shared().log("🔄 Add operation: fetchChangesInZones");
@@ -162,7 +171,8 @@ void PrivateDatabaseManager::createCustomZonesIfAllowed() {
         if (const auto again = weak.lock()) again->createCustomZonesIfAllowed();
       });
     } else if (result.isSuccess()) {
-      // Every class, not only those whose zone was missing: the first full push happens here.
+      // Every class, not only those whose zone was missing: the first full
+      // push happens here, and after a zone was gone, the push that fills it.
       for (const auto& object : self->syncObjects()) {
         object->setIsCustomZoneCreated(true);
         DispatchQueue::main().async([object] { object->pushLocalObjectsToCloudKit(); });

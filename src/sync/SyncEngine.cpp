@@ -51,6 +51,10 @@ void SyncEngine::pull(Callback completionHandler) {
   databaseManager_->fetchChangesInDatabase(std::move(completionHandler));
 }
 
+void SyncEngine::sendUnsentChanges() {
+  for (const auto& object : databaseManager_->syncObjects()) object->drainOutbox(false);
+}
+
 void SyncEngine::pushAll() {
   for (const auto& object : databaseManager_->syncObjects()) object->pushLocalObjectsToCloudKit();
 }

@@ -1,11 +1,11 @@
 // The engine and its database managers against the in-memory cloud: the
-// push path's retries and cuts, the pull path's tokens, and what is kept
-// silent on purpose.
+// push path's retries, cuts and kept changes, and the pull path's tokens.
 
 #include <gtest/gtest.h>
 
 #include "sync/SyncFixture.h"
 #include "sync/TestRecords.h"
+#include "tarnwell/store/Outbox.h"
 
 namespace tarnwell::testing {
 namespace {
@@ -43,12 +43,24 @@ TEST_F(DatabaseManagerTest, AnAccountThatIsNotAvailableNeverCallsBack) {
   EXPECT_TRUE(cloud->requests().empty());
 }
 
-TEST_F(DatabaseManagerTest, ATooLargePushIsCutIntoPiecesOf300EachWithEveryDeletion) {
+// Sizes (records to save, ids to delete) of the modify requests from `from` on.
+std::vector<std::pair<std::size_t, std::size_t>> sizes(const std::vector<CloudRequest>& sent, std::size_t from) {
+  std::vector<std::pair<std::size_t, std::size_t>> found;
+  for (auto i = from; i < sent.size(); ++i) found.emplace_back(sent[i].recordsToSave, sent[i].recordIDsToDelete);
+  return found;
+}
+
+TEST_F(DatabaseManagerTest, AListTooLargeGoesOutThroughTheOutboxInRequestsOfAtMost400) {
   Device& a = start("A");
+  const auto rows = pickups(650);
+  // Rows the cloud already has: nothing of them waits in the outbox.
+  store::Store::open(a.configuration).write([&](auto& t) {
+    for (const auto& row : rows) t.add(row);
+  }, {}, store::Origin::elsewhere);
   std::vector<CKRecord> records;
   auto store = store::Store::open(a.configuration);
-  for (const auto& pickup : pickups(650)) records.push_back(sync::record(pickup, store));
-  const std::vector<CKRecordID> deletions{sync::recordID(pickups(1)[0]), sync::recordID(pickups(1)[0])};
+  for (const auto& pickup : rows) records.push_back(sync::record(pickup, store));
+  const std::vector<CKRecordID> deletions{sync::recordID(pickups(1)[0])};
   int completions = 0;
   const auto before = modifies().size();
   a.engine->databaseManager().syncRecordsToCloudKit(records, deletions, [&completions](std::exception_ptr error) {
@@ -57,26 +69,50 @@ TEST_F(DatabaseManagerTest, ATooLargePushIsCutIntoPiecesOf300EachWithEveryDeleti
   });
   env.pump();
   const auto sent = modifies();
-  ASSERT_EQ(sent.size() - before, 4u);
+  ASSERT_GT(sent.size(), before);
   EXPECT_EQ(sent[before].errorCode, static_cast<int>(CKErrorCode::limitExceeded));
-  std::vector<std::pair<std::size_t, std::size_t>> pieces;
-  for (auto i = before + 1; i < sent.size(); ++i) pieces.emplace_back(sent[i].recordsToSave, sent[i].recordIDsToDelete);
-  EXPECT_EQ(pieces, (std::vector<std::pair<std::size_t, std::size_t>>{{300, 2}, {300, 2}, {50, 2}}));
-  EXPECT_EQ(completions, 3) << "one completion per piece";
+  EXPECT_EQ(sizes(sent, before + 1), (std::vector<std::pair<std::size_t, std::size_t>>{{400, 0}, {250, 1}}));
+  EXPECT_EQ(completions, 1);
   EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 650u);
 }
 
-TEST_F(DatabaseManagerTest, DeletionsAloneUnderLimitExceededSendNothingAndCallNothing) {
+TEST_F(DatabaseManagerTest, DeletionsAloneAreSplitTooAndAFailedRequestIsHalved) {
   Device& a = start("A");
+  write(a, pickups(450));
+  ASSERT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 450u);
   cloud->addFault({.code = 27, .retryAfter = std::nullopt, .times = 1, .on = CKOperationKind::modifyRecords});
-  bool called = false;
   const auto before = modifies().size();
-  a.engine->push({sync::PushItem{CKRecord("Pickup", sync::recordID(pickups(1)[0])), true}},
-                 [&called](std::exception_ptr) { called = true; });
-  env.advance(60);
-  EXPECT_EQ(modifies().size() - before, 1u);
-  EXPECT_FALSE(called);
-  EXPECT_EQ(log.back(), "🔄 Modify record needs chunk");
+  store::Store::open(a.configuration).write([](store::WriteTransaction& t) {
+    t.update<Pickup>({{"isDeleted", true}}, store::Query());
+  });
+  env.pump();
+  EXPECT_EQ(sizes(modifies(), before),
+            (std::vector<std::pair<std::size_t, std::size_t>>{{0, 400}, {0, 200}, {0, 250}}));
+  EXPECT_TRUE(cloud->records(CKDatabaseScope::privateScope, "Pickup").empty());
+  a.pickups->cleanUp();
+  EXPECT_TRUE(store::Store::open(a.configuration).objects<Pickup>().empty());
+}
+
+TEST_F(DatabaseManagerTest, AnUnhandledErrorKeepsTheChangesAndTellsTheCaller) {
+  Device& a = start("A");
+  cloud->addFault({.code = 15, .retryAfter = std::nullopt, .times = 3, .on = std::nullopt});
+  std::exception_ptr pushed, pulled;
+  const auto rows = pickups(1);
+  write(a, rows);
+  auto store = store::Store::open(a.configuration);
+  a.engine->push({sync::PushItem{sync::record(rows[0], store), false}},
+                 [&pushed](std::exception_ptr error) { pushed = error; });
+  a.engine->pull([&pulled](std::exception_ptr error) { pulled = error; });
+  env.pump();
+  EXPECT_TRUE(pushed);
+  EXPECT_TRUE(pulled);
+  EXPECT_TRUE(cloud->records(CKDatabaseScope::privateScope, "Pickup").empty());
+  EXPECT_EQ(store::Outbox(store.connection()).summary().count, 1u);
+
+  // The growing wait tries again by itself; the next pull would too.
+  env.advance(1);
+  EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 1u);
+  EXPECT_EQ(store::Outbox(store.connection()).summary().count, 0u);
 }
 
 TEST_F(DatabaseManagerTest, ARetryWaitsOnTheMainQueueForTheSecondsTheCloudAsked) {
@@ -92,20 +128,6 @@ TEST_F(DatabaseManagerTest, ARetryWaitsOnTheMainQueueForTheSecondsTheCloudAsked)
   ASSERT_EQ(modifies().size() - before, 2u);
   EXPECT_EQ(modifies().back().errorCode, 0);
   EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 1u);
-}
-
-TEST_F(DatabaseManagerTest, AnUnhandledErrorLeavesThePushAndTheFetchSilent) {
-  Device& a = start("A");
-  cloud->addFault({.code = 15, .retryAfter = std::nullopt, .times = 2, .on = std::nullopt});
-  bool pushed = false, pulled = false;
-  auto store = store::Store::open(a.configuration);
-  a.engine->push({sync::PushItem{sync::record(pickups(1)[0], store), false}},
-                 [&pushed](std::exception_ptr) { pushed = true; });
-  a.engine->pull([&pulled](std::exception_ptr) { pulled = true; });
-  env.advance(60);
-  EXPECT_FALSE(pushed);
-  EXPECT_FALSE(pulled);
-  EXPECT_TRUE(cloud->records(CKDatabaseScope::privateScope, "Pickup").empty());
 }
 
 TEST_F(DatabaseManagerTest, APullBringsAnotherDevicesRecordsAndExpiredTokensFetchAgainIdempotently) {

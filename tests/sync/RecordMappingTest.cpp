@@ -127,7 +127,7 @@ TEST_F(RecordMappingTest, EveryKindOfPropertyTravelsAndComesBack) {
   EXPECT_TRUE(labels.pendingListElementPrimaryKeyValue().empty());
 }
 
-TEST_F(RecordMappingTest, AbsentValuesAreChangedKeysButEmptyListsAreNoFieldAtAll) {
+TEST_F(RecordMappingTest, AbsentValuesAndEmptyListsAreChangedKeysWithNoValue) {
   const Sample bare("S2");
   auto s = store();
   const CKRecord record = sync::record(bare, s);
@@ -135,9 +135,11 @@ TEST_F(RecordMappingTest, AbsentValuesAreChangedKeysButEmptyListsAreNoFieldAtAll
   EXPECT_TRUE(changed(record, "note"));
   EXPECT_TRUE(changed(record, "label"));
   EXPECT_TRUE(changed(record, "photo"));
-  for (const char* list : {"words", "numbers", "labels", "shelves"}) EXPECT_FALSE(changed(record, list)) << list;
-
-  // So a list emptied on one device reads as empty, like one never written.
+  // An emptied list must clear the cloud's, or the echo brings it back.
+  for (const char* list : {"words", "numbers", "labels", "shelves"}) {
+    EXPECT_TRUE(changed(record, list)) << list;
+    EXPECT_EQ(record.object(list), nullptr) << list;
+  }
   EXPECT_EQ(sync::parseFromRecord<Sample>(record, s), bare);
 }
 

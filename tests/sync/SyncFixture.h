@@ -48,6 +48,7 @@ class SyncFixture : public EnvironmentTest {
     made.configuration.fileURL = env.root() / (name + ".realm");
     made.configuration.schemaVersion = 1;
     made.configuration.tables = {store::tableSchema<Pickup>(), store::tableSchema<Walk>()};
+    made.configuration.outboxClasses = {"Pickup", "Walk"};
     made.defaults = std::make_unique<UserDefaults>(env.root() / (name + ".defaults.sqlite"));
     made.container = cloud->container(name, "iCloud.org.vostra.tarnwell");
     made.pickups = std::make_shared<sync::SyncObject<Pickup>>(made.configuration, true, *made.defaults);

@@ -4,6 +4,7 @@
 
 #include "support/TestEnvironment.h"
 #include "tarnwell/records/EventRecords.h"
+#include "tarnwell/store/Outbox.h"
 #include "tarnwell/sync/RecordConformances.h"
 
 namespace tarnwell::testing {
@@ -15,6 +16,7 @@ using sync::SyncObject;
 struct Pushed {
   std::vector<std::string> stored;
   std::vector<std::string> deleted;
+  sync::OutgoingChanges changes;
 };
 
 class SyncObjectTest : public EnvironmentTest {
@@ -23,14 +25,16 @@ class SyncObjectTest : public EnvironmentTest {
     configuration.fileURL = env.root() / "sync.realm";
     configuration.schemaVersion = 1;
     configuration.tables = {store::tableSchema<Pickup>()};
+    configuration.outboxClasses = {"Pickup"};
   }
 
   std::shared_ptr<SyncObject<Pickup>> makeObject(bool canPause = true) {
     auto object = std::make_shared<SyncObject<Pickup>>(configuration, canPause);
-    object->setPipeToEngine([this](std::vector<CKRecord> records, std::vector<CKRecordID> ids) {
+    object->setPipeToEngine([this](sync::OutgoingChanges changes) {
       Pushed call;
-      for (const auto& record : records) call.stored.push_back(record.recordID().recordName);
-      for (const auto& id : ids) call.deleted.push_back(id.recordName);
+      for (const auto& record : changes.recordsToStore) call.stored.push_back(record.recordID().recordName);
+      for (const auto& id : changes.recordIDsToDelete) call.deleted.push_back(id.recordName);
+      call.changes = std::move(changes);
       pushes.push_back(std::move(call));
     });
     object->registerLocalDatabase();
@@ -51,25 +55,34 @@ class SyncObjectTest : public EnvironmentTest {
     auto store = store::Store::open(configuration);
     return sync::record(from, store);
   }
+  std::size_t unsent() {
+    auto store = store::Store::open(configuration);
+    return store::Outbox(store.connection()).summary().count;
+  }
+  std::optional<Pickup> row(const std::string& id) { return store::Store::open(configuration).object<Pickup>(id); }
 
   store::StoreConfiguration configuration;
   std::vector<Pushed> pushes;
 };
 
-TEST_F(SyncObjectTest, LocalInsertsAndEditsArePushedAndARecordFromTheCloudIsNot) {
+TEST_F(SyncObjectTest, ALocalChangeLeavesUntilAcknowledgedAndARecordFromTheCloudDoesNotGoBack) {
   auto object = makeObject();
   const std::string id = write(pickup(0));
   ASSERT_EQ(pushes.size(), 1u);
   EXPECT_EQ(pushes[0].stored, std::vector<std::string>{id});
+  EXPECT_EQ(unsent(), 1u) << "an entry leaves only when the cloud has it";
+  object->didSend(pushes[0].changes);
+  EXPECT_EQ(unsent(), 0u);
+  EXPECT_EQ(pushes.size(), 1u);
 
   Pickup remote = pickup(10);
   remote.deviceId = "OTHER";
   object->add(cloudRecord(remote));
   env.pump();
   EXPECT_EQ(pushes.size(), 1u) << "a record from the cloud went back";
-  const auto stored = store::Store::open(configuration).object<Pickup>(*remote.id);
-  ASSERT_TRUE(stored);
-  EXPECT_EQ(*stored, remote);
+  EXPECT_EQ(unsent(), 0u);
+  ASSERT_TRUE(row(*remote.id));
+  EXPECT_EQ(*row(*remote.id), remote);
 
   // Another observer of the class still hears the write: only the sync object is kept out.
   int heard = 0;
@@ -84,65 +97,135 @@ TEST_F(SyncObjectTest, LocalInsertsAndEditsArePushedAndARecordFromTheCloudIsNot)
   EXPECT_EQ(pushes.size(), 1u);
 }
 
-TEST_F(SyncObjectTest, ASoftDeletionPushesADeletionAndTheRowStaysUntilCleanUp) {
+TEST_F(SyncObjectTest, AnEditMadeWhileASaveIsOnItsWayIsSentAgainAfterIt) {
   auto object = makeObject();
-  Pickup gone = pickup(0);
-  write(gone);
-  gone.isDeleted = true;
-  write(gone);
-  ASSERT_EQ(pushes.size(), 2u);
-  EXPECT_TRUE(pushes[1].stored.empty());
-  EXPECT_EQ(pushes[1].deleted, std::vector<std::string>{*gone.id});
-  EXPECT_TRUE(store::Store::open(configuration).object<Pickup>(*gone.id));
+  Pickup edited = pickup(0);
+  write(edited);
+  ASSERT_EQ(pushes.size(), 1u);
+  edited.end = edited.end->addingTimeInterval(120);
+  write(edited);
+  EXPECT_EQ(pushes.size(), 1u) << "a record on its way is not sent twice at once";
 
-  // Rows removed for good report deletion keys only, which push nothing.
-  const std::string kept = write(pickup(5));
-  object->cleanUp();
-  env.pump();
-  EXPECT_FALSE(store::Store::open(configuration).object<Pickup>(*gone.id));
-  EXPECT_TRUE(store::Store::open(configuration).object<Pickup>(kept));
-  EXPECT_EQ(pushes.size(), 3u);
+  object->didSend(pushes[0].changes);
+  ASSERT_EQ(pushes.size(), 2u) << "the acknowledgement of the older version kept the edit";
+  EXPECT_EQ(pushes[1].stored, std::vector<std::string>{*edited.id});
+  const auto* end = pushes[1].changes.recordsToStore.at(0).object("end");
+  ASSERT_TRUE(end && std::holds_alternative<Date>(*end));
+  EXPECT_EQ(std::get<Date>(*end), *edited.end) << "the row is read when it is sent";
+  object->didSend(pushes[1].changes);
+  EXPECT_EQ(unsent(), 0u);
 }
 
-TEST_F(SyncObjectTest, ACloudDeletionRemovesTheRowForGoodWithoutAnEcho) {
-  auto object = makeObject();
-  const Pickup local = pickup(0);
-  write(local);
-  object->deleteRecord(sync::recordID(local));
-  object->deleteRecord(CKRecordID{"NO-SUCH-ID", sync::zoneID<Pickup>()});
-  env.pump();
-  EXPECT_FALSE(store::Store::open(configuration).object<Pickup>(*local.id));
-  EXPECT_EQ(pushes.size(), 1u);
-}
-
-TEST_F(SyncObjectTest, ChangesDuringAPauseLeaveOnlyWithALaterPush) {
+TEST_F(SyncObjectTest, APauseHoldsChangesBackAndAFailedSendKeepsThemForTheNextDrain) {
   auto pausable = makeObject(true);
   pausable->pause();
-  const std::string during = write(pickup(0));
+  Pickup held = pickup(0);
+  write(held);
   EXPECT_TRUE(pushes.empty());
+  pausable->drainOutbox(false);
+  EXPECT_TRUE(pushes.empty()) << "the stretch decides when, not whether";
   pausable->resume();
-  EXPECT_TRUE(pushes.empty()) << "a resume does not replay what the pause dropped";
-
-  Pickup deleted = pickup(3);
-  deleted.isDeleted = true;
-  write(deleted);
-  pushes.clear();
-  pausable->pushLocalObjectsToCloudKit();
+  pausable->drainOutbox(false);
   ASSERT_EQ(pushes.size(), 1u);
-  EXPECT_EQ(pushes[0].stored, std::vector<std::string>{during}) << "deleted rows are not pushed by this path";
-  EXPECT_TRUE(pushes[0].deleted.empty());
-}
+  EXPECT_EQ(pushes[0].stored, std::vector<std::string>{*held.id});
 
-TEST_F(SyncObjectTest, AClassThatMayNotPauseKeepsPushingAndAnUnregisteredOneIsSilent) {
+  // A failure keeps the entry; the retry reads the row as it is by then.
+  pausable->didNotSend(pushes[0].changes, false);
+  held.isDeleted = true;
+  store::Store::open(configuration).write([&](auto& t) { t.add(held); });
+  pausable->drainOutbox(false);
+  ASSERT_EQ(pushes.size(), 2u);
+  EXPECT_TRUE(pushes[1].stored.empty());
+  EXPECT_EQ(pushes[1].deleted, std::vector<std::string>{*held.id}) << "it may be in the cloud: its deletion goes";
+  pausable->cleanUp();
+  EXPECT_TRUE(row(*held.id)) << "an unacknowledged deletion keeps its row";
+  pausable->didSend(pushes[1].changes);
+  pausable->cleanUp();
+  EXPECT_FALSE(row(*held.id));
+  EXPECT_EQ(unsent(), 0u);
+
+  // A class that may not pause goes on; an unregistered one still keeps its changes.
   auto focusLike = makeObject(false);
   focusLike->pause();
   EXPECT_FALSE(focusLike->isPaused());
-  write(pickup(0));
-  EXPECT_EQ(pushes.size(), 1u);
-
   focusLike->unregisterLocalDatabase();
-  write(pickup(2));
-  EXPECT_EQ(pushes.size(), 1u);
+  pausable->unregisterLocalDatabase();
+  pushes.clear();
+  const std::string unheard = write(pickup(4));
+  EXPECT_TRUE(pushes.empty());
+  EXPECT_EQ(unsent(), 1u);
+  focusLike->drainOutbox(false);
+  ASSERT_EQ(pushes.size(), 1u);
+  EXPECT_EQ(pushes[0].stored, std::vector<std::string>{unheard});
+}
+
+TEST_F(SyncObjectTest, ARecordAddedAndDeletedBeforeItWasEverSentCostsNothing) {
+  auto object = makeObject();
+  object->pause();
+  Pickup brief = pickup(0);
+  write(brief);
+  brief.isDeleted = true;
+  write(brief);
+  object->resume();
+  object->drainOutbox(false);
+  EXPECT_TRUE(pushes.empty());
+  EXPECT_EQ(unsent(), 0u);
+  object->cleanUp();
+  EXPECT_FALSE(row(*brief.id));
+}
+
+TEST_F(SyncObjectTest, PullsNeverWriteOverUnsentWorkButACloudDeletionWins) {
+  auto object = makeObject();
+  object->pause();
+  Pickup mine = pickup(0);
+  write(mine);
+  Pickup theirs = mine;
+  theirs.end = theirs.end->addingTimeInterval(600);
+  object->add(cloudRecord(theirs));
+  env.pump();
+  EXPECT_EQ(row(*mine.id)->end, mine.end) << "the fetched record wrote over an unsent edit";
+  EXPECT_EQ(unsent(), 1u);
+
+  object->deleteRecord(sync::recordID(mine));
+  env.pump();
+  EXPECT_FALSE(row(*mine.id));
+  EXPECT_EQ(unsent(), 0u) << "the unsent edit would bring the deleted record back";
+
+  // A record whose name is no key is refused, not stored without one.
+  CKRecord nameless("Pickup", CKRecordID{"", sync::zoneID<Pickup>()});
+  object->add(nameless);
+  env.pump();
+  EXPECT_TRUE(store::Store::open(configuration).objects<Pickup>().empty());
+}
+
+TEST_F(SyncObjectTest, RequestsHoldAtMostFourHundredItemsAndGetSmallerWhenTooLarge) {
+  auto object = makeObject();
+  object->pause();
+  store::Store::open(configuration).write([&](auto& t) {
+    for (int i = 0; i < 450; ++i) t.add(pickup(i));
+  });
+  env.pump();
+  object->drainOutbox(true);
+  ASSERT_EQ(pushes.size(), 1u);
+  EXPECT_EQ(pushes[0].changes.size(), 400u);
+  object->didNotSend(pushes[0].changes, true);
+  object->drainOutbox(true);
+  ASSERT_EQ(pushes.size(), 2u);
+  EXPECT_EQ(pushes[1].changes.size(), 200u);
+  object->drainOutbox(true);
+  ASSERT_EQ(pushes.size(), 3u) << "a second request while the first is on its way";
+  EXPECT_EQ(pushes[2].changes.size(), 200u);
+  object->didSend(pushes[1].changes);  // goes on by itself with what is left
+  object->didSend(pushes[2].changes);
+  ASSERT_GE(pushes.size(), 4u);
+  for (std::size_t i = 3; i < pushes.size(); ++i) object->didSend(pushes[i].changes);
+  EXPECT_EQ(unsent(), 0u);
+
+  // A full push sends every live row again, a request at a time.
+  pushes.clear();
+  object->pushLocalObjectsToCloudKit();
+  ASSERT_EQ(pushes.size(), 1u);
+  EXPECT_EQ(pushes[0].changes.size(), 400u);
 }
 
 TEST_F(SyncObjectTest, TokensAndZoneFlagsAreKeptPerClass) {

@@ -97,6 +97,7 @@ inline store::StoreConfiguration testRecordsConfiguration(const std::filesystem:
   configuration.fileURL = file;
   configuration.schemaVersion = 1;
   configuration.tables = {store::tableSchema<Label>(), store::tableSchema<Shelf>(), store::tableSchema<Sample>()};
+  configuration.outboxClasses = {"Label", "Shelf", "Sample"};
   return configuration;
 }
 

@@ -117,6 +117,11 @@ class CloudService {
   // Pushes every live record, as if new; the operations are not waited for.
   static void pushAll(std::function<void(bool synced)> completion = nullptr);
 
+  // Sends what waits in the outbox now, when the engine is ready and sync
+  // is on: for a writer whose rows no observer heard of (a bulk import).
+  // Otherwise it waits for the next pull.
+  static void sendUnsentChanges();
+
   // Pauses the classes that may pause and notes when.
   static void enterBackground();
   // Resumes, pulls, and pushes this device's pickups and walks of the

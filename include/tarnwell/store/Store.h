@@ -13,8 +13,10 @@
 // Writes run in a transaction (Store::write) that records which primary keys
 // of which classes were inserted, modified or deleted. After the commit,
 // observers of those classes are told on the main queue, except those whose
-// tokens the write excluded; this is how a change that came from elsewhere
-// (the cloud) is kept from going back out.
+// tokens the write excluded. A local write of a class the configuration
+// names for the outbox also leaves an entry there, in the same transaction
+// (see Outbox.h); a write that came from elsewhere (the cloud) leaves none,
+// which is what keeps it from going back out.
 //
 // Records leave the store as plain values. Failures throw sqlite::Error,
 // which carries SQLite's result code.
@@ -129,6 +131,16 @@ struct StoreConfiguration {
   std::function<void(sqlite::Connection&, std::uint64_t oldSchemaVersion)> migrationBlock;
   // Given the file's total and used bytes; true compacts the file.
   std::function<bool(std::uint64_t totalBytes, std::uint64_t usedBytes)> shouldCompactOnLaunch;
+  // The classes whose local changes wait in the outbox until acknowledged.
+  std::vector<std::string> outboxClasses;
+};
+
+// Where the changes of a write come from.
+enum class Origin {
+  // Made here: changes of outbox classes are journaled.
+  local,
+  // Brought from elsewhere (the cloud): nothing is journaled.
+  elsewhere,
 };
 
 enum class UpdatePolicy {
@@ -179,11 +191,12 @@ class Store {
   // when it throws. Observers whose tokens are in `withoutNotifying` hear
   // nothing of this commit.
   template <class F>
-  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {});
+  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {},
+             Origin origin = Origin::local);
   // As write(), but no observer hears of this commit at all: for changes
   // that only complete what an earlier write from the same source began.
   template <class F>
-  void writeNotifyingNobody(F&& body);
+  void writeNotifyingNobody(F&& body, Origin origin = Origin::local);
 
   // Registers `callback` for commits that change rows of Record's class; it
   // runs on the main queue, first once with an empty, initial change set.
@@ -202,11 +215,13 @@ class Store {
  private:
   friend class WriteTransaction;
   friend class BatchWriter;
-  explicit Store(sqlite::Connection& connection, std::shared_ptr<ObserverRegistry> observers)
-      : connection_(&connection), observers_(std::move(observers)) {}
+  explicit Store(sqlite::Connection& connection, std::shared_ptr<ObserverRegistry> observers,
+                 std::shared_ptr<const std::vector<std::string>> outboxClasses)
+      : connection_(&connection), observers_(std::move(observers)), outboxClasses_(std::move(outboxClasses)) {}
 
   sqlite::Connection* connection_;
   std::shared_ptr<ObserverRegistry> observers_;
+  std::shared_ptr<const std::vector<std::string>> outboxClasses_;
 };
 
 // The operations of one write. Every change made through it is recorded for
@@ -237,12 +252,19 @@ class WriteTransaction {
 
   sqlite::Connection& connection() { return store_.connection(); }
 
+  // For a writer that inserts rows with statements of its own, which the
+  // transaction does not see (a bulk import): the last rowid of the class
+  // before, and then the outbox entries of every row inserted after it, as
+  // local insertions. Observers still hear nothing of those rows.
+  std::int64_t lastRowid(std::string_view className);
+  void journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+
  private:
   friend class Store;
   // Begins the transaction.
   friend class BatchWriter;
   // Begins the transaction, or, `nested` in one already open, a savepoint.
-  explicit WriteTransaction(Store& store, bool nested = false);
+  explicit WriteTransaction(Store& store, Origin origin, bool nested = false);
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
   // Runs `body` on this transaction: commits when it returns, rolls back when it throws.
@@ -255,6 +277,10 @@ class WriteTransaction {
 
   // Notes the key of the row the last statement inserted or updated.
   void recordAdd(std::string_view className, std::string key);
+  // Whether changes of the class here leave outbox entries.
+  bool journals(std::string_view className) const;
+  // Leaves outbox entries for local changes of outbox classes.
+  void journal(std::string_view className, const std::vector<std::string>& keys, bool inserted);
   ChangeSet& changes(std::string_view className);
   std::vector<std::string> updateRows(std::string_view className, std::string_view key,
                                       const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
@@ -264,6 +290,7 @@ class WriteTransaction {
                  const std::vector<std::pair<std::string_view, QueryValue>>& assignments, std::string_view onlyIf);
 
   Store& store_;
+  Origin origin_;
   bool nested_;
   std::vector<ChangeSet> changes_;
 };
@@ -286,7 +313,8 @@ class BatchWriter {
 
   Store& store() { return store_; }
   template <class F>
-  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {});
+  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {},
+             Origin origin = Origin::local);
   // Commits, then tells the observers write by write.
   void commit();
   bool isOpen() const { return open_; }
@@ -296,6 +324,7 @@ class BatchWriter {
     std::vector<ChangeSet> changes;
     std::vector<std::uint64_t> excluded;
   };
+  static Store makeStore(sqlite::Connection& connection, const StoreConfiguration& configuration);
   void begin();
   void keep(WriteTransaction& transaction, const std::vector<const ObserverToken*>& withoutNotifying);
 
@@ -344,21 +373,21 @@ void WriteTransaction::perform(F&& body) {
 }
 
 template <class F>
-void Store::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
-  WriteTransaction transaction(*this);
+void Store::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying, Origin origin) {
+  WriteTransaction transaction(*this, origin);
   transaction.perform(std::forward<F>(body));
   transaction.deliver(withoutNotifying);
 }
 
 template <class F>
-void Store::writeNotifyingNobody(F&& body) {
-  WriteTransaction(*this).perform(std::forward<F>(body));
+void Store::writeNotifyingNobody(F&& body, Origin origin) {
+  WriteTransaction(*this, origin).perform(std::forward<F>(body));
 }
 
 template <class F>
-void BatchWriter::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
+void BatchWriter::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying, Origin origin) {
   begin();
-  WriteTransaction transaction(store_, true);
+  WriteTransaction transaction(store_, origin, true);
   transaction.perform(std::forward<F>(body));
   keep(transaction, withoutNotifying);
 }

@@ -18,6 +18,7 @@
 
 #include "tarnwell/cloudkit/Container.h"
 #include "tarnwell/platform/UserDefaults.h"
+#include "tarnwell/store/Outbox.h"
 
 namespace tarnwell::sync {
 
@@ -62,10 +63,23 @@ struct Notifications {
   static constexpr std::string_view cloudKitDataDidChangeRemotely = "cloudKitDataDidChangeRemotely";
 };
 
-// The records to store and the record ids to delete that local changes of
-// one class became.
-using PipeToEngine =
-    std::function<void(std::vector<CKRecord> recordsToStore, std::vector<CKRecordID> recordIDsToDelete)>;
+// The changes of one class on their way to the cloud: the records to store,
+// the record ids to delete, and the outbox version each was read at, which
+// the acknowledgement must match for the change to leave the outbox.
+struct OutgoingChanges {
+  std::vector<CKRecord> recordsToStore;
+  std::vector<CKRecordID> recordIDsToDelete;
+  std::vector<store::SentVersion> versions;
+  // Sent although the class is paused: a full push the user asked for.
+  bool evenIfPaused = false;
+
+  // Items of the request: every record and deletion has its version.
+  std::size_t size() const { return versions.size(); }
+};
+
+// Where a class hands its outgoing changes: the engine sends them and tells
+// the class how it went (Syncable::didSend, didNotSend).
+using PipeToEngine = std::function<void(OutgoingChanges changes)>;
 
 // Anything the engine can drive: one record class and its zone.
 class Syncable {
@@ -88,6 +102,20 @@ class Syncable {
   virtual void pushLocalObjectsToCloudKit() = 0;
   virtual void pause() = 0;
   virtual void resume() = 0;
+
+  // Hands the engine the next changes of the class's outbox that are not on
+  // their way already, at most a request's worth; nothing while paused,
+  // unless `evenIfPaused`.
+  virtual void drainOutbox(bool evenIfPaused) = 0;
+  // The cloud acknowledged `changes`: their entries leave the outbox unless
+  // changed since, and the drain goes on.
+  virtual void didSend(const OutgoingChanges& changes) = 0;
+  // `changes` did not reach the cloud; their entries wait for the next
+  // drain, which sends smaller requests when this one was `tooLarge`.
+  virtual void didNotSend(const OutgoingChanges& changes, bool tooLarge) = 0;
+  // Puts the rows of `recordIDs` into the outbox, to be read and sent as
+  // they are when the next drain comes: a list that could not be sent.
+  virtual void enqueue(const std::vector<CKRecordID>& recordIDs) = 0;
 
   virtual PipeToEngine pipeToEngine() const = 0;
   virtual void setPipeToEngine(PipeToEngine pipe) = 0;

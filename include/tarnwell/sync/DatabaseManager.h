@@ -5,21 +5,28 @@
 // user's private database and pulls what changed since its change tokens.
 // PublicDatabaseManager works in the default zone of the public database,
 // which it can only query, whole, each time. Both push the same way: one
-// long-lived, atomic operation with the changed-keys policy per batch of
-// local changes, and every outcome goes through the ErrorHandler: a retry
-// waits on the main queue for the seconds the cloud asked, a request too
-// large is cut into pieces of 300 records, anything else is logged and the
-// changes wait for a later push.
+// long-lived, atomic operation with the changed-keys policy per request, and
+// every outcome goes through the ErrorHandler.
+//
+// Local changes leave from the outbox of their class (SyncObject.h), a
+// request of at most 400 items at a time, deletions counted, and after
+// every successful pull. Nothing unacknowledged is dropped: a retry waits
+// the seconds the cloud asked for and reads the rows again when it is sent;
+// a request the cloud finds too large is sent again in smaller ones; any
+// other error keeps the changes and tries again after a growing wait, and
+// the next launch drains what is left. A zone the cloud no longer has
+// (26, 28) is made again, and every live record is sent again. A list given
+// to syncRecordsToCloudKit that fails goes into the outbox the same way, and
+// its completion hears the error.
 //
 // Some behaviour is kept as the system has always had it, because devices in
 // the field depend on the data it produced and nothing depends on it being
-// otherwise: a push that ends in an unhandled error calls no completion; the
-// deletions are repeated with every piece of a cut; each start of the
-// remote-change observation adds one more observer, which stop does not
-// remove; and a fetch that ends in an unhandled error never calls back.
+// otherwise: each start of the remote-change observation adds one more
+// observer, which stop does not remove.
 
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,9 +44,6 @@ inline constexpr std::string_view UIApplicationWillTerminateNotification = "UIAp
 // What both managers share.
 class CloudDatabaseManager : public DatabaseManager, public std::enable_shared_from_this<CloudDatabaseManager> {
  public:
-  // Records of a request beyond this many are sent in pieces of this many.
-  static constexpr std::size_t kChunkSize = 300;
-
   CKDatabase& database() override { return database_; }
   CKContainer& container() override { return *container_; }
   const std::vector<std::shared_ptr<Syncable>>& syncObjects() const override { return syncObjects_; }
@@ -57,6 +61,8 @@ class CloudDatabaseManager : public DatabaseManager, public std::enable_shared_f
 
   // Calls cleanUp() on every sync object, in list order.
   void cleanUp();
+  // Drains the outbox of every sync object that is not paused.
+  void drainOutboxes();
 
   // Where the tokens and flags are kept.
   UserDefaults& defaults() { return defaults_; }
@@ -70,8 +76,19 @@ class CloudDatabaseManager : public DatabaseManager, public std::enable_shared_f
                        CKDatabase& database, UserDefaults& defaults);
 
   std::weak_ptr<CloudDatabaseManager> weakSelf() { return weak_from_this(); }
+  std::shared_ptr<Syncable> objectOfZone(const CKRecordZoneID& zoneID) const;
+  // The zone of `object` is not on the server: made again, which sends
+  // every live record again.
+  void zoneIsGone(Syncable& object);
 
  private:
+  // One request of an outbox; see the top of this file for its outcomes.
+  void sendOutgoing(const std::shared_ptr<Syncable>& object, OutgoingChanges changes);
+  // Drains `object` again after a growing wait.
+  void drainLater(const std::shared_ptr<Syncable>& object, bool evenIfPaused);
+  // Puts what `operation` carried into the outbox of its class; the classes.
+  std::vector<std::shared_ptr<Syncable>> keepInOutboxes(const CKModifyRecordsOperation& operation);
+
   std::shared_ptr<CKContainer> container_;
   CKDatabase& database_;
   std::vector<std::shared_ptr<Syncable>> syncObjects_;
@@ -79,6 +96,7 @@ class CloudDatabaseManager : public DatabaseManager, public std::enable_shared_f
   std::shared_ptr<DispatchQueue> utilityQueue_;
   std::vector<NotificationToken> remoteChangeObservers_;
   std::vector<NotificationToken> terminationObservers_;
+  std::atomic<int> failuresInARow_ = 0;
 };
 
 class PrivateDatabaseManager : public CloudDatabaseManager {

@@ -113,6 +113,14 @@ class ErrorHandler {
   // count and no backoff: an operation retries as long as the cloud asks.
   static constexpr double kLongestRetryWait = 60;
   static void retryOperationIfPossible(double retryAfter, std::function<void()> block);
+  // For changes kept in the outbox after an error that asked for no wait:
+  // runs `block` on the main queue after 1, 2, 4 ... seconds for the
+  // `attempt`th time in a row (from 0), at most kLongestRetryWait. Not work
+  // a host waits for: what it would send is in the store for the next launch.
+  static void retryLater(int attempt, std::function<void()> block);
+  // Whether the error says the zone is not there: not found (26), or
+  // deleted by the user (28).
+  static bool isZoneGone(const std::exception_ptr& error);
 
   // The text of a CKError code followed directly by "CKError.Code: <code>":
   // "Zone Busy: the server is too busy to handle the zone operation.CKError.Code: 23".

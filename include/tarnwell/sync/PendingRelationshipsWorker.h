@@ -102,7 +102,7 @@ PendingOwner PendingOwner::of(std::string primaryKey, std::vector<records::Ref<E
       if (!record) return;
       ((*record).*member).push_back(records::Ref<Element>{elementKey});
       transaction.add(*record);
-    });
+    }, store::Origin::elsewhere);
   };
   return owner;
 }

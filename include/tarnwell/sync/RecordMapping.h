@@ -16,13 +16,17 @@
 //   link to a convertible class          a CKReference to the target's
 //                                        recordID (action none); no value
 //                                        when absent or the target is gone
-//   list of values                       an array; an empty list writes no
-//                                        field at all
+//   list of values                       an array; an empty list sets the
+//                                        field to no value
 //   list of links                        an array of CKReference in the
 //                                        element class's private zone,
 //                                        leaving out elements that are gone,
 //                                        not convertible or deleted; an
-//                                        empty list writes no field at all
+//                                        empty list sets no value
+//
+// An empty list is sent as a field with no value, not left out: a save with
+// changed keys then clears the cloud's list, so a list emptied here reaches
+// the other devices empty instead of coming back with the echo.
 //
 // Misconfiguration (no primary key, a key neither text nor integer, the
 // shared database) is a programming error and ends the process. Data
@@ -320,7 +324,8 @@ CKRecord record(const T& object, store::Store& store) {
     using M = typename std::decay_t<decltype(p)>::Value;
     const auto& value = object.*(p.member);
     if constexpr (detail::LinkList<M>::value || detail::ValueList<M>::value) {
-      if (!value.empty()) result.setObject(p.name, detail::listValue(value, store));
+      result.setObject(p.name, value.empty() ? std::nullopt
+                                             : std::optional<CKRecordValue>(detail::listValue(value, store)));
     } else if constexpr (detail::isSingleValue<typename detail::Unwrapped<M>::type> ||
                          detail::isLink<typename detail::Unwrapped<M>::type>) {
       result.setObject(p.name, detail::fieldValue(value, store));

@@ -51,6 +51,8 @@ class SyncEngine : public std::enable_shared_from_this<SyncEngine> {
   void pull(Callback completionHandler);
   // Every live object of every class, as if new.
   void pushAll();
+  // What waits in the outboxes of the classes that are not paused, now.
+  void sendUnsentChanges();
   // These objects now, in one request: live ones stored, deleted ones removed.
   void push(const std::vector<PushItem>& objects, Callback completionHandler);
 

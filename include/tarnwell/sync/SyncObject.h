@@ -1,19 +1,30 @@
 // SyncObject: one record class, as the sync engine drives it.
 //
 // It turns local changes of the class into cloud operations and cloud
-// changes into local writes. Locally it observes the store: every commit
-// that inserts or modifies rows of the class hands their records (or, for
-// rows marked deleted, their record ids) to the engine. From the cloud it
-// writes on the BackgroundWorker, one record per commit, with a commit its
-// own observation does not hear, so a record from the cloud never goes back.
+// changes into local writes. Locally the store keeps every change of the
+// class in its outbox (store/Outbox.h) in the same transaction as the change;
+// the object drains it: the entries not on their way yet, oldest first, a
+// request at a time, each row read as it is at that moment (a record to
+// store, or for a row marked deleted or gone, its id to delete). An entry
+// leaves the outbox only when the cloud acknowledged the version that was
+// read; one that failed, or whose completion never came before the process
+// ended, is sent by a later drain. The store's observation only says when
+// to drain: a commit it did not hear (observers re-registering) is still in
+// the outbox.
 //
-// A local deletion only marks the row; the cloud deletion follows from the
-// change, and the row stays until cleanUp(). A deletion from the cloud
-// removes the row for good.
+// From the cloud it writes on the BackgroundWorker, with a commit its own
+// observation does not hear and that leaves no outbox entry, so a record
+// from the cloud never goes back. A fetched record is not written over a row
+// whose changes were not sent yet: the local version is sent instead. A
+// deletion from the cloud removes the row, and its unsent changes, for good.
+// A record whose name gives no primary key is refused with a log line.
+//
+// A local deletion only marks the row; the row stays until cleanUp(), which
+// removes it only once its deletion was acknowledged (or it never left).
 //
 // While paused (only a class that may pause, see partiallyPauseSync) the
-// observation drops what it hears: such changes leave only with a later
-// explicit push.
+// outbox is held back, never dropped: what changed leaves with the first
+// drain after the pause.
 //
 // U, V and W are the element classes of the record's lists of links, if it
 // has any; an element that arrives after its owner is linked when the
@@ -21,10 +32,12 @@
 
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -45,7 +58,13 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   // `defaults` keeps the zone's token and flag: the process's standard store.
   explicit SyncObject(store::StoreConfiguration realmConfiguration, bool canPauseSync = true,
                       UserDefaults& defaults = UserDefaults::standard())
-      : realmConfiguration_(std::move(realmConfiguration)), canPauseSync_(canPauseSync), defaults_(defaults) {}
+      : realmConfiguration_(std::move(realmConfiguration)), canPauseSync_(canPauseSync), defaults_(defaults) {
+    const auto& classes = realmConfiguration_.outboxClasses;
+    if (std::find(classes.begin(), classes.end(), T::className) == classes.end()) {
+      fatalError(std::string("The store keeps no outbox for ") + std::string(T::className) +
+                 ": its local changes would never be sent");
+    }
+  }
 
   std::string recordType() const override { return sync::recordType<T>(); }
   CKRecordZoneID zoneID() const override { return sync::zoneID<T>(); }
@@ -90,13 +109,31 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   void cleanUp() override {
     BackgroundWorker::shared().start([this] {
       BackgroundWorker::shared().commitPending();
-      writeUnheard([](store::WriteTransaction& t) { t.template remove<T>(store::Query().filter("isDeleted = 1")); });
+      // A deletion the cloud has not acknowledged keeps its row, which the
+      // next drain still has to read.
+      writeUnheard([](store::WriteTransaction& t) {
+        store::Outbox(t.connection()).forgetUnsentDeletions(T::className, records::primaryKeyName<T>());
+        t.template remove<T>(store::Query().filter(
+            "isDeleted = 1 AND NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = ? AND \"recordKey\" = " +
+                store::quoteIdentifier(records::primaryKeyName<T>()) + ")",
+            {store::QueryValue(std::string(T::className))}));
+      });
     });
   }
 
   void add(const CKRecord& record) override {
     BackgroundWorker::shared().start([this, &record] {
       auto& batch = openBatch();
+      const auto key = primaryKeyText<T>(record.recordID());
+      if (!key || key->empty()) {
+        CloudSync::shared().log("There is something wrong with the converson from cloud record to local object");
+        return;
+      }
+      // Unsent work wins over what the cloud has: the drain sends it.
+      if (store::Outbox(batch.store().connection()).contains(T::className, *key)) {
+        CloudSync::shared().log("🔄 Record " + record.recordID().description() + " kept: it has unsent changes");
+        return;
+      }
       const T object = parseFromRecord<T, U, V, W>(record, batch.store(), &uWorker_, &vWorker_, &wWorker_);
       uWorker_.setRealmConfiguration(realmConfiguration_);
       vWorker_.setRealmConfiguration(realmConfiguration_);
@@ -112,6 +149,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       if (!key || !batch.store().template object<T>(*key)) return;
       deleteSyncAssetFile(recordID.recordName);
       writeUnheard(batch, [&key](store::WriteTransaction& t) {
+        store::Outbox(t.connection()).forget(T::className, *key);
         t.template remove<T>(store::Query().filter(store::quoteIdentifier(records::primaryKeyName<T>()) + " = ?",
                                                    {store::QueryValue(*key)}));
       });
@@ -125,13 +163,56 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     wWorker_.resolvePendingListElements();
   }
 
+  // Every live row goes into the outbox and leaves a request at a time, so
+  // that a push of a long history never holds it all in memory.
   void pushLocalObjectsToCloudKit() override {
-    auto store = openStore();
-    std::vector<CKRecord> records;
-    for (const auto& object : store.template objects<T>(store::Query().filter("isDeleted = 0"))) {
-      records.push_back(sync::record(object, store));
-    }
-    if (const auto pipe = pipeToEngine()) pipe(std::move(records), {});
+    BackgroundWorker::shared().start([this] {
+      auto store = workerStore();
+      writeUnheard(store, [](store::WriteTransaction& t) {
+        store::Outbox(t.connection()).enqueueLive(T::className, records::primaryKeyName<T>());
+      });
+    });
+    drainOutbox(true);
+  }
+
+  void drainOutbox(bool evenIfPaused) override {
+    if (isPaused_ && !evenIfPaused) return;
+    const auto pipe = pipeToEngine();
+    if (!pipe) return;
+    OutgoingChanges changes;
+    BackgroundWorker::shared().start([&] { changes = takeOutgoing(evenIfPaused); });
+    if (changes.size() > 0) pipe(std::move(changes));
+  }
+
+  void didSend(const OutgoingChanges& changes) override {
+    BackgroundWorker::shared().start([&] {
+      auto store = workerStore();
+      writeUnheard(store, [&changes](store::WriteTransaction& t) {
+        store::Outbox(t.connection()).acknowledge(T::className, changes.versions);
+      });
+      std::lock_guard lock(inFlightMutex_);
+      for (const auto& [key, version] : changes.versions) inFlight_.erase(key);
+      requestLimit_ = std::min(kRequestLimit, requestLimit_ * 2);
+    });
+    drainOutbox(changes.evenIfPaused);
+  }
+
+  void didNotSend(const OutgoingChanges& changes, bool tooLarge) override {
+    std::lock_guard lock(inFlightMutex_);
+    for (const auto& [key, version] : changes.versions) inFlight_.erase(key);
+    if (tooLarge) requestLimit_ = std::max<std::size_t>(1, std::min(requestLimit_, changes.size() / 2));
+  }
+
+  void enqueue(const std::vector<CKRecordID>& recordIDs) override {
+    BackgroundWorker::shared().start([&] {
+      auto store = workerStore();
+      writeUnheard(store, [&recordIDs](store::WriteTransaction& t) {
+        store::Outbox outbox(t.connection());
+        for (const auto& id : recordIDs) {
+          if (const auto key = primaryKeyText<T>(id)) outbox.journal(T::className, *key, false);
+        }
+      });
+    });
   }
 
   void pause() override {
@@ -165,6 +246,53 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     }
   }
 
+  // On the worker: the next request of the outbox, its rows read now, its
+  // keys marked on their way. A row inserted here and deleted before it was
+  // ever sent costs nothing; a save is marked known to the cloud before it
+  // leaves, so that a later deletion of it is never skipped.
+  OutgoingChanges takeOutgoing(bool evenIfPaused) {
+    auto store = workerStore();
+    std::lock_guard lock(inFlightMutex_);
+    OutgoingChanges changes;
+    changes.evenIfPaused = evenIfPaused;
+    std::vector<std::string> nowKnown;
+    std::vector<std::string> neverSent;
+    // Entries on their way are skipped, so reading that many more still
+    // finds a full request when there is one.
+    for (const auto& entry : store::Outbox(store.connection()).entries(T::className, requestLimit_ + inFlight_.size())) {
+      if (changes.size() >= requestLimit_) break;
+      if (inFlight_.contains(entry.recordKey)) continue;
+      const auto object = store.template object<T>(entry.recordKey);
+      if (!object || object->isDeleted) {
+        if (!entry.known) {
+          neverSent.push_back(entry.recordKey);
+          continue;
+        }
+        changes.recordIDsToDelete.push_back(CKRecordID{entry.recordKey, sync::zoneID<T>()});
+      } else {
+        changes.recordsToStore.push_back(sync::record(*object, store));
+        if (!entry.known) nowKnown.push_back(entry.recordKey);
+      }
+      changes.versions.emplace_back(entry.recordKey, entry.version);
+      inFlight_.insert(entry.recordKey);
+    }
+    if (!nowKnown.empty() || !neverSent.empty()) {
+      writeUnheard(store, [&](store::WriteTransaction& t) {
+        store::Outbox outbox(t.connection());
+        outbox.markKnown(T::className, nowKnown);
+        for (const auto& key : neverSent) outbox.forget(T::className, key);
+      });
+    }
+    return changes;
+  }
+
+  // On the worker: its own store, once what the cloud brought is committed,
+  // for the outbox's bookkeeping, which commits at once.
+  store::Store workerStore() {
+    BackgroundWorker::shared().commitPending();
+    return openStore();
+  }
+
   store::BatchWriter& openBatch() {
     try {
       return BackgroundWorker::shared().batch(realmConfiguration_);
@@ -179,9 +307,9 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   void writeUnheard(Writer& writer, F&& body) {
     std::lock_guard lock(tokenMutex_);
     if (notificationToken_) {
-      writer.write(std::forward<F>(body), {&*notificationToken_});
+      writer.write(std::forward<F>(body), {&*notificationToken_}, store::Origin::elsewhere);
     } else {
-      writer.write(std::forward<F>(body));
+      writer.write(std::forward<F>(body), {}, store::Origin::elsewhere);
     }
   }
   template <class F>
@@ -190,26 +318,11 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     writeUnheard(store, std::forward<F>(body));
   }
 
+  // A local commit: its changes are in the outbox already, and leave now
+  // unless the class is paused.
   void storeDidChange(const store::ChangeSet& changes) {
-    // Changes heard during a pause are not kept: a resume must push by other means.
     if (isPaused_ || changes.isInitial) return;
-    auto store = openStore();
-    std::vector<CKRecord> records;
-    std::vector<CKRecordID> deletions;
-    // Deleted rows are never reported here: a record is only deleted by marking it.
-    for (const auto* keys : {&changes.insertions, &changes.modifications}) {
-      for (const auto& key : *keys) {
-        const auto object = store.template object<T>(key);
-        if (!object) continue;
-        if (object->isDeleted) {
-          deletions.push_back(sync::recordID(*object));
-        } else {
-          records.push_back(sync::record(*object, store));
-        }
-      }
-    }
-    if (records.empty() && deletions.empty()) return;
-    if (const auto pipe = pipeToEngine()) pipe(std::move(records), std::move(deletions));
+    drainOutbox(false);
   }
 
   store::StoreConfiguration realmConfiguration_;
@@ -221,6 +334,13 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   std::optional<store::ObserverToken> notificationToken_;
   mutable std::mutex pipeMutex_;
   PipeToEngine pipe_;
+
+  // Requests hold at most this many items, records and deletions counted;
+  // halved after a request the cloud found too large.
+  static constexpr std::size_t kRequestLimit = 400;
+  std::mutex inFlightMutex_;
+  std::set<std::string> inFlight_;
+  std::size_t requestLimit_ = kRequestLimit;
 
   PendingRelationshipsWorker<U> uWorker_;
   PendingRelationshipsWorker<V> vWorker_;

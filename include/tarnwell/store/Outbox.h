@@ -1,0 +1,101 @@
+// Outbox: the local changes the cloud has not acknowledged yet.
+//
+// A store configured with outbox classes keeps, for every row of those
+// classes that a local write inserted, modified, marked deleted or removed,
+// one entry in the table "Outbox", written in the same transaction as the
+// change. So a change that a command committed is never only in memory: a
+// process that dies, a pause, a failed request or an observer that was not
+// listening leaves the entry where the next drain finds it. Writes that came
+// from elsewhere (store::Origin::elsewhere, the cloud's own) leave none.
+//
+// An entry names the row by class and primary key and carries a version,
+// taken afresh from an ever-growing sequence at every change of the row.
+// A sender remembers the version it read; the entry leaves only when the
+// version acknowledged is still the entry's, so an edit made while a save
+// was on its way is sent again. Several changes of one row before a send
+// are one entry. `known` says the cloud may hold the record: it is false
+// for a row inserted here and never sent, whose deletion then costs nothing.
+//
+// These functions work on the connection of a write (or, for reads, any)
+// and never notify observers: the outbox is bookkeeping, not records.
+
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tarnwell/platform/Date.h"
+#include "tarnwell/platform/Sqlite.h"
+
+namespace tarnwell::store {
+
+struct TableSchema;
+
+struct OutboxEntry {
+  std::string recordKey;
+  std::int64_t version = 0;
+  bool known = false;
+};
+
+// A record key and the outbox version a sender read with it.
+using SentVersion = std::pair<std::string, std::int64_t>;
+
+// What waits, for a status line.
+struct OutboxSummary {
+  std::size_t count = 0;
+  // Class name and count, by class name.
+  std::vector<std::pair<std::string, std::size_t>> byClass;
+  // When the longest-waiting change was made.
+  std::optional<Date> oldest;
+};
+
+class Outbox {
+ public:
+  static constexpr std::string_view kTableName = "Outbox";
+
+  explicit Outbox(sqlite::Connection& connection) : connection_(connection) {}
+
+  // The table and its index, made with the store's own tables.
+  static TableSchema tableSchema();
+
+  // Notes a local change of one row: a fresh version, `since` and `known`
+  // kept from an entry already there (a new entry is known unless the row
+  // was just inserted).
+  void journal(std::string_view className, std::string_view recordKey, bool inserted);
+
+  // The entries of a class, oldest version first, at most `limit`.
+  std::vector<OutboxEntry> entries(std::string_view className, std::size_t limit);
+  bool contains(std::string_view className, std::string_view recordKey);
+
+  // Marks records as possibly held by the cloud: done before a save is
+  // sent, whatever becomes of the save.
+  void markKnown(std::string_view className, const std::vector<std::string>& recordKeys);
+  // Removes the entries whose version is still the one sent; returns how
+  // many of them changed meanwhile and stay.
+  std::size_t acknowledge(std::string_view className, const std::vector<SentVersion>& sent);
+  // Removes an entry whatever its version: a deletion from the cloud wins,
+  // and a row never sent that is gone needs no send.
+  void forget(std::string_view className, std::string_view recordKey);
+
+  // An entry, not known, for every row of the class after `rowid`: rows a
+  // bulk writer inserted with statements of its own.
+  void journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+  // An entry for every live row of the class that has none, known: a full
+  // send of the class. `keyColumn` is the class's primary key.
+  void enqueueLive(std::string_view className, std::string_view keyColumn);
+  // Removes the entries of rows inserted here and never sent that are now
+  // deleted or gone: nobody else ever saw them.
+  void forgetUnsentDeletions(std::string_view className, std::string_view keyColumn);
+
+  OutboxSummary summary();
+
+ private:
+  sqlite::Connection& connection_;
+};
+
+}  // namespace tarnwell::store

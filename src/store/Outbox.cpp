@@ -1,0 +1,130 @@
+#include "tarnwell/store/Outbox.h"
+
+#include <map>
+
+#include "tarnwell/store/Schema.h"
+#include "tarnwell/store/Store.h"
+
+namespace tarnwell::store {
+namespace {
+
+// "version" is the rowid and AUTOINCREMENT: a replaced entry gets a version
+// no entry ever had, so an old acknowledgement never matches a new change.
+constexpr std::string_view kCreate =
+    "CREATE TABLE IF NOT EXISTS \"Outbox\" (\"version\" INTEGER PRIMARY KEY AUTOINCREMENT, "
+    "\"className\" TEXT NOT NULL, \"recordKey\" TEXT NOT NULL, \"known\" INTEGER NOT NULL DEFAULT 0, "
+    "\"since\" REAL NOT NULL, UNIQUE (\"className\", \"recordKey\"))";
+constexpr std::string_view kIndex =
+    "CREATE INDEX IF NOT EXISTS \"Outbox_className_version\" ON \"Outbox\" (\"className\", \"version\")";
+
+}  // namespace
+
+TableSchema Outbox::tableSchema() {
+  return TableSchema{std::string(kTableName),
+                     std::string(kCreate),
+                     {{"version", "\"version\" INTEGER PRIMARY KEY AUTOINCREMENT"},
+                      {"className", "\"className\" TEXT NOT NULL"},
+                      {"recordKey", "\"recordKey\" TEXT NOT NULL"},
+                      {"known", "\"known\" INTEGER NOT NULL DEFAULT 0"},
+                      {"since", "\"since\" REAL NOT NULL"}},
+                     {std::string(kIndex)}};
+}
+
+void Outbox::journal(std::string_view className, std::string_view recordKey, bool inserted) {
+  auto& statement = connection_.cached(
+      "INSERT OR REPLACE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") VALUES (?1, ?2, "
+      "coalesce((SELECT \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2), ?3), "
+      "coalesce((SELECT \"since\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2), ?4))");
+  statement.bind(1, className).bind(2, recordKey).bind(3, !inserted);
+  statement.bind(4, Date::now().timeIntervalSinceReferenceDate());
+  statement.execute();
+}
+
+std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t limit) {
+  auto& statement = connection_.cached(
+      "SELECT \"recordKey\", \"version\", \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 "
+      "ORDER BY \"version\" LIMIT ?2");
+  statement.bind(1, className).bind(2, static_cast<std::int64_t>(limit));
+  std::vector<OutboxEntry> found;
+  for (sqlite::Cursor rows(statement); rows.next();) {
+    found.push_back({rows->text(0), rows->int64(1), rows->int64(2) != 0});
+  }
+  return found;
+}
+
+bool Outbox::contains(std::string_view className, std::string_view recordKey) {
+  auto& statement =
+      connection_.cached("SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
+  statement.bind(1, className).bind(2, recordKey);
+  return sqlite::Cursor(statement).next();
+}
+
+void Outbox::markKnown(std::string_view className, const std::vector<std::string>& recordKeys) {
+  auto& statement = connection_.cached(
+      "UPDATE \"Outbox\" SET \"known\" = 1 WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"known\" = 0");
+  for (const auto& key : recordKeys) {
+    statement.bind(1, className).bind(2, std::string_view(key));
+    statement.execute();
+  }
+}
+
+std::size_t Outbox::acknowledge(std::string_view className, const std::vector<SentVersion>& sent) {
+  auto& statement = connection_.cached(
+      "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"version\" = ?3");
+  std::size_t stayed = 0;
+  for (const auto& [key, version] : sent) {
+    statement.bind(1, className).bind(2, std::string_view(key)).bind(3, version);
+    statement.execute();
+    if (connection_.changes() == 0) ++stayed;
+  }
+  return stayed;
+}
+
+void Outbox::forget(std::string_view className, std::string_view recordKey) {
+  auto& statement = connection_.cached("DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
+  statement.bind(1, className).bind(2, recordKey);
+  statement.execute();
+}
+
+void Outbox::journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
+  auto& statement = connection_.cached(
+      "INSERT OR REPLACE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") SELECT ?1, " +
+      quoteIdentifier(keyColumn) + ", 0, ?2 FROM " + quoteIdentifier(className) + " WHERE rowid > ?3 AND " +
+      quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid");
+  statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate()).bind(3, rowid);
+  statement.execute();
+}
+
+void Outbox::enqueueLive(std::string_view className, std::string_view keyColumn) {
+  auto& statement = connection_.cached(
+      "INSERT OR IGNORE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") SELECT ?1, " +
+      quoteIdentifier(keyColumn) + ", 1, ?2 FROM " + quoteIdentifier(className) + " WHERE \"isDeleted\" = 0 AND " +
+      quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid");
+  statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate());
+  statement.execute();
+}
+
+void Outbox::forgetUnsentDeletions(std::string_view className, std::string_view keyColumn) {
+  auto& statement = connection_.cached(
+      "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"known\" = 0 AND NOT EXISTS (SELECT 1 FROM " +
+      quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) +
+      " = \"Outbox\".\"recordKey\" AND \"isDeleted\" = 0)");
+  statement.bind(1, className);
+  statement.execute();
+}
+
+OutboxSummary Outbox::summary() {
+  OutboxSummary result;
+  auto& statement = connection_.cached(
+      "SELECT \"className\", count(*), min(\"since\") FROM \"Outbox\" GROUP BY \"className\" ORDER BY \"className\"");
+  for (sqlite::Cursor rows(statement); rows.next();) {
+    const auto count = static_cast<std::size_t>(rows->int64(1));
+    result.count += count;
+    result.byClass.emplace_back(rows->text(0), count);
+    const Date since = Date::fromTimeIntervalSinceReferenceDate(rows->real(2));
+    if (!result.oldest || since < *result.oldest) result.oldest = since;
+  }
+  return result;
+}
+
+}  // namespace tarnwell::store
