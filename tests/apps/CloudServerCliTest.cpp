@@ -89,10 +89,12 @@ TEST_F(CloudServerCliTest, TwoMachinesSyncThroughTheServerAndAWatcherHearsEachWr
   ASSERT_EQ(run("office", "sync pull").status, 0);
   EXPECT_EQ(json(run("office", "--json sync records --type Walk")).size(), 1u);
 
-  // Faults are the folder's; a real server fails by itself.
-  const Outcome fault = run("office", "cloud fault zoneBusy");
-  EXPECT_EQ(fault.status, 1);
-  EXPECT_EQ(fault.err, "tarnwell: cloud fault: faults are injected only into a cloud folder, not a server\n");
+  // The server keeps faults as a folder does: one set on one machine fails
+  // the other's next operation, and `clear` ends it.
+  ASSERT_EQ(run("office", "cloud fault networkFailure --on fetch-database").status, 0);
+  EXPECT_NE(run("home", "sync pull").status, 0);
+  ASSERT_EQ(run("office", "cloud fault clear").status, 0);
+  EXPECT_EQ(run("home", "sync pull").status, 0);
 
   // The password is in each machine's keychain and nowhere in its installation.
   for (const char* machine : {"home", "office"}) {
