@@ -93,6 +93,7 @@ class Run:
         self.records = {}  # record name -> Record
         self.background = set()  # devices that may be in the background
         self.counts = Counter()
+        self.trace = False
 
     # One process of one installation: its exit status (None when killed)
     # and output. A command not killed must succeed unless `may_fail`.
@@ -110,9 +111,13 @@ class Run:
                 process.send_signal(signal.SIGKILL)
                 process.communicate()
                 self.counts["kills"] += 1
+                if self.trace:
+                    print(f"  {iso(self.now)} {device}: {' '.join(arguments)} -> killed", file=sys.stderr)
                 return None, ""
         else:
             out, err = process.communicate()
+        if self.trace:
+            print(f"  {iso(self.now)} {device}: {' '.join(arguments)} -> {process.returncode}", file=sys.stderr)
         if process.returncode != 0 and not (kill or may_fail):
             raise SystemExit(f"seed {self.seed}: {device}: tarnwell {' '.join(arguments)} failed: {err.strip()}")
         return process.returncode, out
@@ -331,27 +336,30 @@ class Run:
         if strays:
             problems.append(f"records that never leave a device are in the cloud: {strays}")
 
-        # Values: what the last acknowledged command left.
+        # Values: what the last acknowledged command left. One line says a
+        # record's fault and every place that shows it.
         flagged = set()
         for name, record in sorted(self.records.items()):
             if record.state == "unknown":
                 continue
+            label = f"{record.owner}'s {record.kind} {name}"
+            faults = {}
             for where, there in held.items():
                 found = there.get(name)
-                label = f"{where}: {record.owner}'s {record.kind} {name}"
-                before = len(problems)
                 if record.state == "deleted":
                     if found is not None:
-                        problems.append(f"back: {label} deleted but present")
+                        faults.setdefault(f"back: {label} deleted but present", []).append(where)
                 elif found is None:
-                    problems.append(f"lost: {label}")
+                    faults.setdefault(f"lost: {label}", []).append(where)
                 else:
                     for field, expected in record.fields.items():
                         value = found["fields"].get(field)
                         if not same(value, expected):
-                            problems.append(f"changed: {label} field {field} is {value}, expected {expected}")
-                if len(problems) > before:
-                    flagged.add(name)
+                            line = f"changed: {label} field {field} is {value}, expected {expected}"
+                            faults.setdefault(line, []).append(where)
+            for line, places in faults.items():
+                problems.append(f"{line} (on {', '.join(places)})")
+                flagged.add(name)
 
         # Agreement: every installation equals the cloud, field by field.
         def comparable(record):
@@ -379,6 +387,7 @@ def main():
     parser.add_argument("--seeds", type=int, nargs="+", default=[1, 2, 3])
     parser.add_argument("--steps", type=int, default=60)
     parser.add_argument("--keep", action="store_true", help="keep the installations of a failed seed")
+    parser.add_argument("--trace", action="store_true", help="print every command and its exit status")
     parser.add_argument("--server", help="sync through this PostgreSQL server, as its superuser makes new users")
     parser.add_argument("--server-from", metavar="VARIABLE",
                         help="--server from this environment variable; skipped (exit 77) when it is unset")
@@ -394,6 +403,7 @@ def main():
         root = tempfile.mkdtemp(prefix=f"tarnwell-convergence-{seed}-")
         began = time.monotonic()
         run = Run(os.path.abspath(arguments.tarnwell), seed, arguments.steps, root, arguments.server)
+        run.trace = arguments.trace
         run.play()
         problems = run.check()
         counts = ", ".join(f"{v} {k}" for k, v in sorted(run.counts.items()))
