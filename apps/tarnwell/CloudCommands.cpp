@@ -27,7 +27,7 @@ constexpr std::string_view kCloudServerKey = "TarnwellHost.cloudServer";
 constexpr std::string_view kPasswordService = "org.vostra.tarnwell.cloud";
 
 struct Arguments {
-  std::string target, status, code, kind;
+  std::string target, status, code, kind, zone;
   std::optional<std::string> type, on, retryAfter;
   int times = 1;
   int count = 0;
@@ -77,12 +77,6 @@ std::shared_ptr<CloudEmulator> signedInCloud(const std::string& command) {
   auto cloud = openSignedInCloud();
   if (!cloud) throw InputError(command + ": this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
   return cloud;
-}
-
-// Faults are the emulator's: a real server fails by itself.
-std::shared_ptr<CloudEmulator> signedInFolderCloud(const std::string& command) {
-  if (signedInServer()) throw InputError(command + ": faults are injected only into a cloud folder, not a server");
-  return signedInCloud(command);
 }
 
 // The cloud this process joined at launch, which `sync watch` waits on.
@@ -395,11 +389,11 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   fault->add_option("--on", a->on, "modify, fetch-database, fetch-zone, modify-zones, subscriptions or query");
   onRunWithoutStore(fault, action, [&options, a] {
     if (a->code == "clear") {
-      signedInFolderCloud("cloud fault")->clearFaults();
+      signedInCloud("cloud fault")->clearFaults();
       return Output(options).print({{"faults", nlohmann::ordered_json::array()}}, "No faults");
     }
     const CloudFault parsed = parseFault(*a);
-    signedInFolderCloud("cloud fault")->addFault(parsed);
+    signedInCloud("cloud fault")->addFault(parsed);
     Output(options).print({{"code", parsed.code},
                            {"retryAfter", parsed.retryAfter ? nlohmann::ordered_json(*parsed.retryAfter) : nullptr},
                            {"times", parsed.times},
@@ -418,8 +412,28 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   auto* dropPushes = cloud->add_subcommand("drop-pushes", "The next N pushes never arrive");
   dropPushes->add_option("count", a->count, "How many")->required()->check(CLI::NonNegativeNumber);
   onRunWithoutStore(dropPushes, action, [&options, a] {
-    signedInFolderCloud("cloud drop-pushes")->dropPushes(a->count);
+    signedInCloud("cloud drop-pushes")->dropPushes(a->count);
     Output(options).print({{"dropPushes", a->count}}, "The next " + std::to_string(a->count) + " pushes are dropped");
+  });
+
+  // Both backings keep these switches in the cloud itself, so a server takes
+  // them as a folder does and every device signed in meets them.
+  auto* dropCompletions = cloud->add_subcommand("drop-completions", "The next N operations call no completion");
+  dropCompletions->add_option("count", a->count, "How many")->required()->check(CLI::NonNegativeNumber);
+  onRunWithoutStore(dropCompletions, action, [&options, a] {
+    signedInCloud("cloud drop-completions")->dropCompletions(a->count);
+    Output(options).print({{"dropCompletions", a->count}},
+                          "The next " + std::to_string(a->count) + " operations call no completion");
+  });
+
+  auto* deleteZone = cloud->add_subcommand("delete-zone", "The user deletes a zone of the private database");
+  deleteZone->add_option("zone", a->zone, "Zone name, as `cloud records` shows it")->required();
+  onRunWithoutStore(deleteZone, action, [&options, a] {
+    CKRecordZoneID zone;
+    zone.zoneName = a->zone;
+    if (zone.isDefault()) refuse("zone", a->zone, "a zone other than the default one");
+    signedInCloud("cloud delete-zone")->deleteZone(CKDatabaseScope::privateScope, zone);
+    Output(options).print({{"deletedZone", a->zone}}, "Zone " + a->zone + " deleted");
   });
 }
 

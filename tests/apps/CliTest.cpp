@@ -431,16 +431,23 @@ TEST_F(CliTest, TheCloudFolderIsSignedInToAndItsSwitchesRefuseBadInput) {
   const Outcome fault = run("--json cloud fault zoneBusy --retry-after 2.5 --times 3 --on modify");
   ASSERT_EQ(fault.status, 0) << fault.err;
   EXPECT_EQ(json(fault)["code"], 23);
-  for (const char* bad : {"cloud fault 23x", "cloud fault 23 --on nowhere", "cloud fault 23 --times 0",
-                          "cloud fault 23 --retry-after -1", "cloud account sleepy"}) {
+  for (const char* bad :
+       {"cloud fault 23x", "cloud fault 23 --on nowhere", "cloud fault 23 --times 0", "cloud fault 23 --retry-after -1",
+        "cloud account sleepy", "cloud delete-zone _defaultZone"}) {
     const Outcome refused = run(bad);
     EXPECT_EQ(refused.status, 1) << bad;
     EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
   }
   EXPECT_EQ(run("cloud fault clear").status, 0);
+  // A zone the user deletes takes its records with it.
+  ASSERT_EQ(run("pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z").status, 0);
+  EXPECT_EQ(json(run("--json cloud records --type Pickup")).size(), 1u);
+  EXPECT_EQ(json(run("--json cloud delete-zone PickupsZone"))["deletedZone"], "PickupsZone");
+  EXPECT_EQ(run("--json cloud records --type Pickup").out, "[]\n");
   EXPECT_EQ(run("cloud account restricted").status, 0);
   EXPECT_EQ(run("cloud expire-tokens").status, 0);
   EXPECT_EQ(run("cloud drop-pushes 2").status, 0);
+  EXPECT_EQ(run("cloud drop-completions 1").status, 0);
 
   // A folder that holds something else is no cloud, and is left as it was.
   const auto other = folder.path() / "photos";

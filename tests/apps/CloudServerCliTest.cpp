@@ -89,10 +89,14 @@ TEST_F(CloudServerCliTest, TwoMachinesSyncThroughTheServerAndAWatcherHearsEachWr
   ASSERT_EQ(run("office", "sync pull").status, 0);
   EXPECT_EQ(json(run("office", "--json sync records --type Walk")).size(), 1u);
 
-  // Faults are the folder's; a real server fails by itself.
-  const Outcome fault = run("office", "cloud fault zoneBusy");
-  EXPECT_EQ(fault.status, 1);
-  EXPECT_EQ(fault.err, "tarnwell: cloud fault: faults are injected only into a cloud folder, not a server\n");
+  // The server keeps faults as a folder does: one set on one machine fails
+  // the other's push, which waits in its outbox until the fault is cleared.
+  ASSERT_EQ(run("office", "cloud fault networkFailure --times 20 --on modify").status, 0);
+  ASSERT_EQ(run("home", "walk add 2026-11-22T10:00:00Z 2026-11-22T10:30:00Z").status, 0);
+  EXPECT_EQ(json(run("office", "--json cloud records --type Walk")).size(), 1u);
+  ASSERT_EQ(run("office", "cloud fault clear").status, 0);
+  ASSERT_EQ(run("home", "day").status, 0);
+  EXPECT_EQ(json(run("office", "--json cloud records --type Walk")).size(), 2u);
 
   // The password is in each machine's keychain and nowhere in its installation.
   for (const char* machine : {"home", "office"}) {
