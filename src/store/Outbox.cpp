@@ -8,33 +8,39 @@
 namespace tarnwell::store {
 namespace {
 
-// "version" is the rowid and AUTOINCREMENT: a replaced entry gets a version
-// no entry ever had, so an old acknowledgement never matches a new change.
+// Keyed by record, without a rowid: a change of one row touches one page
+// of the outbox, which the commit writes along with the row's own.
 constexpr std::string_view kCreate =
-    "CREATE TABLE IF NOT EXISTS \"Outbox\" (\"version\" INTEGER PRIMARY KEY AUTOINCREMENT, "
-    "\"className\" TEXT NOT NULL, \"recordKey\" TEXT NOT NULL, \"known\" INTEGER NOT NULL DEFAULT 0, "
-    "\"since\" REAL NOT NULL, UNIQUE (\"className\", \"recordKey\"))";
-constexpr std::string_view kIndex =
-    "CREATE INDEX IF NOT EXISTS \"Outbox_className_version\" ON \"Outbox\" (\"className\", \"version\")";
+    "CREATE TABLE IF NOT EXISTS \"Outbox\" (\"className\" TEXT NOT NULL, \"recordKey\" TEXT NOT NULL, "
+    "\"version\" INTEGER NOT NULL, \"known\" INTEGER NOT NULL DEFAULT 0, \"since\" REAL NOT NULL, "
+    "PRIMARY KEY (\"className\", \"recordKey\")) WITHOUT ROWID";
+
+// A new entry's version is drawn at random from 62 bits, and each change of
+// the row adds one: an edit while a save is on its way always differs from
+// the version sent, and an entry made again after one was forgotten (a
+// deletion from the cloud while a save was on its way) cannot meet the old
+// acknowledgement but by a chance of one in 2^62.
+constexpr std::string_view kFreshVersion = "(random() & 4611686018427387903)";
 
 }  // namespace
 
 TableSchema Outbox::tableSchema() {
   return TableSchema{std::string(kTableName),
                      std::string(kCreate),
-                     {{"version", "\"version\" INTEGER PRIMARY KEY AUTOINCREMENT"},
-                      {"className", "\"className\" TEXT NOT NULL"},
+                     {{"className", "\"className\" TEXT NOT NULL"},
                       {"recordKey", "\"recordKey\" TEXT NOT NULL"},
+                      {"version", "\"version\" INTEGER NOT NULL"},
                       {"known", "\"known\" INTEGER NOT NULL DEFAULT 0"},
                       {"since", "\"since\" REAL NOT NULL"}},
-                     {std::string(kIndex)}};
+                     {}};
 }
 
 void Outbox::journal(std::string_view className, std::string_view recordKey, bool inserted) {
-  auto& statement = connection_.cached(
-      "INSERT OR REPLACE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") VALUES (?1, ?2, "
-      "coalesce((SELECT \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2), ?3), "
-      "coalesce((SELECT \"since\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2), ?4))");
+  static const std::string sql =
+      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") VALUES (?1, ?2, " +
+      std::string(kFreshVersion) +
+      ", ?3, ?4) ON CONFLICT (\"className\", \"recordKey\") DO UPDATE SET \"version\" = \"version\" + 1";
+  auto& statement = connection_.cached(sql);
   statement.bind(1, className).bind(2, recordKey).bind(3, !inserted);
   statement.bind(4, Date::now().timeIntervalSinceReferenceDate());
   statement.execute();
@@ -43,7 +49,7 @@ void Outbox::journal(std::string_view className, std::string_view recordKey, boo
 std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t limit) {
   auto& statement = connection_.cached(
       "SELECT \"recordKey\", \"version\", \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 "
-      "ORDER BY \"version\" LIMIT ?2");
+      "ORDER BY \"recordKey\" LIMIT ?2");
   statement.bind(1, className).bind(2, static_cast<std::int64_t>(limit));
   std::vector<OutboxEntry> found;
   for (sqlite::Cursor rows(statement); rows.next();) {
@@ -87,19 +93,29 @@ void Outbox::forget(std::string_view className, std::string_view recordKey) {
 
 void Outbox::journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
   auto& statement = connection_.cached(
-      "INSERT OR REPLACE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") SELECT ?1, " +
-      quoteIdentifier(keyColumn) + ", 0, ?2 FROM " + quoteIdentifier(className) + " WHERE rowid > ?3 AND " +
-      quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid");
+      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") SELECT ?1, " +
+      quoteIdentifier(keyColumn) + ", " + std::string(kFreshVersion) + ", 0, ?2 FROM " + quoteIdentifier(className) +
+      " WHERE rowid > ?3 AND " + quoteIdentifier(keyColumn) +
+      " IS NOT NULL ORDER BY rowid ON CONFLICT DO UPDATE SET \"version\" = \"version\" + 1");
   statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate()).bind(3, rowid);
   statement.execute();
 }
 
 void Outbox::enqueueLive(std::string_view className, std::string_view keyColumn) {
   auto& statement = connection_.cached(
-      "INSERT OR IGNORE INTO \"Outbox\" (\"className\", \"recordKey\", \"known\", \"since\") SELECT ?1, " +
-      quoteIdentifier(keyColumn) + ", 1, ?2 FROM " + quoteIdentifier(className) + " WHERE \"isDeleted\" = 0 AND " +
-      quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid");
+      "INSERT OR IGNORE INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") SELECT ?1, " +
+      quoteIdentifier(keyColumn) + ", " + std::string(kFreshVersion) + ", 1, ?2 FROM " + quoteIdentifier(className) +
+      " WHERE \"isDeleted\" = 0 AND " + quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid");
   statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate());
+  statement.execute();
+}
+
+void Outbox::enqueue(std::string_view className, std::string_view recordKey) {
+  auto& statement = connection_.cached(
+      "INSERT OR IGNORE INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") VALUES (?1, "
+      "?2, " +
+      std::string(kFreshVersion) + ", 1, ?3)");
+  statement.bind(1, className).bind(2, recordKey).bind(3, Date::now().timeIntervalSinceReferenceDate());
   statement.execute();
 }
 

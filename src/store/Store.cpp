@@ -409,7 +409,7 @@ ChangeSet& WriteTransaction::changes(std::string_view className) {
 
 void WriteTransaction::recordAdd(std::string_view className, std::string key) {
   const bool inserted = lastRowWasInserted;
-  journal(className, {key}, inserted);
+  if (journals(className)) Outbox(connection()).journal(className, key, inserted);
   auto& change = changes(className);
   (inserted ? change.insertions : change.modifications).push_back(std::move(key));
 }
@@ -490,7 +490,7 @@ bool WriteTransaction::updateRow(std::string_view className, std::string_view ke
   if (!onlyIf.empty()) condition += " AND (" + std::string(onlyIf) + ")";
   runUpdate(connection(), className, assignments, condition, {std::string(primaryKey)});
   if (connection().changes() == 0) return false;
-  journal(className, {std::string(primaryKey)}, false);
+  if (journals(className)) Outbox(connection()).journal(className, primaryKey, false);
   changes(className).modifications.emplace_back(primaryKey);
   return true;
 }

@@ -103,7 +103,7 @@ void CloudDatabaseManager::zoneIsGone(Syncable& object) {
   CloudSync::shared().log("🔄 Record zone " + object.zoneID().description() + " is gone: made again");
   object.setZoneChangesToken(std::nullopt);
   object.setIsCustomZoneCreated(false);
-  createCustomZonesIfAllowed();
+  makeZonesAgain();
 }
 
 std::shared_ptr<Syncable> CloudDatabaseManager::objectOfZone(const CKRecordZoneID& zoneID) const {

@@ -82,6 +82,7 @@ void PrivateDatabaseManager::fetchChangesInZones(Callback callback) {
   std::vector<CKRecordZoneID> zoneIDs;
   std::map<CKRecordZoneID, CKFetchRecordZoneChangesConfiguration> configurations;
   for (const auto& object : syncObjects()) {
+    object->willFetchChanges();
     zoneIDs.push_back(object->zoneID());
     configurations[object->zoneID()].previousServerChangeToken = object->zoneChangesToken();
   }
@@ -120,7 +121,10 @@ void PrivateDatabaseManager::fetchChangesInZones(Callback callback) {
         const auto result = ErrorHandler::resultType(error);
         if (result.isSuccess()) {
           sync.log(zone + " fetch completed, token updated");
-          if (const auto object = zoneObject(zoneID)) object->setZoneChangesToken(token);
+          if (const auto object = zoneObject(zoneID)) {
+            object->setZoneChangesToken(token);
+            object->didFetchChanges();
+          }
         } else if (result.isRetry()) {
           sync.log(zone + " fetch needs retry");
           ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak, callback] {
@@ -153,32 +157,44 @@ void PrivateDatabaseManager::fetchChangesInZones(Callback callback) {
   database().add(std::move(operation));
 }
 
-void PrivateDatabaseManager::createCustomZonesIfAllowed() {
+void PrivateDatabaseManager::createCustomZonesIfAllowed() { createZones(true); }
+
+void PrivateDatabaseManager::makeZonesAgain() { createZones(false); }
+
+void PrivateDatabaseManager::createZones(bool firstTime) {
   std::vector<CKRecordZone> zones;
   for (const auto& object : syncObjects()) {
     if (!object->isCustomZoneCreated()) zones.push_back(CKRecordZone{object->zoneID()});
   }
   if (zones.empty()) return;
   auto operation = std::make_shared<CKModifyRecordZonesOperation>(std::move(zones), std::vector<CKRecordZoneID>{});
-  operation->modifyRecordZonesCompletionBlock = [weak = weakSelf()](std::optional<std::vector<CKRecordZone>>,
-                                                                    std::optional<std::vector<CKRecordZoneID>>,
-                                                                    std::exception_ptr error) {
-    const auto self = weak.lock();
-    if (!self) return;
-    const auto result = ErrorHandler::resultType(error);
-    if (result.isRetry()) {
-      ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak] {
-        if (const auto again = weak.lock()) again->createCustomZonesIfAllowed();
-      });
-    } else if (result.isSuccess()) {
-      // Every class, not only those whose zone was missing: the first full
-      // push happens here, and after a zone was gone, the push that fills it.
-      for (const auto& object : self->syncObjects()) {
-        object->setIsCustomZoneCreated(true);
-        DispatchQueue::main().async([object] { object->pushLocalObjectsToCloudKit(); });
-      }
-    }
-  };
+  operation->modifyRecordZonesCompletionBlock =
+      [weak = weakSelf(), firstTime](std::optional<std::vector<CKRecordZone>>,
+                                     std::optional<std::vector<CKRecordZoneID>>, std::exception_ptr error) {
+        const auto self = std::static_pointer_cast<PrivateDatabaseManager>(weak.lock());
+        if (!self) return;
+        const auto result = ErrorHandler::resultType(error);
+        if (result.isRetry()) {
+          ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weak, firstTime] {
+            if (const auto again = std::static_pointer_cast<PrivateDatabaseManager>(weak.lock())) {
+              again->createZones(firstTime);
+            }
+          });
+        } else if (result.isSuccess() && firstTime) {
+          // Every class, not only those whose zone was missing: the first full
+          // push happens here.
+          for (const auto& object : self->syncObjects()) {
+            object->setIsCustomZoneCreated(true);
+            DispatchQueue::main().async([object] { object->pushLocalObjectsToCloudKit(); });
+          }
+        } else if (result.isSuccess()) {
+          // A zone made again is fetched from nothing, which sends what it lacks
+          // of this installation's records; another installation may have
+          // filled it first, and its copies must not undo newer edits here.
+          for (const auto& object : self->syncObjects()) object->setIsCustomZoneCreated(true);
+          self->fetchChangesInDatabase(nullptr);
+        }
+      };
   CloudSync::shared().log("🔄 Add operation: createCustomZonesIfAllowed");
   database().add(std::move(operation));
 }

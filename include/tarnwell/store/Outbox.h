@@ -8,9 +8,8 @@
 // listening leaves the entry where the next drain finds it. Writes that came
 // from elsewhere (store::Origin::elsewhere, the cloud's own) leave none.
 //
-// An entry names the row by class and primary key and carries a version,
-// taken afresh from an ever-growing sequence at every change of the row.
-// A sender remembers the version it read; the entry leaves only when the
+// An entry names the row by class and primary key and carries a version
+// that every change of the row moves on. A sender remembers the version it read; the entry leaves only when the
 // version acknowledged is still the entry's, so an edit made while a save
 // was on its way is sent again. Several changes of one row before a send
 // are one entry. `known` says the cloud may hold the record: it is false
@@ -68,7 +67,7 @@ class Outbox {
   // was just inserted).
   void journal(std::string_view className, std::string_view recordKey, bool inserted);
 
-  // The entries of a class, oldest version first, at most `limit`.
+  // The entries of a class, at most `limit`, in the order of their keys.
   std::vector<OutboxEntry> entries(std::string_view className, std::size_t limit);
   bool contains(std::string_view className, std::string_view recordKey);
 
@@ -88,6 +87,8 @@ class Outbox {
   // An entry for every live row of the class that has none, known: a full
   // send of the class. `keyColumn` is the class's primary key.
   void enqueueLive(std::string_view className, std::string_view keyColumn);
+  // An entry, known, for one row that has none: a record the cloud lacks.
+  void enqueue(std::string_view className, std::string_view recordKey);
   // Removes the entries of rows inserted here and never sent that are now
   // deleted or gone: nobody else ever saw them.
   void forgetUnsentDeletions(std::string_view className, std::string_view keyColumn);

@@ -116,6 +116,13 @@ class Syncable {
   // Puts the rows of `recordIDs` into the outbox, to be read and sent as
   // they are when the next drain comes: a list that could not be sent.
   virtual void enqueue(const std::vector<CKRecordID>& recordIDs) = 0;
+  // A fetch of the class's zone starts, and ends having brought all of it.
+  // A fetch from nothing (no token: the first, one whose token expired, or a
+  // zone made again) learns every record the zone holds; each live row the
+  // zone turned out not to hold goes into the outbox then, so that what a
+  // zone lost, deleted and made again by another device, is sent again.
+  virtual void willFetchChanges() = 0;
+  virtual void didFetchChanges() = 0;
 
   virtual PipeToEngine pipeToEngine() const = 0;
   virtual void setPipeToEngine(PipeToEngine pipe) = 0;

@@ -15,7 +15,11 @@
 // a request the cloud finds too large is sent again in smaller ones; any
 // other error keeps the changes and tries again after a growing wait, and
 // the next launch drains what is left. A zone the cloud no longer has
-// (26, 28) is made again, and every live record is sent again. A list given
+// (26, 28) is made again and fetched from nothing; what it then lacks of
+// the records this installation recorded (events name their device; other
+// records are everybody's) is sent again, and where the zone holds another
+// installation's older copy of such a record, this one's version replaces
+// it. A list given
 // to syncRecordsToCloudKit that fails goes into the outbox the same way, and
 // its completion hears the error.
 //
@@ -77,9 +81,11 @@ class CloudDatabaseManager : public DatabaseManager, public std::enable_shared_f
 
   std::weak_ptr<CloudDatabaseManager> weakSelf() { return weak_from_this(); }
   std::shared_ptr<Syncable> objectOfZone(const CKRecordZoneID& zoneID) const;
-  // The zone of `object` is not on the server: made again, which sends
-  // every live record again.
+  // The zone of `object` is not on the server: made again and fetched from
+  // nothing (makeZonesAgain).
   void zoneIsGone(Syncable& object);
+  // Makes the zones whose flag is down again, then pulls.
+  virtual void makeZonesAgain() {}
 
  private:
   // One request of an outbox; see the top of this file for its outcomes.
@@ -109,8 +115,14 @@ class PrivateDatabaseManager : public CloudDatabaseManager {
   void fetchChangesInZones(Callback callback);
   // The zones not made yet; once made, the first full push of every class.
   void createCustomZonesIfAllowed() override;
+  void makeZonesAgain() override;
   // The database subscription "private_changes", until it was saved once.
   void createDatabaseSubscriptionIfHaveNot() override;
+
+ private:
+  // The zones whose flag is down; `firstTime` pushes every class once they
+  // are made, otherwise a pull follows.
+  void createZones(bool firstTime);
 };
 
 class PublicDatabaseManager : public CloudDatabaseManager {

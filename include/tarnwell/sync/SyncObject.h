@@ -3,7 +3,7 @@
 // It turns local changes of the class into cloud operations and cloud
 // changes into local writes. Locally the store keeps every change of the
 // class in its outbox (store/Outbox.h) in the same transaction as the change;
-// the object drains it: the entries not on their way yet, oldest first, a
+// the object drains it: the entries not on their way yet, a
 // request at a time, each row read as it is at that moment (a record to
 // store, or for a row marked deleted or gone, its id to delete). An entry
 // leaves the outbox only when the cloud acknowledged the version that was
@@ -39,10 +39,13 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/platform/UserDefaults.h"
+#include "tarnwell/records/Device.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 #include "tarnwell/sync/BackgroundWorker.h"
 #include "tarnwell/sync/CloudSync.h"
@@ -75,6 +78,15 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     return CKServerChangeToken::unarchived(*data);
   }
   void setZoneChangesToken(const std::optional<CKServerChangeToken>& token) override {
+    {
+      // A fetch from nothing keeps its tokens until it has seen the whole
+      // zone: one cut short starts from nothing again, and learns it all.
+      std::lock_guard lock(fetchMutex_);
+      if (fetchingFromNothing_ && token) {
+        tokenOfFetch_ = token;
+        return;
+      }
+    }
     // The records a token covers are in the store before the token is kept.
     BackgroundWorker::shared().commitPending();
     const std::string key = classKey(CloudSyncKey::zoneChangesTokenKey);
@@ -129,12 +141,14 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
         CloudSync::shared().log("There is something wrong with the converson from cloud record to local object");
         return;
       }
+      noteFetched(*key);
       // Unsent work wins over what the cloud has: the drain sends it.
       if (store::Outbox(batch.store().connection()).contains(T::className, *key)) {
         CloudSync::shared().log("🔄 Record " + record.recordID().description() + " kept: it has unsent changes");
         return;
       }
       const T object = parseFromRecord<T, U, V, W>(record, batch.store(), &uWorker_, &vWorker_, &wWorker_);
+      if (keepsRecordedVersion(batch, *key, object)) return;
       uWorker_.setRealmConfiguration(realmConfiguration_);
       vWorker_.setRealmConfiguration(realmConfiguration_);
       wWorker_.setRealmConfiguration(realmConfiguration_);
@@ -146,6 +160,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     BackgroundWorker::shared().start([this, &recordID] {
       auto& batch = openBatch();
       const auto key = primaryKeyText<T>(recordID);
+      if (key) noteFetched(*key);
       if (!key || !batch.store().template object<T>(*key)) return;
       deleteSyncAssetFile(recordID.recordName);
       writeUnheard(batch, [&key](store::WriteTransaction& t) {
@@ -213,6 +228,52 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
         }
       });
     });
+  }
+
+  void willFetchChanges() override {
+    // A store with no live row of the class has nothing the zone could lack.
+    const bool fromNothing = !zoneChangesToken() && hasLiveRows();
+    std::lock_guard lock(fetchMutex_);
+    fetchingFromNothing_ = fromNothing;
+    fetched_.clear();
+    tokenOfFetch_.reset();
+  }
+
+  void didFetchChanges() override {
+    std::optional<CKServerChangeToken> token;
+    {
+      std::lock_guard lock(fetchMutex_);
+      if (!fetchingFromNothing_) return;
+      fetchingFromNothing_ = false;
+      token = std::exchange(tokenOfFetch_, std::nullopt);
+    }
+    BackgroundWorker::shared().start([this] {
+      auto store = workerStore();
+      std::vector<std::string> lacking;
+      const auto key = records::primaryKeyName<T>();
+      const auto recorder = recorderColumn();
+      auto& statement = store.connection().cached(
+          "SELECT " + store::quoteIdentifier(key) + " FROM " + store::quoteIdentifier(T::className) + kLive +
+          (recorder ? " AND " + store::quoteIdentifier(*recorder) + " = ?1" : std::string()));
+      if (recorder) statement.bind(1, Settings::deviceId());
+      {
+        std::lock_guard lock(fetchMutex_);
+        for (sqlite::Cursor rows(statement); rows.next();) {
+          if (!rows->isNull(0) && !fetched_.contains(rows->text(0))) lacking.push_back(rows->text(0));
+        }
+        fetched_.clear();
+      }
+      if (lacking.empty()) return;
+      CloudSync::shared().log("🔄 Record zone " + sync::zoneID<T>().description() + " lacks " +
+                              std::to_string(lacking.size()) + " local records: sent again");
+      writeUnheard(store, [&lacking](store::WriteTransaction& t) {
+        store::Outbox outbox(t.connection());
+        for (const auto& each : lacking) outbox.enqueue(T::className, each);
+      });
+    });
+    // Kept only now: the zone's records are all in the store, and those it
+    // lacks in the outbox.
+    if (token) setZoneChangesToken(token);
   }
 
   void pause() override {
@@ -319,6 +380,64 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     writeUnheard(store, std::forward<F>(body));
   }
 
+  static constexpr const char* kLive = " WHERE \"isDeleted\" = 0";
+
+  // Events name the installation that recorded them, and a Device row is
+  // its installation's own; other records are everybody's.
+  static std::optional<std::string> recorderColumn() {
+    if constexpr (std::is_same_v<T, Device>) {
+      return std::string(records::primaryKeyName<T>());
+    } else if constexpr (requires(T object) { object.deviceId; }) {
+      return std::string("deviceId");
+    } else {
+      return std::nullopt;
+    }
+  }
+  static bool recordedHere(const T& object) {
+    if constexpr (std::is_same_v<T, Device>) {
+      return object.id == Settings::deviceId();
+    } else if constexpr (requires { object.deviceId; }) {
+      return object.deviceId == Settings::deviceId();
+    } else {
+      return true;
+    }
+  }
+
+  // On the worker, in a fetch from nothing: whether the row of `fetched`,
+  // recorded here, stays as it is. The installation that recorded a row
+  // speaks for it when a zone is filled again: another one may have sent
+  // an older copy into the new zone first, which must not undo the
+  // recorder's edits. A version that differs is sent again instead.
+  bool keepsRecordedVersion(store::BatchWriter& batch, const std::string& key, const T& fetched) {
+    {
+      std::lock_guard lock(fetchMutex_);
+      if (!fetchingFromNothing_) return false;
+    }
+    const auto local = batch.store().template object<T>(key);
+    if (!local || !recordedHere(*local)) return false;
+    if (*local == fetched) return true;
+    CloudSync::shared().log("🔄 Record " + key + " kept: this device recorded it");
+    writeUnheard(batch,
+                 [&key](store::WriteTransaction& t) { store::Outbox(t.connection()).enqueue(T::className, key); });
+    return true;
+  }
+
+  bool hasLiveRows() {
+    bool found = false;
+    BackgroundWorker::shared().start([&] {
+      auto store = workerStore();
+      auto& statement =
+          store.connection().cached("SELECT 1 FROM " + store::quoteIdentifier(T::className) + kLive + " LIMIT 1");
+      found = sqlite::Cursor(statement).next();
+    });
+    return found;
+  }
+
+  void noteFetched(const std::string& key) {
+    std::lock_guard lock(fetchMutex_);
+    if (fetchingFromNothing_) fetched_.insert(key);
+  }
+
   // A local commit: its changes are in the outbox already, and leave now
   // unless the class is paused.
   void storeDidChange(const store::ChangeSet& changes) {
@@ -339,6 +458,12 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
   // Requests hold at most this many items, records and deletions counted;
   // halved after a request the cloud found too large.
   static constexpr std::size_t kRequestLimit = 400;
+  // What a fetch from nothing has seen of the zone so far.
+  std::mutex fetchMutex_;
+  bool fetchingFromNothing_ = false;
+  std::unordered_set<std::string> fetched_;
+  std::optional<CKServerChangeToken> tokenOfFetch_;
+
   std::mutex inFlightMutex_;
   std::set<std::string> inFlight_;
   std::size_t requestLimit_ = kRequestLimit;
