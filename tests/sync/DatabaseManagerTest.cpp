@@ -5,6 +5,7 @@
 
 #include "sync/SyncFixture.h"
 #include "sync/TestRecords.h"
+#include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Outbox.h"
 
 namespace tarnwell::testing {
@@ -165,6 +166,48 @@ TEST_F(DatabaseManagerTest, APullBringsAnotherDevicesRecordsAndExpiredTokensFetc
   EXPECT_TRUE(pulled);
   EXPECT_EQ(b.live(), a.live());
   EXPECT_EQ(pushesOfB(), 0u);
+}
+
+// A zone the user deleted, found gone first by a device holding an older
+// copy: each device sends again what it recorded, and the recorder's last
+// edit is what every device ends with.
+TEST_F(DatabaseManagerTest, AZoneMadeAgainEndsWithEachRecordersLatestVersion) {
+  const auto as = [this](const char* name) -> Device& {
+    Settings::setDeviceId(name);
+    return devices.count(name) ? devices[name] : start(name);
+  };
+  const auto pull = [this](Device& d) {
+    bool pulled = false;
+    d.engine->pull([&pulled](std::exception_ptr) { pulled = true; });
+    env.pump();
+    EXPECT_TRUE(pulled);
+  };
+  Device& a = as("A");
+  Pickup edited = pickups(1)[0];
+  write(a, std::vector{edited});
+  Device& b = as("B");
+  write(b, pickups(1));
+  pull(b);
+  pull(as("A"));
+  ASSERT_EQ(a.live().size(), 2u);
+  ASSERT_EQ(b.live(), a.live());
+
+  edited.end = *edited.end + 45;
+  write(a, std::vector{edited});
+  cloud->deleteZone(CKDatabaseScope::privateScope, sync::zoneID<Pickup>());
+  pull(as("B"));
+  EXPECT_TRUE(logged("🔄 Record zone " + sync::zoneID<Pickup>().description() + " is gone: made again"));
+  pull(as("A"));
+  pull(as("B"));
+
+  EXPECT_EQ(a.live(), b.live());
+  ASSERT_EQ(a.live().size(), 2u);
+  EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 2u);
+  for (const auto& pickup : b.live()) {
+    if (pickup.id == edited.id) {
+      EXPECT_EQ(pickup.end, edited.end);
+    }
+  }
 }
 
 TEST_F(DatabaseManagerTest, APushReachesTheOtherDeviceThroughItsSubscription) {
