@@ -12,8 +12,15 @@
 //
 // The host tells it about the application's life: silent pushes
 // (handleRemoteNotification), and going to the background and back. In the
-// background only focus sessions still leave at once; on return the pickups
-// and walks of this device from that stretch are pushed.
+// background only focus sessions still leave at once; every other change
+// waits in the store's outbox, whatever record it touches, and leaves with
+// the pull on return. The pickups and walks of this device from that stretch
+// are then pushed as well, as the app has always done.
+//
+// Unlike a design that lets changes made during a pause go unqueued, or a
+// push that failed wait for a full push, nothing a command wrote is left to
+// chance here: a change leaves the outbox only once the cloud acknowledged
+// it (sync/SyncObject.h), and every pull that succeeds drains it.
 //
 //   CloudService::pullAll([](bool synced) { ... });
 
@@ -124,8 +131,8 @@ class CloudService {
 
   // Pauses the classes that may pause and notes when.
   static void enterBackground();
-  // Resumes, pulls, and pushes this device's pickups and walks of the
-  // background stretch, which nothing observed.
+  // Resumes and pulls, which sends what the stretch left in the outbox, then
+  // pushes this device's pickups and walks of the stretch.
   static void enterForeground();
   // For a host whose process ends while the app is in the background, where
   // the app would only have been suspended: the stretch that began at

@@ -6,8 +6,10 @@
 //   const auto result = ErrorHandler::resultType(error);
 //   if (result.isRetry()) ErrorHandler::retryOperationIfPossible(result.afterSeconds(), again);
 //
-// It also owns the text of every code and the rule for waiting before a
-// retry: only as long as the cloud asked, never a delay of its own. It keeps
+// It also owns the text of every code and the rules for waiting: a retry
+// waits as long as the cloud asked; changes kept after an error that asked
+// for no wait go again after a growing wait of its own (retryLater), since
+// here no error may leave a change unsent. It keeps
 // no state; every call stands alone, on whatever thread the operation's block
 // runs.
 

@@ -19,6 +19,15 @@
 // deletion from the cloud removes the row, and its unsent changes, for good.
 // A record whose name gives no primary key is refused with a log line.
 //
+// A fetch from nothing (the first, one after expired tokens, or of a zone
+// made again) learns the whole zone. The rows this installation recorded
+// that the zone lacks then go into the outbox, and a fetched copy that
+// differs from such a row is not written: the row is sent instead. Events
+// name the device that recorded them and a Device row is its device's own;
+// other records (tags) are everybody's. So a zone deleted and made again is
+// filled by the devices that recorded its records, and an older copy that
+// another device sent first does not undo the recorder's edits.
+//
 // A local deletion only marks the row; the row stays until cleanUp(), which
 // removes it only once its deletion was acknowledged (or it never left).
 //
