@@ -168,9 +168,10 @@ TEST_F(DatabaseManagerTest, APullBringsAnotherDevicesRecordsAndExpiredTokensFetc
   EXPECT_EQ(pushesOfB(), 0u);
 }
 
-// A zone the user deleted, found gone first by a device holding an older
-// copy: each device sends again what it recorded, and the recorder's last
-// edit is what every device ends with.
+// A zone the user deleted, found gone first by a device holding older
+// copies: each device sends again what it recorded, the recorder's last edit
+// is what every device ends with, and a deletion the zone took with it is
+// not undone.
 TEST_F(DatabaseManagerTest, AZoneMadeAgainEndsWithEachRecordersLatestVersion) {
   const auto as = [this](const char* name) -> Device& {
     Settings::setDeviceId(name);
@@ -183,17 +184,20 @@ TEST_F(DatabaseManagerTest, AZoneMadeAgainEndsWithEachRecordersLatestVersion) {
     EXPECT_TRUE(pulled);
   };
   Device& a = as("A");
-  Pickup edited = pickups(1)[0];
-  write(a, std::vector{edited});
+  const auto made = pickups(2);
+  Pickup edited = made[0];
+  Pickup deleted = made[1];
+  write(a, made);
   Device& b = as("B");
   write(b, pickups(1));
   pull(b);
   pull(as("A"));
-  ASSERT_EQ(a.live().size(), 2u);
+  ASSERT_EQ(a.live().size(), 3u);
   ASSERT_EQ(b.live(), a.live());
 
   edited.end = *edited.end + 45;
-  write(a, std::vector{edited});
+  deleted.isDeleted = true;
+  write(a, std::vector{edited, deleted});
   cloud->deleteZone(CKDatabaseScope::privateScope, sync::zoneID<Pickup>());
   pull(as("B"));
   EXPECT_TRUE(logged("🔄 Record zone " + sync::zoneID<Pickup>().description() + " is gone: made again"));
@@ -203,6 +207,7 @@ TEST_F(DatabaseManagerTest, AZoneMadeAgainEndsWithEachRecordersLatestVersion) {
   EXPECT_EQ(a.live(), b.live());
   ASSERT_EQ(a.live().size(), 2u);
   EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 2u);
+  EXPECT_FALSE(store::Store::open(b.configuration).object<Pickup>(*deleted.id));
   for (const auto& pickup : b.live()) {
     if (pickup.id == edited.id) {
       EXPECT_EQ(pickup.end, edited.end);

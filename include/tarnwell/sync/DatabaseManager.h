@@ -19,9 +19,8 @@
 // the records this installation recorded (events name their device; other
 // records are everybody's) is sent again, and where the zone holds another
 // installation's older copy of such a record, this one's version replaces
-// it. A list given
-// to syncRecordsToCloudKit that fails goes into the outbox the same way, and
-// its completion hears the error.
+// it. A list given to syncRecordsToCloudKit that fails goes into the outbox
+// the same way, and its completion hears the error.
 //
 // Some behaviour is kept as the system has always had it, because devices in
 // the field depend on the data it produced and nothing depends on it being

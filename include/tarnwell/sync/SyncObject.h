@@ -23,10 +23,12 @@
 // made again) learns the whole zone. The rows this installation recorded
 // that the zone lacks then go into the outbox, and a fetched copy that
 // differs from such a row is not written: the row is sent instead. Events
-// name the device that recorded them and a Device row is its device's own;
-// other records (tags) are everybody's. So a zone deleted and made again is
-// filled by the devices that recorded its records, and an older copy that
-// another device sent first does not undo the recorder's edits.
+// name the device that recorded them and a Device row is its device's own.
+// So a zone deleted and made again is filled by the devices that recorded
+// its records, and an older copy that another device sent first does not
+// undo the recorder's edits. Records nobody recorded (tags) are everybody's:
+// each installation sends those the zone lacks and takes the zone's copy of
+// the others, so there the device that fills the zone first wins.
 //
 // A local deletion only marks the row; the row stays until cleanUp(), which
 // removes it only once its deletion was acknowledged (or it never left).
@@ -258,27 +260,50 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     }
     BackgroundWorker::shared().start([this] {
       auto store = workerStore();
-      std::vector<std::string> lacking;
-      const auto key = records::primaryKeyName<T>();
+      const auto key = store::quoteIdentifier(records::primaryKeyName<T>());
       const auto recorder = recorderColumn();
+      // Rows without unsent changes: the key, whether this installation
+      // speaks for the row, and whether it is deleted.
       auto& statement = store.connection().cached(
-          "SELECT " + store::quoteIdentifier(key) + " FROM " + store::quoteIdentifier(T::className) + kLive +
-          (recorder ? " AND " + store::quoteIdentifier(*recorder) + " = ?1" : std::string()));
-      if (recorder) statement.bind(1, Settings::deviceId());
+          "SELECT " + key + ", " + (recorder ? store::quoteIdentifier(*recorder) + " = ?2" : std::string("1")) +
+          ", \"isDeleted\" FROM " + store::quoteIdentifier(T::className) +
+          " WHERE NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = " + key + ")");
+      statement.bind(1, T::className);
+      if (recorder) statement.bind(2, Settings::deviceId());
+      std::vector<std::string> lacking;
+      std::vector<std::string> gone;
       {
         std::lock_guard lock(fetchMutex_);
         for (sqlite::Cursor rows(statement); rows.next();) {
-          if (!rows->isNull(0) && !fetched_.contains(rows->text(0))) lacking.push_back(rows->text(0));
+          if (rows->isNull(0) || fetched_.contains(rows->text(0))) continue;
+          if (rows->int64(1) == 0) {
+            gone.push_back(rows->text(0));
+          } else if (rows->int64(2) == 0) {
+            lacking.push_back(rows->text(0));
+          }
         }
         fetched_.clear();
       }
-      if (lacking.empty()) return;
-      CloudSync::shared().log("🔄 Record zone " + sync::zoneID<T>().description() + " lacks " +
-                              std::to_string(lacking.size()) + " local records: sent again");
-      writeUnheard(store, [&lacking](store::WriteTransaction& t) {
-        store::Outbox outbox(t.connection());
-        for (const auto& each : lacking) outbox.enqueue(T::className, each);
-      });
+      const std::string zone = "🔄 Record zone " + sync::zoneID<T>().description();
+      // A copy of another device's record that the zone no longer holds was
+      // deleted there; if the zone was only lost, its recorder sends it again.
+      if (!gone.empty()) {
+        CloudSync::shared().log(zone + " no longer holds " + std::to_string(gone.size()) +
+                                " records of other devices: removed here");
+        for (const auto& each : gone) deleteSyncAssetFile(each);
+        writeUnheard(store, [&](store::WriteTransaction& t) {
+          for (const auto& each : gone) {
+            t.template remove<T>(store::Query().filter(key + " = ?", {store::QueryValue(each)}));
+          }
+        });
+      }
+      if (!lacking.empty()) {
+        CloudSync::shared().log(zone + " lacks " + std::to_string(lacking.size()) + " local records: sent again");
+        writeUnheard(store, [&lacking](store::WriteTransaction& t) {
+          store::Outbox outbox(t.connection());
+          for (const auto& each : lacking) outbox.enqueue(T::className, each);
+        });
+      }
     });
     // Kept only now: the zone's records are all in the store, and those it
     // lacks in the outbox.
@@ -408,7 +433,8 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     } else if constexpr (requires { object.deviceId; }) {
       return object.deviceId == Settings::deviceId();
     } else {
-      return true;
+      // Nobody speaks for it: the cloud's copy is as good as this one.
+      return false;
     }
   }
 
