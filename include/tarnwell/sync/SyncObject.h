@@ -26,9 +26,12 @@
 // name the device that recorded them and a Device row is its device's own.
 // So a zone deleted and made again is filled by the devices that recorded
 // its records, and an older copy that another device sent first does not
-// undo the recorder's edits. Records nobody recorded (tags) are everybody's:
-// each installation sends those the zone lacks and takes the zone's copy of
-// the others, so there the device that fills the zone first wins.
+// undo the recorder's edits. A copy of another device's row that the zone
+// no longer holds, with no unsent change here, is removed: the zone lost its
+// deletion, or its recorder sends it again. Records nobody recorded (tags)
+// are everybody's: each installation sends those the zone lacks and takes
+// the zone's copy of the others, so there the device that fills the zone
+// first wins.
 //
 // A local deletion only marks the row; the row stays until cleanUp(), which
 // removes it only once its deletion was acknowledged (or it never left).
