@@ -22,6 +22,13 @@ constexpr std::string_view kCreate =
 // acknowledgement but by a chance of one in 2^62.
 constexpr std::string_view kFreshVersion = "(random() & 4611686018427387903)";
 
+// `known` of an entry that gives way to the cloud's copy, and of one that
+// only remembers that the row's last change was made here and acknowledged
+// (acknowledge, `keepAuthored`). A local change of the row makes either an
+// ordinary known entry again.
+constexpr std::int64_t kYielding = 2;
+constexpr std::int64_t kAuthored = 3;
+
 }  // namespace
 
 TableSchema Outbox::tableSchema() {
@@ -39,7 +46,8 @@ void Outbox::journal(std::string_view className, std::string_view recordKey, boo
   static const std::string sql =
       "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") VALUES (?1, ?2, " +
       std::string(kFreshVersion) +
-      ", ?3, ?4) ON CONFLICT (\"className\", \"recordKey\") DO UPDATE SET \"version\" = \"version\" + 1";
+      ", ?3, ?4) ON CONFLICT (\"className\", \"recordKey\") DO UPDATE SET \"version\" = \"version\" + 1, \"known\" = "
+      "min(\"known\", 1)";
   auto& statement = connection_.cached(sql);
   statement.bind(1, className).bind(2, recordKey).bind(3, !inserted);
   statement.bind(4, Date::now().timeIntervalSinceReferenceDate());
@@ -48,7 +56,7 @@ void Outbox::journal(std::string_view className, std::string_view recordKey, boo
 
 std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t limit) {
   auto& statement = connection_.cached(
-      "SELECT \"recordKey\", \"version\", \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 "
+      "SELECT \"recordKey\", \"version\", \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"known\" != 3 "
       "ORDER BY \"recordKey\" LIMIT ?2");
   statement.bind(1, className).bind(2, static_cast<std::int64_t>(limit));
   std::vector<OutboxEntry> found;
@@ -58,10 +66,20 @@ std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t
   return found;
 }
 
-bool Outbox::contains(std::string_view className, std::string_view recordKey) {
-  auto& statement = connection_.cached("SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
+Outbox::Hold Outbox::hold(std::string_view className, std::string_view recordKey) {
+  auto& statement =
+      connection_.cached("SELECT \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
   statement.bind(1, className).bind(2, recordKey);
-  return sqlite::Cursor(statement).next();
+  sqlite::Cursor rows(statement);
+  if (!rows.next()) return Hold::none;
+  switch (rows->int64(0)) {
+    case kYielding:
+      return Hold::yield;
+    case kAuthored:
+      return Hold::authored;
+    default:
+      return Hold::keep;
+  }
 }
 
 void Outbox::markKnown(std::string_view className, const std::vector<std::string>& recordKeys) {
@@ -73,9 +91,11 @@ void Outbox::markKnown(std::string_view className, const std::vector<std::string
   }
 }
 
-std::size_t Outbox::acknowledge(std::string_view className, const std::vector<SentVersion>& sent) {
-  auto& statement =
-      connection_.cached("DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"version\" = ?3");
+std::size_t Outbox::acknowledge(std::string_view className, const std::vector<SentVersion>& sent, bool keepAuthored) {
+  auto& statement = connection_.cached(
+      keepAuthored ? "UPDATE \"Outbox\" SET \"known\" = 3 WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND "
+                     "\"version\" = ?3"
+                   : "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"version\" = ?3");
   std::size_t stayed = 0;
   for (const auto& [key, version] : sent) {
     statement.bind(1, className).bind(2, std::string_view(key)).bind(3, version);
@@ -96,32 +116,36 @@ void Outbox::journalInsertedAfter(std::string_view className, std::string_view k
       "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") SELECT ?1, " +
       quoteIdentifier(keyColumn) + ", " + std::string(kFreshVersion) + ", 0, ?2 FROM " + quoteIdentifier(className) +
       " WHERE rowid > ?3 AND " + quoteIdentifier(keyColumn) +
-      " IS NOT NULL ORDER BY rowid ON CONFLICT DO UPDATE SET \"version\" = \"version\" + 1");
+      " IS NOT NULL ORDER BY rowid ON CONFLICT DO UPDATE SET \"version\" = \"version\" + 1, \"known\" = min(\"known\", "
+      "1)");
   statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate()).bind(3, rowid);
   statement.execute();
 }
 
 void Outbox::enqueueLive(std::string_view className, std::string_view keyColumn) {
   auto& statement = connection_.cached(
-      "INSERT OR IGNORE INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") SELECT ?1, " +
+      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") SELECT ?1, " +
       quoteIdentifier(keyColumn) + ", " + std::string(kFreshVersion) + ", 1, ?2 FROM " + quoteIdentifier(className) +
-      " WHERE \"isDeleted\" = 0 AND " + quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid");
+      " WHERE \"isDeleted\" = 0 AND " + quoteIdentifier(keyColumn) +
+      " IS NOT NULL ORDER BY rowid ON CONFLICT DO UPDATE SET \"known\" = 1, \"version\" = \"version\" + 1 WHERE "
+      "\"known\" = 3");
   statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate());
   statement.execute();
 }
 
-void Outbox::enqueue(std::string_view className, std::string_view recordKey) {
+void Outbox::enqueue(std::string_view className, std::string_view recordKey, bool yielding) {
   auto& statement = connection_.cached(
-      "INSERT OR IGNORE INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") VALUES (?1, "
-      "?2, " +
-      std::string(kFreshVersion) + ", 1, ?3)");
+      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") VALUES (?1, ?2, " +
+      std::string(kFreshVersion) +
+      ", ?4, ?3) ON CONFLICT DO UPDATE SET \"known\" = 1, \"version\" = \"version\" + 1 WHERE \"known\" = 3");
   statement.bind(1, className).bind(2, recordKey).bind(3, Date::now().timeIntervalSinceReferenceDate());
+  statement.bind(4, yielding ? kYielding : std::int64_t{1});
   statement.execute();
 }
 
 void Outbox::forgetUnsentDeletions(std::string_view className, std::string_view keyColumn) {
   auto& statement = connection_.cached(
-      "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"known\" = 0 AND NOT EXISTS (SELECT 1 FROM " +
+      "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"known\" IN (0, 3) AND NOT EXISTS (SELECT 1 FROM " +
       quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) +
       " = \"Outbox\".\"recordKey\" AND \"isDeleted\" = 0)");
   statement.bind(1, className);
@@ -131,7 +155,8 @@ void Outbox::forgetUnsentDeletions(std::string_view className, std::string_view 
 OutboxSummary Outbox::summary() {
   OutboxSummary result;
   auto& statement = connection_.cached(
-      "SELECT \"className\", count(*), min(\"since\") FROM \"Outbox\" GROUP BY \"className\" ORDER BY \"className\"");
+      "SELECT \"className\", count(*), min(\"since\") FROM \"Outbox\" WHERE \"known\" != 3 GROUP BY \"className\" "
+      "ORDER BY \"className\"");
   for (sqlite::Cursor rows(statement); rows.next();) {
     const auto count = static_cast<std::size_t>(rows->int64(1));
     result.count += count;

@@ -51,7 +51,8 @@ class SyncObjectTest : public EnvironmentTest {
     const Date start = env.clock().now() + minute * 60.0;
     return Pickup(start, start + 60);
   }
-  CKRecord cloudRecord(const Pickup& from) {
+  template <class Record>
+  CKRecord cloudRecord(const Record& from) {
     auto store = store::Store::open(configuration);
     return sync::record(from, store);
   }
@@ -196,6 +197,68 @@ TEST_F(SyncObjectTest, PullsNeverWriteOverUnsentWorkButACloudDeletionWins) {
   object->add(nameless);
   env.pump();
   EXPECT_TRUE(store::Store::open(configuration).objects<Pickup>().empty());
+}
+
+// A fetch from nothing, as after a zone was deleted and made again by a
+// device holding older copies: what this device speaks for stays and is sent
+// again; the rest follows the zone.
+TEST_F(SyncObjectTest, AFetchFromNothingKeepsWhatThisDeviceSpeaksFor) {
+  configuration.tables.push_back(store::tableSchema<Tag>());
+  configuration.outboxClasses.push_back("Tag");
+  auto pickups = makeObject();
+  auto tags = std::make_shared<SyncObject<Tag>>(configuration);
+  tags->setPipeToEngine([this](sync::OutgoingChanges changes) { pushes.push_back({{}, {}, std::move(changes)}); });
+  tags->registerLocalDatabase();
+  env.pump();
+
+  Pickup recorded = pickup(0);
+  Pickup copy = pickup(5);
+  copy.deviceId = "OTHER";
+  write(recorded);
+  const auto sent = pushes.back().changes;
+  pickups->didSend(sent);
+  store::Store::open(configuration).write([&](auto& t) { t.add(copy); }, {}, store::Origin::elsewhere);
+  Tag tag;
+  tag.id = "TAG";
+  tag.title = "Mine";
+  store::Store::open(configuration).write([&](auto& t) { t.add(tag); });
+  env.pump();
+  const auto tagSent = pushes.back().changes;
+  tags->didSend(tagSent);
+  EXPECT_EQ(unsent(), 0u);
+  // The echo of the tag leaves it this device's own.
+  tags->add(cloudRecord(tag));
+  env.pump();
+
+  Pickup older = recorded;
+  older.end = older.end->addingTimeInterval(-30);
+  Tag olderTag = tag;
+  olderTag.title = "Theirs";
+  pushes.clear();
+  pickups->willFetchChanges();
+  tags->willFetchChanges();
+  pickups->add(cloudRecord(older));
+  tags->add(cloudRecord(olderTag));
+  env.pump();
+  pickups->didFetchChanges();
+  tags->didFetchChanges();
+  env.pump();
+  EXPECT_EQ(row(*recorded.id)->end, recorded.end) << "an older copy undid the recorder's edit";
+  EXPECT_EQ(store::Store::open(configuration).object<Tag>("TAG")->title, "Mine");
+  EXPECT_FALSE(row(*copy.id)) << "another device's copy the zone no longer holds stays";
+  EXPECT_EQ(unsent(), 2u);
+
+  // Outside a fetch from nothing the cloud's copy of a tag wins.
+  tags->drainOutbox(false);
+  ASSERT_FALSE(pushes.empty());
+  const auto resent = pushes.back().changes;
+  EXPECT_EQ(resent.versions.front().first, "TAG");
+  tags->didSend(resent);
+  tags->setZoneChangesToken(CKServerChangeToken("zone-1"));
+  tags->willFetchChanges();
+  tags->add(cloudRecord(olderTag));
+  env.pump();
+  EXPECT_EQ(store::Store::open(configuration).object<Tag>("TAG")->title, "Theirs");
 }
 
 TEST_F(SyncObjectTest, RequestsHoldAtMostFourHundredItemsAndGetSmallerWhenTooLarge) {

@@ -14,6 +14,7 @@
 // was on its way is sent again. Several changes of one row before a send
 // are one entry. `known` says the cloud may hold the record: it is false
 // for a row inserted here and never sent, whose deletion then costs nothing.
+// (Stored as 0 and 1, and 2 for an entry that yields, see hold().)
 //
 // These functions work on the connection of a write (or, for reads, any)
 // and never notify observers: the outbox is bookkeeping, not records.
@@ -69,14 +70,23 @@ class Outbox {
 
   // The entries of a class, at most `limit`, in the order of their keys.
   std::vector<OutboxEntry> entries(std::string_view className, std::size_t limit);
-  bool contains(std::string_view className, std::string_view recordKey);
+
+  // What a copy of the record fetched from the cloud meets here: no entry;
+  // unsent work, which the copy must not undo; a record only sent again
+  // because the cloud lacked it (enqueue, `yielding`), which any copy the
+  // cloud holds by now replaces; or a row whose last change was made here
+  // and acknowledged (`authored`), which nothing is waiting to send.
+  enum class Hold { none, keep, yield, authored };
+  Hold hold(std::string_view className, std::string_view recordKey);
 
   // Marks records as possibly held by the cloud: done before a save is
   // sent, whatever becomes of the save.
   void markKnown(std::string_view className, const std::vector<std::string>& recordKeys);
-  // Removes the entries whose version is still the one sent; returns how
-  // many of them changed meanwhile and stay.
-  std::size_t acknowledge(std::string_view className, const std::vector<SentVersion>& sent);
+  // Removes the entries whose version is still the one sent, or with
+  // `keepAuthored` keeps them as authored (see hold()); returns how many of
+  // them changed meanwhile and stay. Authored entries are not sent, counted
+  // or listed.
+  std::size_t acknowledge(std::string_view className, const std::vector<SentVersion>& sent, bool keepAuthored = false);
   // Removes an entry whatever its version: a deletion from the cloud wins,
   // and a row never sent that is gone needs no send.
   void forget(std::string_view className, std::string_view recordKey);
@@ -84,13 +94,17 @@ class Outbox {
   // An entry, not known, for every row of the class after `rowid`: rows a
   // bulk writer inserted with statements of its own.
   void journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
-  // An entry for every live row of the class that has none, known: a full
-  // send of the class. `keyColumn` is the class's primary key.
+  // An entry for every live row of the class that has none (or only an
+  // authored one), known: a full send of the class. `keyColumn` is the
+  // class's primary key.
   void enqueueLive(std::string_view className, std::string_view keyColumn);
-  // An entry, known, for one row that has none: a record the cloud lacks.
-  void enqueue(std::string_view className, std::string_view recordKey);
+  // An entry, known, for one row that has none (or an authored one): a
+  // record the cloud lacks. A new `yielding` one gives way to any copy a
+  // later fetch brings.
+  void enqueue(std::string_view className, std::string_view recordKey, bool yielding = false);
   // Removes the entries of rows inserted here and never sent that are now
-  // deleted or gone: nobody else ever saw them.
+  // deleted or gone (nobody else ever saw them), and the authored marks of
+  // rows deleted or gone.
   void forgetUnsentDeletions(std::string_view className, std::string_view keyColumn);
 
   OutboxSummary summary();

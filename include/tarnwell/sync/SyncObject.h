@@ -157,16 +157,25 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       }
       noteFetched(*key);
       // Unsent work wins over what the cloud has: the drain sends it.
-      if (store::Outbox(batch.store().connection()).contains(T::className, *key)) {
+      const auto hold = store::Outbox(batch.store().connection()).hold(T::className, *key);
+      if (hold == store::Outbox::Hold::keep) {
         CloudSync::shared().log("🔄 Record " + record.recordID().description() + " kept: it has unsent changes");
         return;
       }
       const T object = parseFromRecord<T, U, V, W>(record, batch.store(), &uWorker_, &vWorker_, &wWorker_);
-      if (keepsRecordedVersion(batch, *key, object)) return;
+      if (hold == store::Outbox::Hold::authored) {
+        // The echo of this device's own change keeps it the row's author.
+        if (const auto local = batch.store().template object<T>(*key); local && *local == object) return;
+      }
+      if (keepsOwnVersion(batch, *key, object, hold)) return;
       uWorker_.setRealmConfiguration(realmConfiguration_);
       vWorker_.setRealmConfiguration(realmConfiguration_);
       wWorker_.setRealmConfiguration(realmConfiguration_);
-      writeUnheard(batch, [&object](store::WriteTransaction& t) { t.add(object, store::UpdatePolicy::all); });
+      writeUnheard(batch, [&](store::WriteTransaction& t) {
+        // A copy from the cloud is what this device holds now.
+        if (hold != store::Outbox::Hold::none) store::Outbox(t.connection()).forget(T::className, *key);
+        t.add(object, store::UpdatePolicy::all);
+      });
     });
   }
 
@@ -217,7 +226,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     BackgroundWorker::shared().start([&] {
       auto store = workerStore();
       writeUnheard(store, [&changes](store::WriteTransaction& t) {
-        store::Outbox(t.connection()).acknowledge(T::className, changes.versions);
+        store::Outbox(t.connection()).acknowledge(T::className, changes.versions, !kHasRecorder);
       });
       std::lock_guard lock(inFlightMutex_);
       for (const auto& [key, version] : changes.versions) inFlight_.erase(key);
@@ -270,7 +279,8 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       auto& statement = store.connection().cached(
           "SELECT " + key + ", " + (recorder ? store::quoteIdentifier(*recorder) + " = ?2" : std::string("1")) +
           ", \"isDeleted\" FROM " + store::quoteIdentifier(T::className) +
-          " WHERE NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = " + key + ")");
+          " WHERE NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = " + key +
+          " AND \"known\" != 3)");
       statement.bind(1, T::className);
       if (recorder) statement.bind(2, Settings::deviceId());
       std::vector<std::string> lacking;
@@ -302,9 +312,12 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       }
       if (!lacking.empty()) {
         CloudSync::shared().log(zone + " lacks " + std::to_string(lacking.size()) + " local records: sent again");
-        writeUnheard(store, [&lacking](store::WriteTransaction& t) {
+        // What nobody recorded is sent so that the zone has it, not over a
+        // copy another device has sent meanwhile, which may be newer.
+        const bool yielding = !recorder;
+        writeUnheard(store, [&](store::WriteTransaction& t) {
           store::Outbox outbox(t.connection());
-          for (const auto& each : lacking) outbox.enqueue(T::className, each);
+          for (const auto& each : lacking) outbox.enqueue(T::className, each, yielding);
         });
       }
     });
@@ -421,6 +434,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
 
   // Events name the installation that recorded them, and a Device row is
   // its installation's own; other records are everybody's.
+  static constexpr bool kHasRecorder = std::is_same_v<T, Device> || requires(T object) { object.deviceId; };
   static std::optional<std::string> recorderColumn() {
     if constexpr (std::is_same_v<T, Device>) {
       return std::string(records::primaryKeyName<T>());
@@ -441,20 +455,22 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     }
   }
 
-  // On the worker, in a fetch from nothing: whether the row of `fetched`,
-  // recorded here, stays as it is. The installation that recorded a row
-  // speaks for it when a zone is filled again: another one may have sent
-  // an older copy into the new zone first, which must not undo the
-  // recorder's edits. A version that differs is sent again instead.
-  bool keepsRecordedVersion(store::BatchWriter& batch, const std::string& key, const T& fetched) {
+  // On the worker, in a fetch from nothing: whether the row of `fetched`
+  // stays as it is, because this installation speaks for it: it recorded
+  // the row, or for records nobody recorded, it made the row's last change
+  // (`hold` authored). Another installation may have sent an older copy into
+  // a zone made again first, which must not undo that. A version that
+  // differs is sent again instead.
+  bool keepsOwnVersion(store::BatchWriter& batch, const std::string& key, const T& fetched, store::Outbox::Hold hold) {
     {
       std::lock_guard lock(fetchMutex_);
       if (!fetchingFromNothing_) return false;
     }
+    if (!kHasRecorder && hold != store::Outbox::Hold::authored) return false;
     const auto local = batch.store().template object<T>(key);
-    if (!local || !recordedHere(*local)) return false;
+    if (!local || (kHasRecorder && !recordedHere(*local))) return false;
     if (*local == fetched) return true;
-    CloudSync::shared().log("🔄 Record " + key + " kept: this device recorded it");
+    CloudSync::shared().log("🔄 Record " + key + " kept: this device made it as it is");
     writeUnheard(batch,
                  [&key](store::WriteTransaction& t) { store::Outbox(t.connection()).enqueue(T::className, key); });
     return true;
