@@ -28,10 +28,12 @@
 // its records, and an older copy that another device sent first does not
 // undo the recorder's edits. A copy of another device's row that the zone
 // no longer holds, with no unsent change here, is removed: the zone lost its
-// deletion, or its recorder sends it again. Records nobody recorded (tags)
-// are everybody's: each installation sends those the zone lacks and takes
-// the zone's copy of the others, so there the device that fills the zone
-// first wins.
+// deletion, or its recorder sends it again. For records nobody recorded
+// (tags) the installation that made a row's last change speaks for it: the
+// outbox keeps an authored mark once that change was acknowledged, which an
+// echo leaves and any other copy from the cloud clears. Rows of such records
+// that the zone lacks are sent so that it has them, giving way to any copy
+// that arrives first.
 //
 // A local deletion only marks the row; the row stays until cleanUp(), which
 // removes it only once its deletion was acknowledged (or it never left).
