@@ -1,7 +1,5 @@
 #include "tarnwell/store/Outbox.h"
 
-#include <map>
-
 #include "tarnwell/store/Schema.h"
 #include "tarnwell/store/Store.h"
 
@@ -20,7 +18,7 @@ constexpr std::string_view kCreate =
 // the version sent, and an entry made again after one was forgotten (a
 // deletion from the cloud while a save was on its way) cannot meet the old
 // acknowledgement but by a chance of one in 2^62.
-constexpr std::string_view kFreshVersion = "(random() & 4611686018427387903)";
+constexpr char kFreshVersion[] = "(random() & 4611686018427387903)";
 
 // `known` of an entry that gives way to the cloud's copy, and of one that
 // only remembers that the row's last change was made here and acknowledged
@@ -28,6 +26,16 @@ constexpr std::string_view kFreshVersion = "(random() & 4611686018427387903)";
 // ordinary known entry again.
 constexpr std::int64_t kYielding = 2;
 constexpr std::int64_t kAuthored = 3;
+// The entries that still have something to send.
+constexpr char kUnsent[] = "\"known\" != 3";
+
+constexpr char kInsert[] = "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") ";
+// A row changed again: a new version, and any mark an ordinary entry again.
+constexpr char kChangedAgain[] =
+    " ON CONFLICT DO UPDATE SET \"version\" = \"version\" + 1, \"known\" = min(\"known\", 1)";
+// A row to send again: only an authored mark becomes an entry.
+constexpr char kAuthoredSentAgain[] =
+    " ON CONFLICT DO UPDATE SET \"known\" = 1, \"version\" = \"version\" + 1 WHERE \"known\" = 3";
 
 }  // namespace
 
@@ -44,10 +52,7 @@ TableSchema Outbox::tableSchema() {
 
 void Outbox::journal(std::string_view className, std::string_view recordKey, bool inserted) {
   static const std::string sql =
-      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") VALUES (?1, ?2, " +
-      std::string(kFreshVersion) +
-      ", ?3, ?4) ON CONFLICT (\"className\", \"recordKey\") DO UPDATE SET \"version\" = \"version\" + 1, \"known\" = "
-      "min(\"known\", 1)";
+      std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", ?3, ?4)" + kChangedAgain;
   auto& statement = connection_.cached(sql);
   statement.bind(1, className).bind(2, recordKey).bind(3, !inserted);
   statement.bind(4, Date::now().timeIntervalSinceReferenceDate());
@@ -56,8 +61,8 @@ void Outbox::journal(std::string_view className, std::string_view recordKey, boo
 
 std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t limit) {
   auto& statement = connection_.cached(
-      "SELECT \"recordKey\", \"version\", \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"known\" != 3 "
-      "ORDER BY \"recordKey\" LIMIT ?2");
+      std::string("SELECT \"recordKey\", \"version\", \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND ") +
+      kUnsent + " ORDER BY \"recordKey\" LIMIT ?2");
   statement.bind(1, className).bind(2, static_cast<std::int64_t>(limit));
   std::vector<OutboxEntry> found;
   for (sqlite::Cursor rows(statement); rows.next();) {
@@ -92,10 +97,10 @@ void Outbox::markKnown(std::string_view className, const std::vector<std::string
 }
 
 std::size_t Outbox::acknowledge(std::string_view className, const std::vector<SentVersion>& sent, bool keepAuthored) {
-  auto& statement = connection_.cached(
-      keepAuthored ? "UPDATE \"Outbox\" SET \"known\" = 3 WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND "
-                     "\"version\" = ?3"
-                   : "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"version\" = ?3");
+  auto& statement =
+      connection_.cached(std::string(keepAuthored ? "UPDATE \"Outbox\" SET \"known\" = " + std::to_string(kAuthored)
+                                                  : "DELETE FROM \"Outbox\"") +
+                         " WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"version\" = ?3");
   std::size_t stayed = 0;
   for (const auto& [key, version] : sent) {
     statement.bind(1, className).bind(2, std::string_view(key)).bind(3, version);
@@ -112,51 +117,52 @@ void Outbox::forget(std::string_view className, std::string_view recordKey) {
 }
 
 void Outbox::journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
-  auto& statement = connection_.cached(
-      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") SELECT ?1, " +
-      quoteIdentifier(keyColumn) + ", " + std::string(kFreshVersion) + ", 0, ?2 FROM " + quoteIdentifier(className) +
-      " WHERE rowid > ?3 AND " + quoteIdentifier(keyColumn) +
-      " IS NOT NULL ORDER BY rowid ON CONFLICT DO UPDATE SET \"version\" = \"version\" + 1, \"known\" = min(\"known\", "
-      "1)");
+  auto& statement =
+      connection_.cached(std::string(kInsert) + "SELECT ?1, " + quoteIdentifier(keyColumn) + ", " + kFreshVersion +
+                         ", 0, ?2 FROM " + quoteIdentifier(className) + " WHERE rowid > ?3 AND " +
+                         quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid" + kChangedAgain);
   statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate()).bind(3, rowid);
   statement.execute();
 }
 
 void Outbox::enqueueLive(std::string_view className, std::string_view keyColumn) {
-  auto& statement = connection_.cached(
-      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") SELECT ?1, " +
-      quoteIdentifier(keyColumn) + ", " + std::string(kFreshVersion) + ", 1, ?2 FROM " + quoteIdentifier(className) +
-      " WHERE \"isDeleted\" = 0 AND " + quoteIdentifier(keyColumn) +
-      " IS NOT NULL ORDER BY rowid ON CONFLICT DO UPDATE SET \"known\" = 1, \"version\" = \"version\" + 1 WHERE "
-      "\"known\" = 3");
+  auto& statement =
+      connection_.cached(std::string(kInsert) + "SELECT ?1, " + quoteIdentifier(keyColumn) + ", " + kFreshVersion +
+                         ", 1, ?2 FROM " + quoteIdentifier(className) + " WHERE \"isDeleted\" = 0 AND " +
+                         quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid" + kAuthoredSentAgain);
   statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate());
   statement.execute();
 }
 
 void Outbox::enqueue(std::string_view className, std::string_view recordKey, bool yielding) {
-  auto& statement = connection_.cached(
-      "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") VALUES (?1, ?2, " +
-      std::string(kFreshVersion) +
-      ", ?4, ?3) ON CONFLICT DO UPDATE SET \"known\" = 1, \"version\" = \"version\" + 1 WHERE \"known\" = 3");
+  auto& statement =
+      connection_.cached(std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", ?4, ?3)" + kAuthoredSentAgain);
   statement.bind(1, className).bind(2, recordKey).bind(3, Date::now().timeIntervalSinceReferenceDate());
   statement.bind(4, yielding ? kYielding : std::int64_t{1});
   statement.execute();
 }
 
 void Outbox::forgetUnsentDeletions(std::string_view className, std::string_view keyColumn) {
-  auto& statement = connection_.cached(
-      "DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND \"known\" IN (0, 3) AND NOT EXISTS (SELECT 1 FROM " +
-      quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) +
-      " = \"Outbox\".\"recordKey\" AND \"isDeleted\" = 0)");
+  auto& statement =
+      connection_.cached(std::string("DELETE FROM \"Outbox\" WHERE \"className\" = ?1 AND (\"known\" = 0 OR NOT ") +
+                         kUnsent + ") AND NOT EXISTS (SELECT 1 FROM " + quoteIdentifier(className) + " WHERE " +
+                         quoteIdentifier(keyColumn) + " = \"Outbox\".\"recordKey\" AND \"isDeleted\" = 0)");
   statement.bind(1, className);
   statement.execute();
 }
 
+std::string Outbox::hasNoUnsentWork(std::string_view className, std::string_view keyExpression) {
+  std::string quoted;
+  for (const char c : className) quoted += c == '\'' ? std::string("''") : std::string(1, c);
+  return "NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = '" + quoted +
+         "' AND \"recordKey\" = " + std::string(keyExpression) + " AND " + std::string(kUnsent) + ")";
+}
+
 OutboxSummary Outbox::summary() {
   OutboxSummary result;
-  auto& statement = connection_.cached(
-      "SELECT \"className\", count(*), min(\"since\") FROM \"Outbox\" WHERE \"known\" != 3 GROUP BY \"className\" "
-      "ORDER BY \"className\"");
+  auto& statement =
+      connection_.cached(std::string("SELECT \"className\", count(*), min(\"since\") FROM \"Outbox\" WHERE ") +
+                         kUnsent + " GROUP BY \"className\" ORDER BY \"className\"");
   for (sqlite::Cursor rows(statement); rows.next();) {
     const auto count = static_cast<std::size_t>(rows->int64(1));
     result.count += count;

@@ -109,6 +109,10 @@ class Outbox {
 
   OutboxSummary summary();
 
+  // An SQL condition on a row of `className` whose key is `keyExpression`:
+  // nothing of it waits to be sent (an authored mark aside).
+  static std::string hasNoUnsentWork(std::string_view className, std::string_view keyExpression);
+
  private:
   sqlite::Connection& connection_;
 };

@@ -118,9 +118,8 @@ class Syncable {
   virtual void enqueue(const std::vector<CKRecordID>& recordIDs) = 0;
   // A fetch of the class's zone starts, and ends having brought all of it.
   // A fetch from nothing (no token: the first, one whose token expired, or a
-  // zone made again) learns every record the zone holds; each live row the
-  // zone turned out not to hold goes into the outbox then, so that what a
-  // zone lost, deleted and made again by another device, is sent again.
+  // zone made again) learns every record the zone holds, and at its end
+  // settles the rows the zone lacks (see SyncObject.h).
   virtual void willFetchChanges() = 0;
   virtual void didFetchChanges() = 0;
 

@@ -142,9 +142,8 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       writeUnheard([](store::WriteTransaction& t) {
         store::Outbox(t.connection()).forgetUnsentDeletions(T::className, records::primaryKeyName<T>());
         t.template remove<T>(store::Query().filter(
-            "isDeleted = 1 AND NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = ? AND \"recordKey\" = " +
-                store::quoteIdentifier(records::primaryKeyName<T>()) + ")",
-            {store::QueryValue(std::string(T::className))}));
+            "isDeleted = 1 AND " +
+            store::Outbox::hasNoUnsentWork(T::className, store::quoteIdentifier(records::primaryKeyName<T>()))));
       });
     });
   }
@@ -165,10 +164,6 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
         return;
       }
       const T object = parseFromRecord<T, U, V, W>(record, batch.store(), &uWorker_, &vWorker_, &wWorker_);
-      if (hold == store::Outbox::Hold::authored) {
-        // The echo of this device's own change keeps it the row's author.
-        if (const auto local = batch.store().template object<T>(*key); local && *local == object) return;
-      }
       if (keepsOwnVersion(batch, *key, object, hold)) return;
       uWorker_.setRealmConfiguration(realmConfiguration_);
       vWorker_.setRealmConfiguration(realmConfiguration_);
@@ -275,16 +270,13 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     BackgroundWorker::shared().start([this] {
       auto store = workerStore();
       const auto key = store::quoteIdentifier(records::primaryKeyName<T>());
-      const auto recorder = recorderColumn();
       // Rows without unsent changes: the key, whether this installation
       // speaks for the row, and whether it is deleted.
       auto& statement = store.connection().cached(
-          "SELECT " + key + ", " + (recorder ? store::quoteIdentifier(*recorder) + " = ?2" : std::string("1")) +
-          ", \"isDeleted\" FROM " + store::quoteIdentifier(T::className) +
-          " WHERE NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = " + key +
-          " AND \"known\" != 3)");
-      statement.bind(1, T::className);
-      if (recorder) statement.bind(2, Settings::deviceId());
+          "SELECT " + key + ", " + (kHasRecorder ? store::quoteIdentifier(recorderColumn()) + " = ?1" : "1") +
+          ", \"isDeleted\" FROM " + store::quoteIdentifier(T::className) + " WHERE " +
+          store::Outbox::hasNoUnsentWork(T::className, key));
+      if constexpr (kHasRecorder) statement.bind(1, Settings::deviceId());
       std::vector<std::string> lacking;
       std::vector<std::string> gone;
       {
@@ -316,10 +308,9 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
         CloudSync::shared().log(zone + " lacks " + std::to_string(lacking.size()) + " local records: sent again");
         // What nobody recorded is sent so that the zone has it, not over a
         // copy another device has sent meanwhile, which may be newer.
-        const bool yielding = !recorder;
         writeUnheard(store, [&](store::WriteTransaction& t) {
           store::Outbox outbox(t.connection());
-          for (const auto& each : lacking) outbox.enqueue(T::className, each, yielding);
+          for (const auto& each : lacking) outbox.enqueue(T::className, each, !kHasRecorder);
         });
       }
     });
@@ -432,46 +423,42 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     writeUnheard(store, std::forward<F>(body));
   }
 
-  static constexpr const char* kLive = " WHERE \"isDeleted\" = 0";
-
-  // Events name the installation that recorded them, and a Device row is
-  // its installation's own; other records are everybody's.
-  static constexpr bool kHasRecorder = std::is_same_v<T, Device> || requires(T object) { object.deviceId; };
-  static std::optional<std::string> recorderColumn() {
-    if constexpr (std::is_same_v<T, Device>) {
-      return std::string(records::primaryKeyName<T>());
-    } else if constexpr (requires(T object) { object.deviceId; }) {
-      return std::string("deviceId");
-    } else {
-      return std::nullopt;
-    }
+  // Events name the installation that recorded them in `deviceId`, and a
+  // Device row is its installation's own, by its key; other records (tags)
+  // have no recorder.
+  static constexpr bool kIsDevice = std::is_same_v<T, Device>;
+  static constexpr bool kHasRecorder = kIsDevice || requires(T object) { object.deviceId; };
+  static std::string recorderColumn() {
+    return kIsDevice ? std::string(records::primaryKeyName<T>()) : std::string("deviceId");
   }
   static bool recordedHere(const T& object) {
-    if constexpr (std::is_same_v<T, Device>) {
+    if constexpr (kIsDevice) {
       return object.id == Settings::deviceId();
-    } else if constexpr (requires { object.deviceId; }) {
+    } else if constexpr (kHasRecorder) {
       return object.deviceId == Settings::deviceId();
     } else {
-      // Nobody speaks for it: the cloud's copy is as good as this one.
       return false;
     }
   }
 
-  // On the worker, in a fetch from nothing: whether the row of `fetched`
-  // stays as it is, because this installation speaks for it: it recorded
-  // the row, or for records nobody recorded, it made the row's last change
-  // (`hold` authored). Another installation may have sent an older copy into
-  // a zone made again first, which must not undo that. A version that
-  // differs is sent again instead.
+  // On the worker: whether the row of `fetched` stays as it is, because
+  // this installation speaks for it: it recorded the row, or for records
+  // nobody recorded, it made the row's last change (`hold` authored). The
+  // echo of that change leaves the row alone. In a fetch from nothing a copy
+  // that differs does too, for another installation may have sent an older
+  // copy into a zone made again first; the row is sent again instead.
   bool keepsOwnVersion(store::BatchWriter& batch, const std::string& key, const T& fetched, store::Outbox::Hold hold) {
+    bool fromNothing = false;
     {
       std::lock_guard lock(fetchMutex_);
-      if (!fetchingFromNothing_) return false;
+      fromNothing = fetchingFromNothing_;
     }
-    if (!kHasRecorder && hold != store::Outbox::Hold::authored) return false;
+    const bool authored = hold == store::Outbox::Hold::authored;
+    if (!authored && !(fromNothing && kHasRecorder)) return false;
     const auto local = batch.store().template object<T>(key);
     if (!local || (kHasRecorder && !recordedHere(*local))) return false;
     if (*local == fetched) return true;
+    if (!fromNothing) return false;
     CloudSync::shared().log("🔄 Record " + key + " kept: this device made it as it is");
     writeUnheard(batch,
                  [&key](store::WriteTransaction& t) { store::Outbox(t.connection()).enqueue(T::className, key); });
@@ -482,8 +469,8 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     bool found = false;
     BackgroundWorker::shared().start([&] {
       auto store = workerStore();
-      auto& statement =
-          store.connection().cached("SELECT 1 FROM " + store::quoteIdentifier(T::className) + kLive + " LIMIT 1");
+      auto& statement = store.connection().cached("SELECT 1 FROM " + store::quoteIdentifier(T::className) +
+                                                  " WHERE \"isDeleted\" = 0 LIMIT 1");
       found = sqlite::Cursor(statement).next();
     });
     return found;
