@@ -11,10 +11,10 @@ namespace {
 constexpr std::string_view kCreate =
     "CREATE TABLE IF NOT EXISTS \"Outbox\" (\"className\" TEXT NOT NULL, \"recordKey\" TEXT NOT NULL, "
     "\"version\" INTEGER NOT NULL, \"known\" INTEGER NOT NULL DEFAULT 0, \"since\" REAL NOT NULL, "
-    "PRIMARY KEY (\"className\", \"recordKey\")) WITHOUT ROWID";
+    "\"sending\" INTEGER NOT NULL DEFAULT 0, PRIMARY KEY (\"className\", \"recordKey\")) WITHOUT ROWID";
 
 // A new entry's version is drawn at random from 62 bits, and each change of
-// the row adds one: an edit while a save is on its way always differs from
+// the row while a sender holds it adds one: an edit while a save is on its way always differs from
 // the version sent, and an entry made again after one was forgotten (a
 // deletion from the cloud while a save was on its way) cannot meet the old
 // acknowledgement but by a chance of one in 2^62.
@@ -30,9 +30,13 @@ constexpr std::int64_t kAuthored = 3;
 constexpr char kUnsent[] = "\"known\" != 3";
 
 constexpr char kInsert[] = "INSERT INTO \"Outbox\" (\"className\", \"recordKey\", \"version\", \"known\", \"since\") ";
-// A row changed again: a new version, and any mark an ordinary entry again.
+// A row changed again. The version moves on only when a sender holds it:
+// until then the row is read when it is sent, and the change leaves with it
+// at no cost, not even a page of the outbox. Any mark becomes an ordinary
+// entry again.
 constexpr char kChangedAgain[] =
-    " ON CONFLICT DO UPDATE SET \"version\" = \"version\" + 1, \"known\" = min(\"known\", 1)";
+    " ON CONFLICT DO UPDATE SET \"version\" = \"version\" + 1, \"known\" = min(\"known\", 1), \"sending\" = 0 "
+    "WHERE \"sending\" != 0 OR \"known\" > 1";
 // A row to send again: only an authored mark becomes an entry.
 constexpr char kAuthoredSentAgain[] =
     " ON CONFLICT DO UPDATE SET \"known\" = 1, \"version\" = \"version\" + 1 WHERE \"known\" = 3";
@@ -46,7 +50,8 @@ TableSchema Outbox::tableSchema() {
                       {"recordKey", "\"recordKey\" TEXT NOT NULL"},
                       {"version", "\"version\" INTEGER NOT NULL"},
                       {"known", "\"known\" INTEGER NOT NULL DEFAULT 0"},
-                      {"since", "\"since\" REAL NOT NULL"}},
+                      {"since", "\"since\" REAL NOT NULL"},
+                      {"sending", "\"sending\" INTEGER NOT NULL DEFAULT 0"}},
                      {}};
 }
 
@@ -87,9 +92,10 @@ Outbox::Hold Outbox::hold(std::string_view className, std::string_view recordKey
   }
 }
 
-void Outbox::markKnown(std::string_view className, const std::vector<std::string>& recordKeys) {
+void Outbox::markSending(std::string_view className, const std::vector<std::string>& recordKeys) {
   auto& statement = connection_.cached(
-      "UPDATE \"Outbox\" SET \"known\" = 1 WHERE \"className\" = ?1 AND \"recordKey\" = ?2 AND \"known\" = 0");
+      "UPDATE \"Outbox\" SET \"sending\" = 1, \"known\" = max(\"known\", 1) WHERE \"className\" = ?1 AND "
+      "\"recordKey\" = ?2");
   for (const auto& key : recordKeys) {
     statement.bind(1, className).bind(2, std::string_view(key));
     statement.execute();

@@ -8,11 +8,13 @@
 // listening leaves the entry where the next drain finds it. Writes that came
 // from elsewhere (store::Origin::elsewhere, the cloud's own) leave none.
 //
-// An entry names the row by class and primary key and carries a version
-// that every change of the row moves on. A sender remembers the version it read; the entry leaves only when the
-// version acknowledged is still the entry's, so an edit made while a save
-// was on its way is sent again. Several changes of one row before a send
-// are one entry. `known` says the cloud may hold the record: it is false
+// An entry names the row by class and primary key and carries a version.
+// A sender marks the entries it takes, in the transaction that reads their
+// rows, and remembers their versions; a change of a marked row moves the
+// version on, and the entry leaves only when the version acknowledged is
+// still the entry's, so an edit made while a save was on its way is sent
+// again. Several changes of one row before a send are one entry, and only
+// the first writes to the outbox. `known` says the cloud may hold the record: it is false
 // for a row inserted here and never sent, whose deletion then costs nothing.
 // (Stored as 0 and 1, and 2 for an entry that yields, see hold().)
 //
@@ -79,9 +81,10 @@ class Outbox {
   enum class Hold { none, keep, yield, authored };
   Hold hold(std::string_view className, std::string_view recordKey);
 
-  // Marks records as possibly held by the cloud: done before a save is
-  // sent, whatever becomes of the save.
-  void markKnown(std::string_view className, const std::vector<std::string>& recordKeys);
+  // Marks the entries a sender took, as possibly held by the cloud too:
+  // done in the transaction that reads their rows, before the request
+  // leaves, whatever becomes of it.
+  void markSending(std::string_view className, const std::vector<std::string>& recordKeys);
   // Removes the entries whose version is still the one sent, or with
   // `keepAuthored` keeps them as authored (see hold()); returns how many of
   // them changed meanwhile and stay. Authored entries are not sent, counted

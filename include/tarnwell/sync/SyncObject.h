@@ -350,44 +350,43 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     }
   }
 
-  // On the worker: the next request of the outbox, its rows read now, its
-  // keys marked on their way. A row inserted here and deleted before it was
-  // ever sent costs nothing; a save is marked known to the cloud before it
-  // leaves, so that a later deletion of it is never skipped.
+  // On the worker: the next request of the outbox, its rows read now and
+  // its entries marked on their way, in one transaction, so that a change
+  // committed after the read moves the version on. A row inserted here and
+  // deleted before it was ever sent costs nothing; a save is marked known to
+  // the cloud before it leaves, so that a later deletion of it is never
+  // skipped.
   OutgoingChanges takeOutgoing(bool evenIfPaused) {
     auto store = workerStore();
     std::lock_guard lock(inFlightMutex_);
     OutgoingChanges changes;
     changes.evenIfPaused = evenIfPaused;
-    std::vector<std::string> nowKnown;
-    std::vector<std::string> neverSent;
-    // Entries on their way are skipped, so reading that many more still
-    // finds a full request when there is one.
-    for (const auto& entry :
-         store::Outbox(store.connection()).entries(T::className, requestLimit_ + inFlight_.size())) {
-      if (changes.size() >= requestLimit_) break;
-      if (inFlight_.contains(entry.recordKey)) continue;
-      const auto object = store.template object<T>(entry.recordKey);
-      if (!object || object->isDeleted) {
-        if (!entry.known) {
-          neverSent.push_back(entry.recordKey);
-          continue;
+    writeUnheard(store, [&](store::WriteTransaction& t) {
+      store::Outbox outbox(t.connection());
+      std::vector<std::string> taken;
+      std::vector<std::string> neverSent;
+      // Entries on their way are skipped, so reading that many more still
+      // finds a full request when there is one.
+      for (const auto& entry : outbox.entries(T::className, requestLimit_ + inFlight_.size())) {
+        if (changes.size() >= requestLimit_) break;
+        if (inFlight_.contains(entry.recordKey)) continue;
+        const auto object = store.template object<T>(entry.recordKey);
+        if (!object || object->isDeleted) {
+          if (!entry.known) {
+            neverSent.push_back(entry.recordKey);
+            continue;
+          }
+          changes.recordIDsToDelete.push_back(CKRecordID{entry.recordKey, sync::zoneID<T>()});
+        } else {
+          changes.recordsToStore.push_back(sync::record(*object, store));
         }
-        changes.recordIDsToDelete.push_back(CKRecordID{entry.recordKey, sync::zoneID<T>()});
-      } else {
-        changes.recordsToStore.push_back(sync::record(*object, store));
-        if (!entry.known) nowKnown.push_back(entry.recordKey);
+        changes.versions.emplace_back(entry.recordKey, entry.version);
+        taken.push_back(entry.recordKey);
       }
-      changes.versions.emplace_back(entry.recordKey, entry.version);
-      inFlight_.insert(entry.recordKey);
-    }
-    if (!nowKnown.empty() || !neverSent.empty()) {
-      writeUnheard(store, [&](store::WriteTransaction& t) {
-        store::Outbox outbox(t.connection());
-        outbox.markKnown(T::className, nowKnown);
-        for (const auto& key : neverSent) outbox.forget(T::className, key);
-      });
-    }
+      outbox.markSending(T::className, taken);
+      for (const auto& key : neverSent) outbox.forget(T::className, key);
+    });
+    for (const auto& [key, version] : changes.versions) inFlight_.insert(key);
     return changes;
   }
 
