@@ -1,5 +1,9 @@
 #include "tarnwell/store/Outbox.h"
 
+#include <sqlite3.h>
+
+#include <map>
+
 #include "tarnwell/store/Schema.h"
 #include "tarnwell/store/Store.h"
 
@@ -41,7 +45,91 @@ constexpr char kChangedAgain[] =
 constexpr char kAuthoredSentAgain[] =
     " ON CONFLICT DO UPDATE SET \"known\" = 1, \"version\" = \"version\" + 1 WHERE \"known\" = 3";
 
+// Per class, the last rowid whose insert the outbox accounts for, and when
+// the first insert above it was made.
+constexpr std::string_view kCreateMark =
+    "CREATE TABLE IF NOT EXISTS \"OutboxMark\" (\"className\" TEXT NOT NULL PRIMARY KEY, "
+    "\"absorbed\" INTEGER NOT NULL, \"since\" REAL) WITHOUT ROWID";
+// The mark of class ?1, and 0 (every row a local insert) when it has none:
+// a lost mark sends rows again rather than never.
+constexpr char kMark[] = "coalesce((SELECT \"absorbed\" FROM \"OutboxMark\" WHERE \"className\" = ?1), 0)";
+
+double now() { return Date::now().timeIntervalSinceReferenceDate(); }
+
+// The primary key of a table, for the few who only know the class's name.
+std::string primaryKeyOf(sqlite::Connection& connection, std::string_view table) {
+  auto statement = connection.prepare("SELECT name FROM pragma_table_info(?1) WHERE pk = 1");
+  statement.bind(1, table);
+  if (!statement.step()) throw sqlite::Error(SQLITE_SCHEMA, "the table " + std::string(table) + " has no primary key");
+  return statement.text(0);
+}
+
+std::vector<std::string> markedClasses(sqlite::Connection& connection) {
+  auto& statement = connection.cached("SELECT \"className\" FROM \"OutboxMark\" ORDER BY \"className\"");
+  std::vector<std::string> classes;
+  for (sqlite::Cursor rows(statement); rows.next();) classes.push_back(rows->text(0));
+  return classes;
+}
+
+// Entries, not known, for the rows of class ?1 above its mark and below ?2,
+// dated from the first of them.
+void writeDownInserts(sqlite::Connection& connection, std::string_view className, std::string_view keyColumn,
+                      std::int64_t below) {
+  const std::string key = quoteIdentifier(keyColumn);
+  auto& statement =
+      connection.cached(std::string(kInsert) + "SELECT ?1, " + key + ", " + kFreshVersion +
+                        ", 0, coalesce((SELECT \"since\" FROM \"OutboxMark\" WHERE \"className\" = ?1), ?3) FROM " +
+                        quoteIdentifier(className) + " WHERE rowid > " + kMark + " AND rowid < ?2 AND " + key +
+                        " IS NOT NULL ORDER BY rowid" + kChangedAgain);
+  statement.bind(1, className).bind(2, below).bind(3, now());
+  statement.execute();
+}
+
+// A class name as an SQL string literal.
+std::string quotedLiteral(std::string_view text) {
+  std::string quoted = "'";
+  for (const char c : text) quoted += c == '\'' ? std::string("''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// No entry with something to send names the record: `className` and
+// `keyExpression` are SQL expressions.
+std::string hasNoEntry(std::string_view className, std::string_view keyExpression) {
+  return "NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = " + std::string(className) +
+         " AND \"recordKey\" = " + std::string(keyExpression) + " AND " + kUnsent + ")";
+}
+
 }  // namespace
+
+TableSchema Outbox::markSchema() {
+  return TableSchema{"OutboxMark",
+                     std::string(kCreateMark),
+                     {{"className", "\"className\" TEXT NOT NULL"},
+                      {"absorbed", "\"absorbed\" INTEGER NOT NULL"},
+                      {"since", "\"since\" REAL"}},
+                     {}};
+}
+
+void Outbox::markExisting(sqlite::Connection& connection, const std::vector<std::string>& classNames) {
+  for (const auto& className : classNames) {
+    auto statement = connection.prepare(
+        "INSERT OR IGNORE INTO \"OutboxMark\" (\"className\", \"absorbed\") SELECT ?1, "
+        "coalesce(max(rowid), 0) FROM " +
+        quoteIdentifier(className));
+    statement.bind(1, std::string_view(className));
+    statement.execute();
+  }
+}
+
+bool Outbox::hasMarks(sqlite::Connection& connection, const std::vector<std::string>& classNames) {
+  auto statement = connection.prepare("SELECT 1 FROM \"OutboxMark\" WHERE \"className\" = ?1");
+  for (const auto& className : classNames) {
+    statement.reset();
+    statement.bind(1, std::string_view(className));
+    if (!statement.step()) return false;
+  }
+  return true;
+}
 
 TableSchema Outbox::tableSchema() {
   return TableSchema{std::string(kTableName),
@@ -55,13 +143,75 @@ TableSchema Outbox::tableSchema() {
                      {}};
 }
 
-void Outbox::journal(std::string_view className, std::string_view recordKey, bool inserted) {
-  static const std::string sql =
-      std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", ?3, ?4)" + kChangedAgain;
-  auto& statement = connection_.cached(sql);
-  statement.bind(1, className).bind(2, recordKey).bind(3, !inserted);
-  statement.bind(4, Date::now().timeIntervalSinceReferenceDate());
+void Outbox::noteInserted(std::string_view className, std::string_view recordKey, std::int64_t rowid) {
+  std::int64_t absorbed = 0;
+  bool undated = false;
+  {
+    auto& mark =
+        connection_.cached("SELECT \"absorbed\", \"since\" IS NULL FROM \"OutboxMark\" WHERE \"className\" = ?1");
+    mark.bind(1, className);
+    sqlite::Cursor rows(mark);
+    if (!rows.next()) return;  // a lost mark: settle() takes every row
+    absorbed = rows->int64(0);
+    undated = rows->int64(1) != 0;
+  }
+  if (rowid <= absorbed) {
+    static const std::string sql =
+        std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", 0, ?3)" + kChangedAgain;
+    auto& statement = connection_.cached(sql);
+    statement.bind(1, className).bind(2, recordKey).bind(3, now());
+    statement.execute();
+  } else if (undated) {
+    auto& statement = connection_.cached("UPDATE \"OutboxMark\" SET \"since\" = ?2 WHERE \"className\" = ?1");
+    statement.bind(1, className).bind(2, now());
+    statement.execute();
+  }
+}
+
+void Outbox::passInserted(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
+  writeDownInserts(connection_, className, keyColumn, rowid);
+  auto& statement = connection_.cached(
+      "UPDATE \"OutboxMark\" SET \"absorbed\" = ?2, \"since\" = NULL WHERE \"className\" = ?1 AND \"absorbed\" < ?2");
+  statement.bind(1, className).bind(2, rowid);
   statement.execute();
+}
+
+void Outbox::journal(std::string_view className, std::string_view keyColumn, std::string_view recordKey) {
+  auto& statement =
+      connection_.cached(std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", coalesce((SELECT rowid FROM " +
+                         quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) +
+                         " = ?2) <= (SELECT \"absorbed\" FROM "
+                         "\"OutboxMark\" WHERE \"className\" = ?1), 1), ?3)" +
+                         kChangedAgain);
+  statement.bind(1, className).bind(2, recordKey).bind(3, now());
+  statement.execute();
+}
+
+void Outbox::settle(std::string_view className, std::string_view keyColumn) {
+  writeDownInserts(connection_, className, keyColumn, INT64_MAX);
+  // An upsert, so that a lost mark is made again; lowered too when the last
+  // rows were removed, which keeps the next inserts above it.
+  auto& statement = connection_.cached(
+      "INSERT INTO \"OutboxMark\" (\"className\", \"absorbed\") VALUES (?1, (SELECT coalesce(max(rowid), 0) FROM " +
+      quoteIdentifier(className) +
+      ")) ON CONFLICT DO UPDATE SET \"absorbed\" = excluded.\"absorbed\", \"since\" = NULL WHERE \"absorbed\" != "
+      "excluded.\"absorbed\" OR \"since\" IS NOT NULL");
+  statement.bind(1, className);
+  statement.execute();
+}
+
+void Outbox::settleAll() {
+  for (const auto& className : markedClasses(connection_)) settle(className, primaryKeyOf(connection_, className));
+}
+
+void Outbox::markAllSettled() {
+  for (const auto& className : markedClasses(connection_)) {
+    auto statement =
+        connection_.prepare("UPDATE \"OutboxMark\" SET \"absorbed\" = (SELECT coalesce(max(rowid), 0) FROM " +
+                            quoteIdentifier(className) + "), \"since\" = NULL WHERE \"className\" = ?1");
+    statement.bind(1, std::string_view(className));
+    statement.execute();
+  }
 }
 
 std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t limit) {
@@ -76,9 +226,11 @@ std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t
   return found;
 }
 
-Outbox::Hold Outbox::hold(std::string_view className, std::string_view recordKey) {
-  auto& statement =
-      connection_.cached("SELECT \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
+Outbox::Hold Outbox::hold(std::string_view className, std::string_view keyColumn, std::string_view recordKey) {
+  // An entry, or else a local insert not yet written down, which is unsent.
+  auto& statement = connection_.cached(
+      "SELECT \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 UNION ALL SELECT 0 FROM " +
+      quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) + " = ?2 AND rowid > " + kMark + " LIMIT 1");
   statement.bind(1, className).bind(2, recordKey);
   sqlite::Cursor rows(statement);
   if (!rows.next()) return Hold::none;
@@ -158,24 +310,44 @@ void Outbox::forgetUnsentDeletions(std::string_view className, std::string_view 
 }
 
 std::string Outbox::hasNoUnsentWork(std::string_view className, std::string_view keyExpression) {
-  std::string quoted;
-  for (const char c : className) quoted += c == '\'' ? std::string("''") : std::string(1, c);
-  return "NOT EXISTS (SELECT 1 FROM \"Outbox\" WHERE \"className\" = '" + quoted +
-         "' AND \"recordKey\" = " + std::string(keyExpression) + " AND " + std::string(kUnsent) + ")";
+  const std::string name = quotedLiteral(className);
+  return "rowid <= coalesce((SELECT \"absorbed\" FROM \"OutboxMark\" WHERE \"className\" = " + name + "), 0) AND " +
+         hasNoEntry(name, keyExpression);
 }
 
 OutboxSummary Outbox::summary() {
-  OutboxSummary result;
+  std::map<std::string, std::size_t> counts;
+  std::optional<Date> oldest;
+  const auto count = [&](const std::string& className, std::int64_t n, std::optional<double> since) {
+    if (n == 0) return;
+    counts[className] += static_cast<std::size_t>(n);
+    if (!since) return;
+    const Date date = Date::fromTimeIntervalSinceReferenceDate(*since);
+    if (!oldest || date < *oldest) oldest = date;
+  };
   auto& statement =
       connection_.cached(std::string("SELECT \"className\", count(*), min(\"since\") FROM \"Outbox\" WHERE ") +
-                         kUnsent + " GROUP BY \"className\" ORDER BY \"className\"");
-  for (sqlite::Cursor rows(statement); rows.next();) {
-    const auto count = static_cast<std::size_t>(rows->int64(1));
-    result.count += count;
-    result.byClass.emplace_back(rows->text(0), count);
-    const Date since = Date::fromTimeIntervalSinceReferenceDate(rows->real(2));
-    if (!result.oldest || since < *result.oldest) result.oldest = since;
+                         kUnsent + " GROUP BY \"className\"");
+  for (sqlite::Cursor rows(statement); rows.next();) count(rows->text(0), rows->int64(1), rows->real(2));
+  // The local inserts not yet written down, less those an entry already
+  // names (edited since).
+  for (const auto& className : markedClasses(connection_)) {
+    auto& inserts =
+        connection_.cached("SELECT count(*), (SELECT \"since\" FROM \"OutboxMark\" WHERE \"className\" = ?1) FROM " +
+                           quoteIdentifier(className) + " WHERE rowid > " + kMark + " AND " +
+                           hasNoEntry("?1", quoteIdentifier(primaryKeyOf(connection_, className))));
+    inserts.bind(1, std::string_view(className));
+    sqlite::Cursor rows(inserts);
+    if (rows.next()) {
+      count(className, rows->int64(0), rows->isNull(1) ? std::nullopt : std::optional<double>(rows->real(1)));
+    }
   }
+  OutboxSummary result;
+  for (const auto& [className, n] : counts) {
+    result.count += n;
+    result.byClass.emplace_back(className, n);
+  }
+  result.oldest = oldest;
   return result;
 }
 

@@ -143,7 +143,16 @@ void compactIfAsked(sqlite::Connection& connection, const StoreConfiguration& co
   const auto pages = static_cast<std::uint64_t>(connection.pageCount());
   const auto freePages = static_cast<std::uint64_t>(connection.freelistCount());
   if (!configuration.shouldCompactOnLaunch(pages * pageSize, (pages - freePages) * pageSize)) return;
+  // VACUUM may number rows anew: the outbox writes down the inserts its
+  // marks stand for first, and marks every row as written down after.
+  const bool marked = connection.tableExists("OutboxMark");
+  if (marked) {
+    sqlite::Transaction transaction(connection, sqlite::Transaction::Behavior::immediate);
+    Outbox(connection).settleAll();
+    transaction.commit();
+  }
   connection.execute("VACUUM");
+  if (marked) Outbox(connection).markAllSettled();
   connection.execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
@@ -174,7 +183,10 @@ std::optional<std::string> indexName(std::string_view sql) {
 // The configuration's tables, and the outbox's when it has outbox classes.
 std::vector<TableSchema> allTables(const StoreConfiguration& configuration) {
   auto tables = configuration.tables;
-  if (!configuration.outboxClasses.empty()) tables.push_back(Outbox::tableSchema());
+  if (!configuration.outboxClasses.empty()) {
+    tables.push_back(Outbox::tableSchema());
+    tables.push_back(Outbox::markSchema());
+  }
   return tables;
 }
 
@@ -198,7 +210,7 @@ bool isCurrent(sqlite::Connection& connection, const StoreConfiguration& configu
       if (!index.step()) return false;
     }
   }
-  return true;
+  return configuration.outboxClasses.empty() || Outbox::hasMarks(connection, configuration.outboxClasses);
 }
 
 // Creates, widens and migrates the file to the configuration's schema.
@@ -229,6 +241,7 @@ void prepare(sqlite::Connection& connection, const StoreConfiguration& configura
     }
     for (const auto& index : table.indexesSQL) connection.execute(index);
   }
+  Outbox::markExisting(connection, configuration.outboxClasses);
   if (!fresh && version < configuration.schemaVersion && configuration.migrationBlock) {
     configuration.migrationBlock(connection, version);
   }
@@ -407,22 +420,36 @@ ChangeSet& WriteTransaction::changes(std::string_view className) {
   return changes_.back();
 }
 
-void WriteTransaction::recordAdd(std::string_view className, std::string key) {
+void WriteTransaction::recordAdd(std::string_view className, std::string_view keyColumn, std::string key) {
   const bool inserted = lastRowWasInserted;
-  if (journals(className)) Outbox(connection()).journal(className, key, inserted);
+  if (isOutboxClass(className)) {
+    Outbox outbox(connection());
+    if (!inserted) {
+      if (origin_ == Origin::local) outbox.journal(className, keyColumn, key);
+    } else if (origin_ == Origin::local) {
+      outbox.noteInserted(className, key, connection().lastInsertRowId());
+    } else {
+      outbox.passInserted(className, keyColumn, connection().lastInsertRowId());
+    }
+  }
   auto& change = changes(className);
   (inserted ? change.insertions : change.modifications).push_back(std::move(key));
 }
 
-bool WriteTransaction::journals(std::string_view className) const {
+bool WriteTransaction::isOutboxClass(std::string_view className) const {
   const auto& classes = *store_.outboxClasses_;
-  return origin_ == Origin::local && std::find(classes.begin(), classes.end(), className) != classes.end();
+  return std::find(classes.begin(), classes.end(), className) != classes.end();
 }
 
-void WriteTransaction::journal(std::string_view className, const std::vector<std::string>& keys, bool inserted) {
+bool WriteTransaction::journals(std::string_view className) const {
+  return origin_ == Origin::local && isOutboxClass(className);
+}
+
+void WriteTransaction::journal(std::string_view className, std::string_view keyColumn,
+                               const std::vector<std::string>& keys) {
   if (keys.empty() || !journals(className)) return;
   Outbox outbox(connection());
-  for (const auto& key : keys) outbox.journal(className, key, inserted);
+  for (const auto& key : keys) outbox.journal(className, keyColumn, key);
 }
 
 std::int64_t WriteTransaction::lastRowid(std::string_view className) {
@@ -477,7 +504,7 @@ std::vector<std::string> WriteTransaction::updateRows(
   auto keys = selectKeys(connection(), className, key, where);
   if (keys.empty()) return keys;
   runUpdate(connection(), className, assignments, where.where, where.arguments);
-  journal(className, keys, false);
+  journal(className, key, keys);
   auto& modified = changes(className).modifications;
   modified.insert(modified.end(), keys.begin(), keys.end());
   return keys;
@@ -490,7 +517,7 @@ bool WriteTransaction::updateRow(std::string_view className, std::string_view ke
   if (!onlyIf.empty()) condition += " AND (" + std::string(onlyIf) + ")";
   runUpdate(connection(), className, assignments, condition, {std::string(primaryKey)});
   if (connection().changes() == 0) return false;
-  if (journals(className)) Outbox(connection()).journal(className, primaryKey, false);
+  if (journals(className)) Outbox(connection()).journal(className, key, primaryKey);
   changes(className).modifications.emplace_back(primaryKey);
   return true;
 }
@@ -498,12 +525,13 @@ bool WriteTransaction::updateRow(std::string_view className, std::string_view ke
 std::vector<std::string> WriteTransaction::removeRows(std::string_view className, std::string_view key,
                                                       const Query& where) {
   auto keys = selectKeys(connection(), className, key, where);
+  // Before the rows go: an entry is known unless its row never left.
+  journal(className, key, keys);
   std::string sql = "DELETE FROM " + quoteIdentifier(className);
   if (!where.where.empty()) sql += " WHERE " + where.where;
   auto& remove = connection().cached(sql);
   Store::bind(remove, where.arguments);
   remove.execute();
-  journal(className, keys, false);
   auto& deleted = changes(className).deletions;
   deleted.insert(deleted.end(), keys.begin(), keys.end());
   return keys;

@@ -2,11 +2,18 @@
 //
 // A store configured with outbox classes keeps, for every row of those
 // classes that a local write inserted, modified, marked deleted or removed,
-// one entry in the table "Outbox", written in the same transaction as the
-// change. So a change that a command committed is never only in memory: a
-// process that dies, a pause, a failed request or an observer that was not
-// listening leaves the entry where the next drain finds it. Writes that came
-// from elsewhere (store::Origin::elsewhere, the cloud's own) leave none.
+// an entry, made in the same transaction as the change. So a change that a
+// command committed is never only in memory: a process that dies, a pause, a
+// failed request or an observer that was not listening leaves the entry
+// where the next drain finds it. Writes that came from elsewhere
+// (store::Origin::elsewhere, the cloud's own) leave none.
+//
+// An insert, the commonest change, costs the outbox nothing: a class's rows
+// whose rowid is above its mark (table "OutboxMark") were inserted here and
+// never taken by a sender. They are entries in all but name until settle()
+// writes them into the table "Outbox", as a sender does before it reads.
+// Writes from elsewhere move the mark past the rows they insert, and a
+// rowid used again after the last rows were removed is written down at once.
 //
 // An entry names the row by class and primary key and carries a version.
 // A sender marks the entries it takes, in the transaction that reads their
@@ -14,12 +21,14 @@
 // version on, and the entry leaves only when the version acknowledged is
 // still the entry's, so an edit made while a save was on its way is sent
 // again. Several changes of one row before a send are one entry, and only
-// the first writes to the outbox. `known` says the cloud may hold the record: it is false
-// for a row inserted here and never sent, whose deletion then costs nothing.
-// (Stored as 0 and 1, and 2 for an entry that yields, see hold().)
+// the first writes to the outbox. `known` says the cloud may hold the
+// record: it is false for a row inserted here and never sent, whose
+// deletion then costs nothing. (Stored as 0 and 1, and 2 for an entry that
+// yields, see hold().)
 //
 // These functions work on the connection of a write (or, for reads, any)
 // and never notify observers: the outbox is bookkeeping, not records.
+// `keyColumn` is always the class's primary key.
 
 #pragma once
 
@@ -62,13 +71,31 @@ class Outbox {
 
   explicit Outbox(sqlite::Connection& connection) : connection_(connection) {}
 
-  // The table and its index, made with the store's own tables.
+  // The tables of entries and of marks, made with the store's own tables.
   static TableSchema tableSchema();
+  static TableSchema markSchema();
+  // Sets the marks of classes that have none past their last rows: rows a
+  // store had before it had an outbox are not local changes.
+  static void markExisting(sqlite::Connection& connection, const std::vector<std::string>& classNames);
+  static bool hasMarks(sqlite::Connection& connection, const std::vector<std::string>& classNames);
 
-  // Notes a local change of one row: a fresh version, `since` and `known`
-  // kept from an entry already there (a new entry is known unless the row
-  // was just inserted).
-  void journal(std::string_view className, std::string_view recordKey, bool inserted);
+  // Notes a local insert of the row `rowid`; nothing to write unless that
+  // rowid was used before.
+  void noteInserted(std::string_view className, std::string_view recordKey, std::int64_t rowid);
+  // Notes an insert from elsewhere of the row `rowid`: the local inserts
+  // before it are written down and the mark moves past it.
+  void passInserted(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+  // Notes a local change of a row that exists, before it is removed if it
+  // is: `since` and `known` kept from an entry already there; a new entry is
+  // known unless the row was inserted here and never taken.
+  void journal(std::string_view className, std::string_view keyColumn, std::string_view recordKey);
+  // Writes down the local inserts not yet written and moves the mark to the
+  // class's last row: before a sender reads entries().
+  void settle(std::string_view className, std::string_view keyColumn);
+  // settle() for every class, and after rowids were renumbered (VACUUM),
+  // every mark to its class's last row again.
+  void settleAll();
+  void markAllSettled();
 
   // The entries of a class, at most `limit`, in the order of their keys.
   std::vector<OutboxEntry> entries(std::string_view className, std::size_t limit);
@@ -79,7 +106,7 @@ class Outbox {
   // cloud holds by now replaces; or a row whose last change was made here
   // and acknowledged (`authored`), which nothing is waiting to send.
   enum class Hold { none, keep, yield, authored };
-  Hold hold(std::string_view className, std::string_view recordKey);
+  Hold hold(std::string_view className, std::string_view keyColumn, std::string_view recordKey);
 
   // Marks the entries a sender took, as possibly held by the cloud too:
   // done in the transaction that reads their rows, before the request
@@ -112,8 +139,9 @@ class Outbox {
 
   OutboxSummary summary();
 
-  // An SQL condition on a row of `className` whose key is `keyExpression`:
-  // nothing of it waits to be sent (an authored mark aside).
+  // An SQL condition on a row of `className` whose key is `keyExpression`
+  // and whose rowid is in scope as `rowid`: nothing of it waits to be sent
+  // (an authored mark aside).
   static std::string hasNoUnsentWork(std::string_view className, std::string_view keyExpression);
 
  private:

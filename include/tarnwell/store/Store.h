@@ -275,11 +275,13 @@ class WriteTransaction {
   void deliver(const std::vector<const ObserverToken*>& withoutNotifying);
 
   // Notes the key of the row the last statement inserted or updated.
-  void recordAdd(std::string_view className, std::string key);
-  // Whether changes of the class here leave outbox entries.
+  void recordAdd(std::string_view className, std::string_view keyColumn, std::string key);
+  // Whether the class has an outbox, and whether this write's changes of
+  // it leave entries (local ones do).
+  bool isOutboxClass(std::string_view className) const;
   bool journals(std::string_view className) const;
   // Leaves outbox entries for local changes of outbox classes.
-  void journal(std::string_view className, const std::vector<std::string>& keys, bool inserted);
+  void journal(std::string_view className, std::string_view keyColumn, const std::vector<std::string>& keys);
   ChangeSet& changes(std::string_view className);
   std::vector<std::string> updateRows(std::string_view className, std::string_view key,
                                       const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
@@ -410,7 +412,7 @@ void WriteTransaction::add(const Record& record, UpdatePolicy policy) {
   auto& statement = connection().cached(policy == UpdatePolicy::all ? upsert : insert);
   bindRecord(statement, record);
   statement.execute();
-  recordAdd(Record::className, records::primaryKeyText(record).value_or(""));
+  recordAdd(Record::className, primaryKeyName<Record>(), records::primaryKeyText(record).value_or(""));
 }
 
 template <class Record>

@@ -158,7 +158,8 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       }
       noteFetched(*key);
       // Unsent work wins over what the cloud has: the drain sends it.
-      const auto hold = store::Outbox(batch.store().connection()).hold(T::className, *key);
+      const auto hold =
+          store::Outbox(batch.store().connection()).hold(T::className, records::primaryKeyName<T>(), *key);
       if (hold == store::Outbox::Hold::keep) {
         CloudSync::shared().log("🔄 Record " + record.recordID().description() + " kept: it has unsent changes");
         return;
@@ -244,7 +245,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       writeUnheard(store, [&recordIDs](store::WriteTransaction& t) {
         store::Outbox outbox(t.connection());
         for (const auto& id : recordIDs) {
-          if (const auto key = primaryKeyText<T>(id)) outbox.journal(T::className, *key, false);
+          if (const auto key = primaryKeyText<T>(id)) outbox.journal(T::className, records::primaryKeyName<T>(), *key);
         }
       });
     });
@@ -363,6 +364,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     changes.evenIfPaused = evenIfPaused;
     writeUnheard(store, [&](store::WriteTransaction& t) {
       store::Outbox outbox(t.connection());
+      outbox.settle(T::className, records::primaryKeyName<T>());
       std::vector<std::string> taken;
       std::vector<std::string> neverSent;
       // Entries on their way are skipped, so reading that many more still
