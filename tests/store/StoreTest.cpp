@@ -1,5 +1,6 @@
-// The store engine: change feed, transactions, threads, compaction, and the
-// migration of files written by older versions.
+// The store engine: change feed, transactions, threads, the outbox's
+// bookkeeping, compaction, and the migration of files written by older
+// versions.
 
 #include "tarnwell/store/Store.h"
 
@@ -12,6 +13,7 @@
 #include "tarnwell/modules/Database.h"
 #include "tarnwell/records/Focus.h"
 #include "tarnwell/settings/Settings.h"
+#include "tarnwell/store/Outbox.h"
 
 namespace tarnwell {
 namespace {
@@ -152,6 +154,75 @@ TEST_F(StoreTest, UpdatesReturnKeysInStoreOrder) {
   EXPECT_EQ(touched, ids);
 }
 
+// The outbox as its sender sees it: unsent keys and whether each is known.
+std::map<std::string, bool> unsentPickups(Store& store) {
+  store.write([](WriteTransaction& t) { store::Outbox(t.connection()).settle("Pickup", "id"); });
+  std::map<std::string, bool> unsent;
+  for (const auto& entry : store::Outbox(store.connection()).entries("Pickup", 100)) {
+    unsent[entry.recordKey] = entry.known;
+  }
+  return unsent;
+}
+
+std::size_t unsentPickupCount(Store& store) {
+  for (const auto& [className, count] : store::Outbox(store.connection()).summary().byClass) {
+    if (className == "Pickup") return count;
+  }
+  return 0;
+}
+
+std::int64_t outboxRows(Store& store) {
+  auto rows = store.select("SELECT count(*) FROM \"Outbox\"");
+  return rows.next() ? rows->int64(0) : -1;
+}
+
+void acknowledgeAll(Store& store) {
+  store.write([](WriteTransaction& t) {
+    store::Outbox outbox(t.connection());
+    std::vector<store::SentVersion> sent;
+    for (const auto& entry : outbox.entries("Pickup", 100)) sent.emplace_back(entry.recordKey, entry.version);
+    outbox.acknowledge("Pickup", sent);
+  });
+}
+
+TEST_F(StoreTest, AnInsertWritesNothingToTheOutboxYetWaitsThereUnknown) {
+  Store store = Store::open();
+  const auto before = outboxRows(store);
+  const std::string a = Database::addPickup(t0, t0 + 60), b = Database::addPickup(t0 + 120, t0 + 180);
+  EXPECT_EQ(outboxRows(store), before);
+  EXPECT_EQ(unsentPickupCount(store), 2u);
+  EXPECT_EQ(store::Outbox(store.connection()).summary().oldest, t0) << "dated from the first insert";
+
+  // A record from elsewhere is not a local change, and the local inserts
+  // before it still are.
+  const Pickup fetched(t0 + 240, t0 + 300);
+  store.write([&](WriteTransaction& t) { t.add(fetched); }, {}, store::Origin::elsewhere);
+  EXPECT_EQ(unsentPickupCount(store), 2u);
+  const std::map<std::string, bool> neverSent{{a, false}, {b, false}};
+  EXPECT_EQ(unsentPickups(store), neverSent);
+
+  // An edit of a row never sent keeps it unknown; removed, it costs nothing.
+  Database::editPickup(a, t0 + 90);
+  store.write([&](WriteTransaction& t) { t.remove<Pickup>(Query().filter("id = ?", {b})); });
+  EXPECT_EQ(unsentPickups(store), neverSent);
+  store.write([](WriteTransaction& t) { store::Outbox(t.connection()).forgetUnsentDeletions("Pickup", "id"); });
+  EXPECT_EQ(unsentPickups(store), (std::map<std::string, bool>{{a, false}}));
+}
+
+TEST_F(StoreTest, ARowidUsedAgainAfterTheLastRowsWentIsWrittenDownAtOnce) {
+  Store store = Store::open();
+  Database::addPickup(t0, t0 + 60);
+  const std::string last = Database::addPickup(t0 + 120, t0 + 180);
+  unsentPickups(store);
+  acknowledgeAll(store);
+  store.write([&](WriteTransaction& t) { t.remove<Pickup>(Query().filter("id = ?", {last})); });
+  const auto before = outboxRows(store);
+  const std::string again = Database::addPickup(t0 + 240, t0 + 300);
+  EXPECT_EQ(outboxRows(store), before + 1);
+  EXPECT_EQ(unsentPickups(store), (std::map<std::string, bool>{{last, true}, {again, false}}))
+      << "the deletion of a sent row is known, the insert in its place is not";
+}
+
 TEST(CompactionTest, OnlyFilesOverFiftyMebibytesAndLessThanFortyPercentUsed) {
   constexpr std::uint64_t mib50 = 50ull * 1024 * 1024;
   EXPECT_FALSE(Database::shouldCompactOnLaunch(mib50, 0));
@@ -161,11 +232,22 @@ TEST(CompactionTest, OnlyFilesOverFiftyMebibytesAndLessThanFortyPercentUsed) {
   EXPECT_TRUE(Database::shouldCompactOnLaunch(100'000'000, 39'999'999));
 }
 
-TEST(CompactionTest, AWastefulFileShrinksAtLaunch) {
+TEST(CompactionTest, AWastefulFileShrinksAtLaunchAndKeepsItsUnsentInserts) {
   testing::TestEnvironment env;
   Database::start();
+  std::string unsent;
   {
     Store store = Store::open();
+    // Compaction numbers rows anew: a sent row behind removed ones, and an
+    // insert not yet written down, must keep what they are.
+    std::vector<std::string> ids;
+    for (int i = 0; i < 3; ++i) ids.push_back(Database::addPickup(t0 + i * 60.0, t0 + i * 60.0 + 30));
+    unsentPickups(store);
+    acknowledgeAll(store);
+    store.write([&](WriteTransaction& t) { t.remove<Pickup>(Query().filter("id != ?", {ids[2]})); });
+    unsentPickups(store);
+    acknowledgeAll(store);
+    unsent = Database::addPickup(t0 + 600, t0 + 660);
     store.connection().execute("CREATE TABLE Filler (bytes BLOB)");
     auto insert = store.connection().prepare("INSERT INTO Filler VALUES (zeroblob(1048576))");
     for (int i = 0; i < 56; ++i) {
@@ -179,6 +261,9 @@ TEST(CompactionTest, AWastefulFileShrinksAtLaunch) {
   env.relaunch();
   Database::start();
   EXPECT_LT(std::filesystem::file_size(Database::fileURL()), before / 10);
+  Store store = Store::open();
+  const std::string later = Database::addPickup(t0 + 900, t0 + 960);
+  EXPECT_EQ(unsentPickups(store), (std::map<std::string, bool>{{unsent, false}, {later, false}}));
 }
 
 // Files written by older versions, built by hand: every table with every
@@ -259,6 +344,8 @@ TEST_F(MigrationTest, Version11RunsStep8Only) {
 TEST_F(MigrationTest, Version12RunsNothing) {
   writeOldFile(12);
   EXPECT_EQ(stepsRun(), std::set<int>{});
+  Store store = Store::open();
+  EXPECT_EQ(store::Outbox(store.connection()).summary().count, 0u) << "rows older than the outbox are not changes";
 }
 
 TEST_F(MigrationTest, MissingColumnsArriveWithTheirDefaults) {
