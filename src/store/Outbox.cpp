@@ -156,11 +156,7 @@ void Outbox::noteInserted(std::string_view className, std::string_view recordKey
     undated = rows->int64(1) != 0;
   }
   if (rowid <= absorbed) {
-    static const std::string sql =
-        std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", 0, ?3)" + kChangedAgain;
-    auto& statement = connection_.cached(sql);
-    statement.bind(1, className).bind(2, recordKey).bind(3, now());
-    statement.execute();
+    writeDownInsert(className, recordKey);
   } else if (undated) {
     auto& statement = connection_.cached("UPDATE \"OutboxMark\" SET \"since\" = ?2 WHERE \"className\" = ?1");
     statement.bind(1, className).bind(2, now());
@@ -168,7 +164,20 @@ void Outbox::noteInserted(std::string_view className, std::string_view recordKey
   }
 }
 
+void Outbox::writeDownInsert(std::string_view className, std::string_view recordKey) {
+  static const std::string sql = std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", 0, ?3)" + kChangedAgain;
+  auto& statement = connection_.cached(sql);
+  statement.bind(1, className).bind(2, recordKey).bind(3, now());
+  statement.execute();
+}
+
 void Outbox::passInserted(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
+  // Mostly the mark stands just below: a fetch inserts row after row.
+  auto& next = connection_.cached(
+      "UPDATE \"OutboxMark\" SET \"absorbed\" = ?2 WHERE \"className\" = ?1 AND \"absorbed\" = ?2 - 1");
+  next.bind(1, className).bind(2, rowid);
+  next.execute();
+  if (connection_.changes() > 0) return;
   writeDownInserts(connection_, className, keyColumn, rowid);
   auto& statement = connection_.cached(
       "UPDATE \"OutboxMark\" SET \"absorbed\" = ?2, \"since\" = NULL WHERE \"className\" = ?1 AND \"absorbed\" < ?2");
@@ -226,11 +235,9 @@ std::vector<OutboxEntry> Outbox::entries(std::string_view className, std::size_t
   return found;
 }
 
-Outbox::Hold Outbox::hold(std::string_view className, std::string_view keyColumn, std::string_view recordKey) {
-  // An entry, or else a local insert not yet written down, which is unsent.
-  auto& statement = connection_.cached(
-      "SELECT \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2 UNION ALL SELECT 0 FROM " +
-      quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) + " = ?2 AND rowid > " + kMark + " LIMIT 1");
+Outbox::Hold Outbox::hold(std::string_view className, std::string_view recordKey) {
+  auto& statement =
+      connection_.cached("SELECT \"known\" FROM \"Outbox\" WHERE \"className\" = ?1 AND \"recordKey\" = ?2");
   statement.bind(1, className).bind(2, recordKey);
   sqlite::Cursor rows(statement);
   if (!rows.next()) return Hold::none;
@@ -274,13 +281,19 @@ void Outbox::forget(std::string_view className, std::string_view recordKey) {
   statement.execute();
 }
 
-void Outbox::journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
-  auto& statement =
-      connection_.cached(std::string(kInsert) + "SELECT ?1, " + quoteIdentifier(keyColumn) + ", " + kFreshVersion +
-                         ", 0, ?2 FROM " + quoteIdentifier(className) + " WHERE rowid > ?3 AND " +
-                         quoteIdentifier(keyColumn) + " IS NOT NULL ORDER BY rowid" + kChangedAgain);
-  statement.bind(1, className).bind(2, Date::now().timeIntervalSinceReferenceDate()).bind(3, rowid);
-  statement.execute();
+void Outbox::noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
+  const std::string table = quoteIdentifier(className), key = quoteIdentifier(keyColumn);
+  auto& reused = connection_.cached(std::string(kInsert) + "SELECT ?1, " + key + ", " + kFreshVersion +
+                                    ", 0, ?3 FROM " + table + " WHERE rowid > ?2 AND rowid <= " + kMark + " AND " +
+                                    key + " IS NOT NULL ORDER BY rowid" + kChangedAgain);
+  reused.bind(1, className).bind(2, rowid).bind(3, now());
+  reused.execute();
+  auto& dated = connection_.cached(
+      "UPDATE \"OutboxMark\" SET \"since\" = ?3 WHERE \"className\" = ?1 AND \"since\" IS NULL AND EXISTS "
+      "(SELECT 1 FROM " +
+      table + " WHERE rowid > max(\"absorbed\", ?2))");
+  dated.bind(1, className).bind(2, rowid).bind(3, now());
+  dated.execute();
 }
 
 void Outbox::enqueueLive(std::string_view className, std::string_view keyColumn) {

@@ -424,11 +424,17 @@ void WriteTransaction::recordAdd(std::string_view className, std::string_view ke
   const bool inserted = lastRowWasInserted;
   if (isOutboxClass(className)) {
     Outbox outbox(connection());
+    // A batch settled the outbox when it began and moves the marks past
+    // all its rows when it commits.
     if (!inserted) {
       if (origin_ == Origin::local) outbox.journal(className, keyColumn, key);
     } else if (origin_ == Origin::local) {
-      outbox.noteInserted(className, key, connection().lastInsertRowId());
-    } else {
+      if (nested_) {
+        outbox.writeDownInsert(className, key);
+      } else {
+        outbox.noteInserted(className, key, connection().lastInsertRowId());
+      }
+    } else if (!nested_) {
       outbox.passInserted(className, keyColumn, connection().lastInsertRowId());
     }
   }
@@ -458,9 +464,8 @@ std::int64_t WriteTransaction::lastRowid(std::string_view className) {
   return rows.next() ? rows->int64(0) : 0;
 }
 
-void WriteTransaction::journalInsertedAfter(std::string_view className, std::string_view keyColumn,
-                                            std::int64_t rowid) {
-  if (journals(className)) Outbox(connection()).journalInsertedAfter(className, keyColumn, rowid);
+void WriteTransaction::noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
+  if (journals(className)) Outbox(connection()).noteInsertedAfter(className, keyColumn, rowid);
 }
 
 namespace {
@@ -558,6 +563,15 @@ void BatchWriter::begin() {
   if (open_) return;
   store_.connection().cached("BEGIN IMMEDIATE").execute();
   open_ = true;
+  // Local inserts are written down now, so that the marks can move past
+  // the batch's own rows at once when it commits, not row by row.
+  try {
+    if (!store_.outboxClasses_->empty()) Outbox(store_.connection()).settleAll();
+  } catch (...) {
+    sqlite3_exec(store_.connection().handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    open_ = false;
+    throw;
+  }
 }
 
 void BatchWriter::keep(WriteTransaction& transaction, const std::vector<const ObserverToken*>& withoutNotifying) {
@@ -572,6 +586,7 @@ void BatchWriter::keep(WriteTransaction& transaction, const std::vector<const Ob
 
 void BatchWriter::commit() {
   if (!open_) return;
+  if (!store_.outboxClasses_->empty()) Outbox(store_.connection()).markAllSettled();
   store_.connection().cached("COMMIT").execute();
   open_ = false;
   auto written = std::move(written_);

@@ -82,6 +82,9 @@ class Outbox {
   // Notes a local insert of the row `rowid`; nothing to write unless that
   // rowid was used before.
   void noteInserted(std::string_view className, std::string_view recordKey, std::int64_t rowid);
+  // An entry, not known, for a row inserted here, written down at once: for
+  // a writer that moves the mark past its rows when it is done.
+  void writeDownInsert(std::string_view className, std::string_view recordKey);
   // Notes an insert from elsewhere of the row `rowid`: the local inserts
   // before it are written down and the mark moves past it.
   void passInserted(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
@@ -92,8 +95,9 @@ class Outbox {
   // Writes down the local inserts not yet written and moves the mark to the
   // class's last row: before a sender reads entries().
   void settle(std::string_view className, std::string_view keyColumn);
-  // settle() for every class, and after rowids were renumbered (VACUUM),
-  // every mark to its class's last row again.
+  // settle() for every class; and every mark to its class's last row, for
+  // a writer that settled first and wrote down its own inserts (a batch of
+  // records from elsewhere), or after rowids were numbered anew (VACUUM).
   void settleAll();
   void markAllSettled();
 
@@ -106,7 +110,8 @@ class Outbox {
   // cloud holds by now replaces; or a row whose last change was made here
   // and acknowledged (`authored`), which nothing is waiting to send.
   enum class Hold { none, keep, yield, authored };
-  Hold hold(std::string_view className, std::string_view keyColumn, std::string_view recordKey);
+  // Asked in a transaction that settled the class first, as a batch does.
+  Hold hold(std::string_view className, std::string_view recordKey);
 
   // Marks the entries a sender took, as possibly held by the cloud too:
   // done in the transaction that reads their rows, before the request
@@ -121,9 +126,9 @@ class Outbox {
   // and a row never sent that is gone needs no send.
   void forget(std::string_view className, std::string_view recordKey);
 
-  // An entry, not known, for every row of the class after `rowid`: rows a
-  // bulk writer inserted with statements of its own.
-  void journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+  // noteInserted() for every row of the class after `rowid`: rows a bulk
+  // writer inserted with statements of its own.
+  void noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
   // An entry for every live row of the class that has none (or only an
   // authored one), known: a full send of the class. `keyColumn` is the
   // class's primary key.

@@ -253,10 +253,10 @@ class WriteTransaction {
 
   // For a writer that inserts rows with statements of its own, which the
   // transaction does not see (a bulk import): the last rowid of the class
-  // before, and then the outbox entries of every row inserted after it, as
-  // local insertions. Observers still hear nothing of those rows.
+  // before, and then every row inserted after it told to the outbox as a
+  // local insertion. Observers still hear nothing of those rows.
   std::int64_t lastRowid(std::string_view className);
-  void journalInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+  void noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
 
  private:
   friend class Store;
@@ -313,6 +313,10 @@ class BatchWriter {
   BatchWriter& operator=(const BatchWriter&) = delete;
 
   Store& store() { return store_; }
+  // Opens the transaction, if it is not open yet; write() does too. The
+  // outbox is settled as it opens (see Outbox), and its marks moved past
+  // the batch's own rows as it commits.
+  void begin();
   template <class F>
   void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {}, Origin origin = Origin::local);
   // Commits, then tells the observers write by write.
@@ -325,7 +329,6 @@ class BatchWriter {
     std::vector<std::uint64_t> excluded;
   };
   static Store makeStore(sqlite::Connection& connection, const StoreConfiguration& configuration);
-  void begin();
   void keep(WriteTransaction& transaction, const std::vector<const ObserverToken*>& withoutNotifying);
 
   std::unique_ptr<sqlite::Connection> connection_;

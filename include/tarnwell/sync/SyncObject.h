@@ -157,9 +157,10 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
         return;
       }
       noteFetched(*key);
-      // Unsent work wins over what the cloud has: the drain sends it.
-      const auto hold =
-          store::Outbox(batch.store().connection()).hold(T::className, records::primaryKeyName<T>(), *key);
+      // Unsent work wins over what the cloud has: the drain sends it. The
+      // batch settles the outbox as it begins.
+      batch.begin();
+      const auto hold = store::Outbox(batch.store().connection()).hold(T::className, *key);
       if (hold == store::Outbox::Hold::keep) {
         CloudSync::shared().log("🔄 Record " + record.recordID().description() + " kept: it has unsent changes");
         return;
