@@ -186,12 +186,19 @@ void Outbox::passInserted(std::string_view className, std::string_view keyColumn
 }
 
 void Outbox::journal(std::string_view className, std::string_view keyColumn, std::string_view recordKey) {
-  auto& statement =
-      connection_.cached(std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", coalesce((SELECT rowid FROM " +
-                         quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) +
-                         " = ?2) <= (SELECT \"absorbed\" FROM "
-                         "\"OutboxMark\" WHERE \"className\" = ?1), 1), ?3)" +
-                         kChangedAgain);
+  // Every edit comes here: its statement is made once per class and thread.
+  thread_local std::map<std::string, std::string, std::less<>> statements;
+  auto found = statements.find(className);
+  if (found == statements.end()) {
+    found =
+        statements
+            .emplace(std::string(className),
+                     std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", coalesce((SELECT rowid FROM " +
+                         quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) + " = ?2) <= " +
+                         "(SELECT \"absorbed\" FROM \"OutboxMark\" WHERE \"className\" = ?1), 1), ?3)" + kChangedAgain)
+            .first;
+  }
+  auto& statement = connection_.cached(found->second);
   statement.bind(1, className).bind(2, recordKey).bind(3, now());
   statement.execute();
 }
