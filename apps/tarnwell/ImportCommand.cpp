@@ -130,8 +130,8 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
           rows = reader.rows();
           skipped = reader.skipped();
           unclosed = reader.unclosed();
-          t.noteInsertedAfter(Pickup::className, store::primaryKeyName<Pickup>(), pickupsBefore);
-          t.noteInsertedAfter(Walk::className, store::primaryKeyName<Walk>(), walksBefore);
+          t.noteInsertedAfter(Pickup::className, pickupsBefore);
+          t.noteInsertedAfter(Walk::className, walksBefore);
         });
         // Nobody heard of the rows: the cloud service sends them now.
         CloudService::sendUnsentChanges();

@@ -92,7 +92,7 @@ void runSync(const GlobalOptions& options, const std::string& command,
 // The changes the cloud has not acknowledged yet, as JSON and as a line.
 std::pair<nlohmann::ordered_json, std::string> unsentChanges() {
   auto store = store::Store::open();
-  const auto summary = store::Outbox(store.connection()).summary();
+  const auto summary = store::Outbox(store.connection()).summary(store.outboxClasses());
   nlohmann::ordered_json byClass = nlohmann::ordered_json::object();
   std::string classes;
   for (const auto& [className, count] : summary.byClass) {

@@ -56,32 +56,16 @@ constexpr char kMark[] = "coalesce((SELECT \"absorbed\" FROM \"OutboxMark\" WHER
 
 double now() { return Date::now().timeIntervalSinceReferenceDate(); }
 
-// The primary key of a table, for the few who only know the class's name.
-std::string primaryKeyOf(sqlite::Connection& connection, std::string_view table) {
-  auto statement = connection.prepare("SELECT name FROM pragma_table_info(?1) WHERE pk = 1");
-  statement.bind(1, table);
-  if (!statement.step()) throw sqlite::Error(SQLITE_SCHEMA, "the table " + std::string(table) + " has no primary key");
-  return statement.text(0);
-}
-
-std::vector<std::string> markedClasses(sqlite::Connection& connection) {
-  auto& statement = connection.cached("SELECT \"className\" FROM \"OutboxMark\" ORDER BY \"className\"");
-  std::vector<std::string> classes;
-  for (sqlite::Cursor rows(statement); rows.next();) classes.push_back(rows->text(0));
-  return classes;
-}
-
-// Entries, not known, for the rows of class ?1 above its mark and below ?2,
-// dated from the first of them.
-void writeDownInserts(sqlite::Connection& connection, std::string_view className, std::string_view keyColumn,
-                      std::int64_t below) {
-  const std::string key = quoteIdentifier(keyColumn);
+// Entries, not known, dated `since`, for the rows of a class with a rowid
+// in (after, before).
+void writeDownRows(sqlite::Connection& connection, const OutboxClass& outboxClass, std::int64_t after,
+                   std::int64_t before, double since) {
+  const std::string key = quoteIdentifier(outboxClass.keyColumn);
   auto& statement =
-      connection.cached(std::string(kInsert) + "SELECT ?1, " + key + ", " + kFreshVersion +
-                        ", 0, coalesce((SELECT \"since\" FROM \"OutboxMark\" WHERE \"className\" = ?1), ?3) FROM " +
-                        quoteIdentifier(className) + " WHERE rowid > " + kMark + " AND rowid < ?2 AND " + key +
+      connection.cached(std::string(kInsert) + "SELECT ?1, " + key + ", " + kFreshVersion + ", 0, ?4 FROM " +
+                        quoteIdentifier(outboxClass.className) + " WHERE rowid > ?2 AND rowid < ?3 AND " + key +
                         " IS NOT NULL ORDER BY rowid" + kChangedAgain);
-  statement.bind(1, className).bind(2, below).bind(3, now());
+  statement.bind(1, std::string_view(outboxClass.className)).bind(2, after).bind(3, before).bind(4, since);
   statement.execute();
 }
 
@@ -101,8 +85,17 @@ std::string hasNoEntry(std::string_view className, std::string_view keyExpressio
 
 }  // namespace
 
+std::optional<Outbox::Mark> Outbox::mark(std::string_view className) {
+  auto& statement = connection_.cached("SELECT \"absorbed\", \"since\" FROM \"OutboxMark\" WHERE \"className\" = ?1");
+  statement.bind(1, className);
+  sqlite::Cursor rows(statement);
+  if (!rows.next()) return std::nullopt;
+  return Mark{rows->int64(0), rows->isNull(1) ? std::nullopt : std::optional<double>(rows->real(1))};
+}
+
 TableSchema Outbox::markSchema() {
   return TableSchema{"OutboxMark",
+                     "",
                      std::string(kCreateMark),
                      {{"className", "\"className\" TEXT NOT NULL"},
                       {"absorbed", "\"absorbed\" INTEGER NOT NULL"},
@@ -133,6 +126,7 @@ bool Outbox::hasMarks(sqlite::Connection& connection, const std::vector<std::str
 
 TableSchema Outbox::tableSchema() {
   return TableSchema{std::string(kTableName),
+                     "",
                      std::string(kCreate),
                      {{"className", "\"className\" TEXT NOT NULL"},
                       {"recordKey", "\"recordKey\" TEXT NOT NULL"},
@@ -144,88 +138,80 @@ TableSchema Outbox::tableSchema() {
 }
 
 void Outbox::noteInserted(std::string_view className, std::string_view recordKey, std::int64_t rowid) {
-  std::int64_t absorbed = 0;
-  bool undated = false;
-  {
-    auto& mark =
-        connection_.cached("SELECT \"absorbed\", \"since\" IS NULL FROM \"OutboxMark\" WHERE \"className\" = ?1");
-    mark.bind(1, className);
-    sqlite::Cursor rows(mark);
-    if (!rows.next()) return;  // a lost mark: settle() takes every row
-    absorbed = rows->int64(0);
-    undated = rows->int64(1) != 0;
-  }
-  if (rowid <= absorbed) {
-    writeDownInsert(className, recordKey);
-  } else if (undated) {
+  const auto found = mark(className);
+  if (!found) return;  // a lost mark: settle() takes every row
+  if (rowid <= found->absorbed) {
+    static const std::string sql =
+        std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", 0, ?3)" + kChangedAgain;
+    auto& statement = connection_.cached(sql);
+    statement.bind(1, className).bind(2, recordKey).bind(3, now());
+    statement.execute();
+  } else if (!found->since) {
     auto& statement = connection_.cached("UPDATE \"OutboxMark\" SET \"since\" = ?2 WHERE \"className\" = ?1");
     statement.bind(1, className).bind(2, now());
     statement.execute();
   }
 }
 
-void Outbox::writeDownInsert(std::string_view className, std::string_view recordKey) {
-  static const std::string sql = std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", 0, ?3)" + kChangedAgain;
-  auto& statement = connection_.cached(sql);
-  statement.bind(1, className).bind(2, recordKey).bind(3, now());
-  statement.execute();
-}
-
-void Outbox::passInserted(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
+void Outbox::passInserted(const OutboxClass& outboxClass, std::int64_t rowid) {
   // Mostly the mark stands just below: a fetch inserts row after row.
   auto& next = connection_.cached(
       "UPDATE \"OutboxMark\" SET \"absorbed\" = ?2 WHERE \"className\" = ?1 AND \"absorbed\" = ?2 - 1");
-  next.bind(1, className).bind(2, rowid);
+  next.bind(1, std::string_view(outboxClass.className)).bind(2, rowid);
   next.execute();
-  if (connection_.changes() > 0) return;
-  writeDownInserts(connection_, className, keyColumn, rowid);
-  auto& statement = connection_.cached(
-      "UPDATE \"OutboxMark\" SET \"absorbed\" = ?2, \"since\" = NULL WHERE \"className\" = ?1 AND \"absorbed\" < ?2");
-  statement.bind(1, className).bind(2, rowid);
-  statement.execute();
+  if (connection_.changes() == 0) absorb(outboxClass, rowid);
 }
 
-void Outbox::journal(std::string_view className, std::string_view keyColumn, std::string_view recordKey) {
+void Outbox::journal(const OutboxClass& outboxClass, std::string_view recordKey) {
+  const auto& [className, keyColumn] = outboxClass;
   // Every edit comes here: its statement is made once per class and thread.
-  thread_local std::map<std::string, std::string, std::less<>> statements;
-  auto found = statements.find(className);
+  thread_local std::map<OutboxClass, std::string> statements;
+  auto found = statements.find(outboxClass);
   if (found == statements.end()) {
     found =
         statements
-            .emplace(std::string(className),
+            .emplace(outboxClass,
                      std::string(kInsert) + "VALUES (?1, ?2, " + kFreshVersion + ", coalesce((SELECT rowid FROM " +
                          quoteIdentifier(className) + " WHERE " + quoteIdentifier(keyColumn) + " = ?2) <= " +
                          "(SELECT \"absorbed\" FROM \"OutboxMark\" WHERE \"className\" = ?1), 1), ?3)" + kChangedAgain)
             .first;
   }
   auto& statement = connection_.cached(found->second);
-  statement.bind(1, className).bind(2, recordKey).bind(3, now());
+  statement.bind(1, std::string_view(className)).bind(2, recordKey).bind(3, now());
   statement.execute();
 }
 
-void Outbox::settle(std::string_view className, std::string_view keyColumn) {
-  writeDownInserts(connection_, className, keyColumn, INT64_MAX);
+void Outbox::settle(const OutboxClass& outboxClass) { absorb(outboxClass, std::nullopt); }
+
+void Outbox::absorb(const OutboxClass& outboxClass, std::optional<std::int64_t> fromElsewhere) {
+  const std::string_view className = outboxClass.className;
+  const auto found = mark(className);
+  const std::int64_t absorbed = found ? found->absorbed : 0;
+  writeDownRows(connection_, outboxClass, absorbed, fromElsewhere.value_or(INT64_MAX),
+                found && found->since ? *found->since : now());
   // An upsert, so that a lost mark is made again; lowered too when the last
   // rows were removed, which keeps the next inserts above it.
   auto& statement = connection_.cached(
-      "INSERT INTO \"OutboxMark\" (\"className\", \"absorbed\") VALUES (?1, (SELECT coalesce(max(rowid), 0) FROM " +
+      "INSERT INTO \"OutboxMark\" (\"className\", \"absorbed\") VALUES (?1, coalesce(?2, (SELECT "
+      "coalesce(max(rowid), 0) FROM " +
       quoteIdentifier(className) +
-      ")) ON CONFLICT DO UPDATE SET \"absorbed\" = excluded.\"absorbed\", \"since\" = NULL WHERE \"absorbed\" != "
+      "))) ON CONFLICT DO UPDATE SET \"absorbed\" = excluded.\"absorbed\", \"since\" = NULL WHERE \"absorbed\" != "
       "excluded.\"absorbed\" OR \"since\" IS NOT NULL");
   statement.bind(1, className);
+  if (fromElsewhere) statement.bind(2, *fromElsewhere);
   statement.execute();
 }
 
-void Outbox::settleAll() {
-  for (const auto& className : markedClasses(connection_)) settle(className, primaryKeyOf(connection_, className));
+void Outbox::settleAll(const std::vector<OutboxClass>& classes) {
+  for (const auto& outboxClass : classes) settle(outboxClass);
 }
 
-void Outbox::markAllSettled() {
-  for (const auto& className : markedClasses(connection_)) {
-    auto statement =
-        connection_.prepare("UPDATE \"OutboxMark\" SET \"absorbed\" = (SELECT coalesce(max(rowid), 0) FROM " +
-                            quoteIdentifier(className) + "), \"since\" = NULL WHERE \"className\" = ?1");
-    statement.bind(1, std::string_view(className));
+void Outbox::markAllSettled(const std::vector<OutboxClass>& classes) {
+  for (const auto& outboxClass : classes) {
+    auto& statement =
+        connection_.cached("UPDATE \"OutboxMark\" SET \"absorbed\" = (SELECT coalesce(max(rowid), 0) FROM " +
+                           quoteIdentifier(outboxClass.className) + "), \"since\" = NULL WHERE \"className\" = ?1");
+    statement.bind(1, std::string_view(outboxClass.className));
     statement.execute();
   }
 }
@@ -288,18 +274,16 @@ void Outbox::forget(std::string_view className, std::string_view recordKey) {
   statement.execute();
 }
 
-void Outbox::noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
-  const std::string table = quoteIdentifier(className), key = quoteIdentifier(keyColumn);
-  auto& reused = connection_.cached(std::string(kInsert) + "SELECT ?1, " + key + ", " + kFreshVersion +
-                                    ", 0, ?3 FROM " + table + " WHERE rowid > ?2 AND rowid <= " + kMark + " AND " +
-                                    key + " IS NOT NULL ORDER BY rowid" + kChangedAgain);
-  reused.bind(1, className).bind(2, rowid).bind(3, now());
-  reused.execute();
+void Outbox::noteInsertedAfter(const OutboxClass& outboxClass, std::int64_t rowid) {
+  const auto found = mark(outboxClass.className);
+  if (!found) return;  // a lost mark: settle() takes every row
+  // Rows at or below the mark reuse rowids: written down at once.
+  writeDownRows(connection_, outboxClass, rowid, found->absorbed + 1, now());
   auto& dated = connection_.cached(
       "UPDATE \"OutboxMark\" SET \"since\" = ?3 WHERE \"className\" = ?1 AND \"since\" IS NULL AND EXISTS "
       "(SELECT 1 FROM " +
-      table + " WHERE rowid > max(\"absorbed\", ?2))");
-  dated.bind(1, className).bind(2, rowid).bind(3, now());
+      quoteIdentifier(outboxClass.className) + " WHERE rowid > max(\"absorbed\", ?2))");
+  dated.bind(1, std::string_view(outboxClass.className)).bind(2, rowid).bind(3, now());
   dated.execute();
 }
 
@@ -335,7 +319,7 @@ std::string Outbox::hasNoUnsentWork(std::string_view className, std::string_view
          hasNoEntry(name, keyExpression);
 }
 
-OutboxSummary Outbox::summary() {
+OutboxSummary Outbox::summary(const std::vector<OutboxClass>& classes) {
   std::map<std::string, std::size_t> counts;
   std::optional<Date> oldest;
   const auto count = [&](const std::string& className, std::int64_t n, std::optional<double> since) {
@@ -351,11 +335,11 @@ OutboxSummary Outbox::summary() {
   for (sqlite::Cursor rows(statement); rows.next();) count(rows->text(0), rows->int64(1), rows->real(2));
   // The local inserts not yet written down, less those an entry already
   // names (edited since).
-  for (const auto& className : markedClasses(connection_)) {
+  for (const auto& [className, keyColumn] : classes) {
     auto& inserts =
         connection_.cached("SELECT count(*), (SELECT \"since\" FROM \"OutboxMark\" WHERE \"className\" = ?1) FROM " +
                            quoteIdentifier(className) + " WHERE rowid > " + kMark + " AND " +
-                           hasNoEntry("?1", quoteIdentifier(primaryKeyOf(connection_, className))));
+                           hasNoEntry("?1", quoteIdentifier(keyColumn)));
     inserts.bind(1, std::string_view(className));
     sqlite::Cursor rows(inserts);
     if (rows.next()) {

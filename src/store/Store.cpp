@@ -95,7 +95,7 @@ struct StoreState {
   std::map<std::string, std::uint64_t> epochs;
   std::set<std::pair<std::string, std::uint64_t>> prepared;
   std::map<std::string, std::shared_ptr<ObserverRegistry>> observers;
-  std::map<std::string, std::shared_ptr<const std::vector<std::string>>> outboxClasses;
+  std::map<std::string, std::shared_ptr<const std::vector<OutboxClass>>> outboxClasses;
 
   std::uint64_t epoch(const std::string& file) {
     std::lock_guard lock(mutex);
@@ -137,6 +137,20 @@ void forgetThreadConnection(const std::string& file, std::uint64_t epoch) {
   threadConnections.connections.erase({file, epoch});
 }
 
+// The outbox classes with the primary keys of their tables.
+std::vector<OutboxClass> outboxClassesOf(const StoreConfiguration& configuration) {
+  std::vector<OutboxClass> classes;
+  for (const auto& className : configuration.outboxClasses) {
+    const auto table = std::find_if(configuration.tables.begin(), configuration.tables.end(),
+                                    [&](const TableSchema& each) { return each.className == className; });
+    if (table == configuration.tables.end() || table->primaryKey.empty()) {
+      throw std::invalid_argument("the outbox class " + className + " has no table with a primary key");
+    }
+    classes.push_back({className, table->primaryKey});
+  }
+  return classes;
+}
+
 void compactIfAsked(sqlite::Connection& connection, const StoreConfiguration& configuration) {
   if (!configuration.shouldCompactOnLaunch) return;
   const auto pageSize = static_cast<std::uint64_t>(connection.pageSize());
@@ -148,11 +162,11 @@ void compactIfAsked(sqlite::Connection& connection, const StoreConfiguration& co
   const bool marked = connection.tableExists("OutboxMark");
   if (marked) {
     sqlite::Transaction transaction(connection, sqlite::Transaction::Behavior::immediate);
-    Outbox(connection).settleAll();
+    Outbox(connection).settleAll(outboxClassesOf(configuration));
     transaction.commit();
   }
   connection.execute("VACUUM");
-  if (marked) Outbox(connection).markAllSettled();
+  if (marked) Outbox(connection).markAllSettled(outboxClassesOf(configuration));
   connection.execute("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
@@ -294,7 +308,7 @@ Store Store::open(const StoreConfiguration& configuration) {
   const std::uint64_t epoch = state.epoch(file);
   sqlite::Connection& connection = threadConnection(file, epoch);
   std::shared_ptr<ObserverRegistry> observers;
-  std::shared_ptr<const std::vector<std::string>> outboxClasses;
+  std::shared_ptr<const std::vector<OutboxClass>> outboxClasses;
   {
     std::lock_guard lock(state.mutex);
     if (!state.prepared.contains({file, epoch})) {
@@ -310,8 +324,8 @@ Store Store::open(const StoreConfiguration& configuration) {
     if (!registry) registry = std::make_shared<ObserverRegistry>();
     observers = registry;
     auto& classes = state.outboxClasses[file];
-    if (!classes || *classes != configuration.outboxClasses) {
-      classes = std::make_shared<const std::vector<std::string>>(configuration.outboxClasses);
+    if (!classes || !std::ranges::equal(*classes, configuration.outboxClasses, {}, &OutboxClass::className)) {
+      classes = std::make_shared<const std::vector<OutboxClass>>(outboxClassesOf(configuration));
     }
     outboxClasses = classes;
   }
@@ -420,42 +434,40 @@ ChangeSet& WriteTransaction::changes(std::string_view className) {
   return changes_.back();
 }
 
-void WriteTransaction::recordAdd(std::string_view className, std::string_view keyColumn, std::string key) {
+void WriteTransaction::recordAdd(std::string_view className, std::string key) {
   const bool inserted = lastRowWasInserted;
-  if (isOutboxClass(className)) {
+  // A batch settled the outbox when it began and moves the marks past all
+  // its rows when it commits.
+  if (const auto* journaled = outboxClass(className); journaled && !(nested_ && origin_ == Origin::elsewhere)) {
     Outbox outbox(connection());
-    // A batch settled the outbox when it began and moves the marks past
-    // all its rows when it commits.
-    if (!inserted) {
-      if (origin_ == Origin::local) outbox.journal(className, keyColumn, key);
-    } else if (origin_ == Origin::local) {
-      if (nested_) {
-        outbox.writeDownInsert(className, key);
-      } else {
-        outbox.noteInserted(className, key, connection().lastInsertRowId());
-      }
-    } else if (!nested_) {
-      outbox.passInserted(className, keyColumn, connection().lastInsertRowId());
+    if (origin_ == Origin::elsewhere) {
+      if (inserted) outbox.passInserted(*journaled, connection().lastInsertRowId());
+    } else if (inserted) {
+      outbox.noteInserted(className, key, connection().lastInsertRowId());
+    } else {
+      outbox.journal(*journaled, key);
     }
   }
   auto& change = changes(className);
   (inserted ? change.insertions : change.modifications).push_back(std::move(key));
 }
 
-bool WriteTransaction::isOutboxClass(std::string_view className) const {
-  const auto& classes = *store_.outboxClasses_;
-  return std::find(classes.begin(), classes.end(), className) != classes.end();
+const OutboxClass* WriteTransaction::outboxClass(std::string_view className) const {
+  for (const auto& each : *store_.outboxClasses_) {
+    if (each.className == className) return &each;
+  }
+  return nullptr;
 }
 
-bool WriteTransaction::journals(std::string_view className) const {
-  return origin_ == Origin::local && isOutboxClass(className);
+const OutboxClass* WriteTransaction::journaled(std::string_view className) const {
+  return origin_ == Origin::local ? outboxClass(className) : nullptr;
 }
 
-void WriteTransaction::journal(std::string_view className, std::string_view keyColumn,
-                               const std::vector<std::string>& keys) {
-  if (keys.empty() || !journals(className)) return;
+void WriteTransaction::journal(std::string_view className, const std::vector<std::string>& keys) {
+  const auto* outboxClass = journaled(className);
+  if (!outboxClass) return;
   Outbox outbox(connection());
-  for (const auto& key : keys) outbox.journal(className, keyColumn, key);
+  for (const auto& key : keys) outbox.journal(*outboxClass, key);
 }
 
 std::int64_t WriteTransaction::lastRowid(std::string_view className) {
@@ -464,8 +476,8 @@ std::int64_t WriteTransaction::lastRowid(std::string_view className) {
   return rows.next() ? rows->int64(0) : 0;
 }
 
-void WriteTransaction::noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid) {
-  if (journals(className)) Outbox(connection()).noteInsertedAfter(className, keyColumn, rowid);
+void WriteTransaction::noteInsertedAfter(std::string_view className, std::int64_t rowid) {
+  if (const auto* outboxClass = journaled(className)) Outbox(connection()).noteInsertedAfter(*outboxClass, rowid);
 }
 
 namespace {
@@ -509,7 +521,7 @@ std::vector<std::string> WriteTransaction::updateRows(
   auto keys = selectKeys(connection(), className, key, where);
   if (keys.empty()) return keys;
   runUpdate(connection(), className, assignments, where.where, where.arguments);
-  journal(className, key, keys);
+  journal(className, keys);
   auto& modified = changes(className).modifications;
   modified.insert(modified.end(), keys.begin(), keys.end());
   return keys;
@@ -522,7 +534,7 @@ bool WriteTransaction::updateRow(std::string_view className, std::string_view ke
   if (!onlyIf.empty()) condition += " AND (" + std::string(onlyIf) + ")";
   runUpdate(connection(), className, assignments, condition, {std::string(primaryKey)});
   if (connection().changes() == 0) return false;
-  if (journals(className)) Outbox(connection()).journal(className, key, primaryKey);
+  if (const auto* outboxClass = journaled(className)) Outbox(connection()).journal(*outboxClass, primaryKey);
   changes(className).modifications.emplace_back(primaryKey);
   return true;
 }
@@ -531,7 +543,7 @@ std::vector<std::string> WriteTransaction::removeRows(std::string_view className
                                                       const Query& where) {
   auto keys = selectKeys(connection(), className, key, where);
   // Before the rows go: an entry is known unless its row never left.
-  journal(className, key, keys);
+  journal(className, keys);
   std::string sql = "DELETE FROM " + quoteIdentifier(className);
   if (!where.where.empty()) sql += " WHERE " + where.where;
   auto& remove = connection().cached(sql);
@@ -566,7 +578,7 @@ void BatchWriter::begin() {
   // Local inserts are written down now, so that the marks can move past
   // the batch's own rows at once when it commits, not row by row.
   try {
-    if (!store_.outboxClasses_->empty()) Outbox(store_.connection()).settleAll();
+    Outbox(store_.connection()).settleAll(*store_.outboxClasses_);
   } catch (...) {
     sqlite3_exec(store_.connection().handle(), "ROLLBACK", nullptr, nullptr, nullptr);
     open_ = false;
@@ -586,7 +598,7 @@ void BatchWriter::keep(WriteTransaction& transaction, const std::vector<const Ob
 
 void BatchWriter::commit() {
   if (!open_) return;
-  if (!store_.outboxClasses_->empty()) Outbox(store_.connection()).markAllSettled();
+  Outbox(store_.connection()).markAllSettled(*store_.outboxClasses_);
   store_.connection().cached("COMMIT").execute();
   open_ = false;
   auto written = std::move(written_);

@@ -47,6 +47,28 @@ std::shared_ptr<CKModifyRecordsOperation> modifyOperation(std::vector<CKRecord> 
   return operation;
 }
 
+// What became of a modify request, as the log tells it.
+enum class Outcome { sent, retry, chunk, failed };
+
+// A request of one record is not split (`canChunk` false): too large alone, it fails.
+Outcome outcomeOf(const CKOperationResultType& result, const std::exception_ptr& error, bool canChunk) {
+  auto& sync = CloudSync::shared();
+  if (result.isSuccess()) {
+    sync.log("🔄 Modify record completed");
+    return Outcome::sent;
+  }
+  if (result.isRetry()) {
+    sync.log("🔄 Modify record needs retry");
+    return Outcome::retry;
+  }
+  if (result.isChunk() && canChunk) {
+    sync.log("🔄 Modify record needs chunk");
+    return Outcome::chunk;
+  }
+  sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
+  return Outcome::failed;
+}
+
 }  // namespace
 
 void CloudDatabaseManager::sendOutgoing(const std::shared_ptr<Syncable>& object, OutgoingChanges changes) {
@@ -59,31 +81,31 @@ void CloudDatabaseManager::sendOutgoing(const std::shared_ptr<Syncable>& object,
         const auto self = weak.lock();
         const auto owner = weakObject.lock();
         if (!self || !owner) return;
-        auto& sync = CloudSync::shared();
         const auto result = ErrorHandler::resultType(error);
-        if (result.isSuccess()) {
-          sync.log("🔄 Modify record completed");
-          self->failuresInARow_ = 0;
-          owner->didSend(sent);
-        } else if (result.isRetry()) {
-          sync.log("🔄 Modify record needs retry");
-          owner->didNotSend(sent, false);
-          // The rows are read again when the retry is sent, edits made meanwhile included.
-          ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weakObject, paused = sent.evenIfPaused] {
-            if (const auto again = weakObject.lock()) again->drainOutbox(paused);
-          });
-        } else if (result.isChunk() && sent.size() > 1) {
-          sync.log("🔄 Modify record needs chunk");
-          owner->didNotSend(sent, true);
-          owner->drainOutbox(sent.evenIfPaused);
-        } else {
-          sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
-          owner->didNotSend(sent, false);
-          if (ErrorHandler::isZoneGone(error)) {
-            self->zoneIsGone(*owner);
-          } else {
-            self->drainLater(owner, sent.evenIfPaused);
-          }
+        switch (outcomeOf(result, error, sent.size() > 1)) {
+          case Outcome::sent:
+            self->failuresInARow_ = 0;
+            owner->didSend(sent);
+            return;
+          case Outcome::retry:
+            owner->didNotSend(sent, false);
+            // The rows are read again when the retry is sent, edits made meanwhile included.
+            ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [weakObject, paused = sent.evenIfPaused] {
+              if (const auto again = weakObject.lock()) again->drainOutbox(paused);
+            });
+            return;
+          case Outcome::chunk:
+            owner->didNotSend(sent, true);
+            owner->drainOutbox(sent.evenIfPaused);
+            return;
+          case Outcome::failed:
+            owner->didNotSend(sent, false);
+            if (ErrorHandler::isZoneGone(error)) {
+              self->zoneIsGone(*owner);
+            } else {
+              self->drainLater(owner, sent.evenIfPaused);
+            }
+            return;
         }
       };
   database_.add(std::move(operation));
@@ -125,40 +147,32 @@ void CloudDatabaseManager::syncRecordsToCloudKit(std::vector<CKRecord> recordsTo
     const auto finished = sent.lock();
     if (!self || !finished) return;
     const auto result = ErrorHandler::resultType(error);
-    auto& sync = CloudSync::shared();
-    if (result.isSuccess()) {
-      sync.log("🔄 Modify record completed");
-      DispatchQueue::main().async([completion] {
-        if (completion) completion(nullptr);
+    const auto outcome = outcomeOf(result, error, true);
+    const auto finish = [completion](std::exception_ptr failure) {
+      DispatchQueue::main().async([completion, failure] {
+        if (completion) completion(failure);
       });
-      return;
-    }
+    };
+    if (outcome == Outcome::sent) return finish(nullptr);
     // What did not go goes into the outbox of its class, so that nothing of
     // it is lost, and is sent from there as the rows are then.
     const auto objects = self->keepInOutboxes(*finished);
     const auto drain = [objects] {
       for (const auto& object : objects) object->drainOutbox(true);
     };
-    if (result.isRetry()) {
-      sync.log("🔄 Modify record needs retry");
+    if (outcome == Outcome::retry) {
       ErrorHandler::retryOperationIfPossible(result.afterSeconds(), [drain, completion] {
         drain();
         if (completion) completion(nullptr);
       });
-    } else if (result.isChunk()) {
-      sync.log("🔄 Modify record needs chunk");
+    } else if (outcome == Outcome::chunk) {
       drain();
-      DispatchQueue::main().async([completion] {
-        if (completion) completion(nullptr);
-      });
+      finish(nullptr);
     } else {
-      sync.log("🔄 Modify record unhandled completion: " + debugDescription(error));
       if (ErrorHandler::isZoneGone(error)) {
         for (const auto& object : objects) self->zoneIsGone(*object);
       }
-      DispatchQueue::main().async([completion, error] {
-        if (completion) completion(error);
-      });
+      finish(error);
     }
   };
   database_.add(std::move(operation));

@@ -156,7 +156,7 @@ TEST_F(StoreTest, UpdatesReturnKeysInStoreOrder) {
 
 // The outbox as its sender sees it: unsent keys and whether each is known.
 std::map<std::string, bool> unsentPickups(Store& store) {
-  store.write([](WriteTransaction& t) { store::Outbox(t.connection()).settle("Pickup", "id"); });
+  store.write([](WriteTransaction& t) { store::Outbox(t.connection()).settle({"Pickup", "id"}); });
   std::map<std::string, bool> unsent;
   for (const auto& entry : store::Outbox(store.connection()).entries("Pickup", 100)) {
     unsent[entry.recordKey] = entry.known;
@@ -165,7 +165,7 @@ std::map<std::string, bool> unsentPickups(Store& store) {
 }
 
 std::size_t unsentPickupCount(Store& store) {
-  for (const auto& [className, count] : store::Outbox(store.connection()).summary().byClass) {
+  for (const auto& [className, count] : store::Outbox(store.connection()).summary(store.outboxClasses()).byClass) {
     if (className == "Pickup") return count;
   }
   return 0;
@@ -191,7 +191,8 @@ TEST_F(StoreTest, AnInsertWritesNothingToTheOutboxYetWaitsThereUnknown) {
   const std::string a = Database::addPickup(t0, t0 + 60), b = Database::addPickup(t0 + 120, t0 + 180);
   EXPECT_EQ(outboxRows(store), before);
   EXPECT_EQ(unsentPickupCount(store), 2u);
-  EXPECT_EQ(store::Outbox(store.connection()).summary().oldest, t0) << "dated from the first insert";
+  EXPECT_EQ(store::Outbox(store.connection()).summary(store.outboxClasses()).oldest, t0)
+      << "dated from the first insert";
 
   // A record from elsewhere is not a local change, and the local inserts
   // before it still are.
@@ -345,7 +346,8 @@ TEST_F(MigrationTest, Version12RunsNothing) {
   writeOldFile(12);
   EXPECT_EQ(stepsRun(), std::set<int>{});
   Store store = Store::open();
-  EXPECT_EQ(store::Outbox(store.connection()).summary().count, 0u) << "rows older than the outbox are not changes";
+  EXPECT_EQ(store::Outbox(store.connection()).summary(store.outboxClasses()).count, 0u)
+      << "rows older than the outbox are not changes";
 }
 
 TEST_F(MigrationTest, MissingColumnsArriveWithTheirDefaults) {

@@ -116,12 +116,12 @@ TEST_F(DatabaseManagerTest, AnUnhandledErrorKeepsTheChangesAndTellsTheCaller) {
   EXPECT_TRUE(pushed);
   EXPECT_TRUE(pulled);
   EXPECT_TRUE(cloud->records(CKDatabaseScope::privateScope, "Pickup").empty());
-  EXPECT_EQ(store::Outbox(store.connection()).summary().count, 1u);
+  EXPECT_EQ(store::Outbox(store.connection()).summary(store.outboxClasses()).count, 1u);
 
   // The growing wait tries again by itself; the next pull would too.
   env.advance(1);
   EXPECT_EQ(cloud->records(CKDatabaseScope::privateScope, "Pickup").size(), 1u);
-  EXPECT_EQ(store::Outbox(store.connection()).summary().count, 0u);
+  EXPECT_EQ(store::Outbox(store.connection()).summary(store.outboxClasses()).count, 0u);
 }
 
 TEST_F(DatabaseManagerTest, ARetryWaitsOnTheMainQueueForTheSecondsTheCloudAsked) {

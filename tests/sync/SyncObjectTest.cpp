@@ -58,7 +58,7 @@ class SyncObjectTest : public EnvironmentTest {
   }
   std::size_t unsent() {
     auto store = store::Store::open(configuration);
-    return store::Outbox(store.connection()).summary().count;
+    return store::Outbox(store.connection()).summary(store.outboxClasses()).count;
   }
   std::optional<Pickup> row(const std::string& id) { return store::Store::open(configuration).object<Pickup>(id); }
 

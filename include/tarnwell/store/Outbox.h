@@ -28,7 +28,6 @@
 //
 // These functions work on the connection of a write (or, for reads, any)
 // and never notify observers: the outbox is bookkeeping, not records.
-// `keyColumn` is always the class's primary key.
 
 #pragma once
 
@@ -46,6 +45,13 @@
 namespace tarnwell::store {
 
 struct TableSchema;
+
+// A class whose local changes wait in the outbox, and its primary key.
+struct OutboxClass {
+  std::string className;
+  std::string keyColumn;
+  auto operator<=>(const OutboxClass&) const = default;
+};
 
 struct OutboxEntry {
   std::string recordKey;
@@ -82,24 +88,21 @@ class Outbox {
   // Notes a local insert of the row `rowid`; nothing to write unless that
   // rowid was used before.
   void noteInserted(std::string_view className, std::string_view recordKey, std::int64_t rowid);
-  // An entry, not known, for a row inserted here, written down at once: for
-  // a writer that moves the mark past its rows when it is done.
-  void writeDownInsert(std::string_view className, std::string_view recordKey);
   // Notes an insert from elsewhere of the row `rowid`: the local inserts
   // before it are written down and the mark moves past it.
-  void passInserted(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+  void passInserted(const OutboxClass& outboxClass, std::int64_t rowid);
   // Notes a local change of a row that exists, before it is removed if it
   // is: `since` and `known` kept from an entry already there; a new entry is
   // known unless the row was inserted here and never taken.
-  void journal(std::string_view className, std::string_view keyColumn, std::string_view recordKey);
+  void journal(const OutboxClass& outboxClass, std::string_view recordKey);
   // Writes down the local inserts not yet written and moves the mark to the
   // class's last row: before a sender reads entries().
-  void settle(std::string_view className, std::string_view keyColumn);
+  void settle(const OutboxClass& outboxClass);
   // settle() for every class; and every mark to its class's last row, for
-  // a writer that settled first and wrote down its own inserts (a batch of
+  // a writer that settled first and wrote nothing local since (a batch of
   // records from elsewhere), or after rowids were numbered anew (VACUUM).
-  void settleAll();
-  void markAllSettled();
+  void settleAll(const std::vector<OutboxClass>& classes);
+  void markAllSettled(const std::vector<OutboxClass>& classes);
 
   // The entries of a class, at most `limit`, in the order of their keys.
   std::vector<OutboxEntry> entries(std::string_view className, std::size_t limit);
@@ -128,7 +131,7 @@ class Outbox {
 
   // noteInserted() for every row of the class after `rowid`: rows a bulk
   // writer inserted with statements of its own.
-  void noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+  void noteInsertedAfter(const OutboxClass& outboxClass, std::int64_t rowid);
   // An entry for every live row of the class that has none (or only an
   // authored one), known: a full send of the class. `keyColumn` is the
   // class's primary key.
@@ -142,7 +145,7 @@ class Outbox {
   // rows deleted or gone.
   void forgetUnsentDeletions(std::string_view className, std::string_view keyColumn);
 
-  OutboxSummary summary();
+  OutboxSummary summary(const std::vector<OutboxClass>& classes);
 
   // An SQL condition on a row of `className` whose key is `keyExpression`
   // and whose rowid is in scope as `rowid`: nothing of it waits to be sent
@@ -150,6 +153,17 @@ class Outbox {
   static std::string hasNoUnsentWork(std::string_view className, std::string_view keyExpression);
 
  private:
+  struct Mark {
+    std::int64_t absorbed = 0;
+    // When the first local insert above it was made.
+    std::optional<double> since;
+  };
+  std::optional<Mark> mark(std::string_view className);
+  // Writes down the local inserts above the mark and moves the mark to the
+  // class's last row, or to `fromElsewhere`, a row just inserted from
+  // elsewhere, which is no local insert.
+  void absorb(const OutboxClass& outboxClass, std::optional<std::int64_t> fromElsewhere);
+
   sqlite::Connection& connection_;
 };
 

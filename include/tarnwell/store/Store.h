@@ -37,6 +37,7 @@
 
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/Sqlite.h"
+#include "tarnwell/store/Outbox.h"
 #include "tarnwell/store/Schema.h"
 
 namespace tarnwell::store {
@@ -108,6 +109,8 @@ class ObserverToken {
 // A record class as the store keeps it: the table and its columns.
 struct TableSchema {
   std::string className;
+  // The primary key's column; empty for the store's own tables.
+  std::string primaryKey;
   std::string createSQL;
   // Column name and full definition, for columns an older file lacks.
   std::vector<std::pair<std::string, std::string>> columns;
@@ -116,7 +119,11 @@ struct TableSchema {
 
 template <class Record>
 TableSchema tableSchema() {
-  TableSchema schema{std::string(Record::className), createTableSQL<Record>(), {}, createIndexesSQL<Record>()};
+  TableSchema schema{std::string(Record::className),
+                     std::string(primaryKeyName<Record>()),
+                     createTableSQL<Record>(),
+                     {},
+                     createIndexesSQL<Record>()};
   forEachProperty<Record>(
       [&schema](const auto& p) { schema.columns.emplace_back(std::string(p.name), columnDefinition<Record>(p)); });
   return schema;
@@ -131,7 +138,8 @@ struct StoreConfiguration {
   std::function<void(sqlite::Connection&, std::uint64_t oldSchemaVersion)> migrationBlock;
   // Given the file's total and used bytes; true compacts the file.
   std::function<bool(std::uint64_t totalBytes, std::uint64_t usedBytes)> shouldCompactOnLaunch;
-  // The classes whose local changes wait in the outbox until acknowledged.
+  // The classes whose local changes wait in the outbox until acknowledged;
+  // each has a table above.
   std::vector<std::string> outboxClasses;
 };
 
@@ -207,6 +215,8 @@ class Store {
 
   sqlite::Connection& connection() { return *connection_; }
   const std::filesystem::path& file() const { return connection_->file(); }
+  // The configuration's outbox classes with their keys.
+  const std::vector<OutboxClass>& outboxClasses() const { return *outboxClasses_; }
 
   // SELECT `columns` FROM the class's table with the query's condition and order.
   static std::string selectSQL(std::string_view className, std::string_view columns, const Query& query);
@@ -215,12 +225,12 @@ class Store {
   friend class WriteTransaction;
   friend class BatchWriter;
   explicit Store(sqlite::Connection& connection, std::shared_ptr<ObserverRegistry> observers,
-                 std::shared_ptr<const std::vector<std::string>> outboxClasses)
+                 std::shared_ptr<const std::vector<OutboxClass>> outboxClasses)
       : connection_(&connection), observers_(std::move(observers)), outboxClasses_(std::move(outboxClasses)) {}
 
   sqlite::Connection* connection_;
   std::shared_ptr<ObserverRegistry> observers_;
-  std::shared_ptr<const std::vector<std::string>> outboxClasses_;
+  std::shared_ptr<const std::vector<OutboxClass>> outboxClasses_;
 };
 
 // The operations of one write. Every change made through it is recorded for
@@ -256,7 +266,7 @@ class WriteTransaction {
   // before, and then every row inserted after it told to the outbox as a
   // local insertion. Observers still hear nothing of those rows.
   std::int64_t lastRowid(std::string_view className);
-  void noteInsertedAfter(std::string_view className, std::string_view keyColumn, std::int64_t rowid);
+  void noteInsertedAfter(std::string_view className, std::int64_t rowid);
 
  private:
   friend class Store;
@@ -275,13 +285,13 @@ class WriteTransaction {
   void deliver(const std::vector<const ObserverToken*>& withoutNotifying);
 
   // Notes the key of the row the last statement inserted or updated.
-  void recordAdd(std::string_view className, std::string_view keyColumn, std::string key);
-  // Whether the class has an outbox, and whether this write's changes of
-  // it leave entries (local ones do).
-  bool isOutboxClass(std::string_view className) const;
-  bool journals(std::string_view className) const;
+  void recordAdd(std::string_view className, std::string key);
+  // The class's outbox, if it has one; and the same only if this write's
+  // changes leave entries (local ones do).
+  const OutboxClass* outboxClass(std::string_view className) const;
+  const OutboxClass* journaled(std::string_view className) const;
   // Leaves outbox entries for local changes of outbox classes.
-  void journal(std::string_view className, std::string_view keyColumn, const std::vector<std::string>& keys);
+  void journal(std::string_view className, const std::vector<std::string>& keys);
   ChangeSet& changes(std::string_view className);
   std::vector<std::string> updateRows(std::string_view className, std::string_view key,
                                       const std::vector<std::pair<std::string_view, QueryValue>>& assignments,
@@ -303,7 +313,8 @@ class WriteTransaction {
 // time), whose observers must see the same as before but whose commits
 // would cost far more than the writes. It writes through a connection of
 // its own, so a transaction left open never catches a write of the thread
-// that made it. Reads through store() see the open transaction.
+// that made it. Reads through store() see the open transaction. Its writes
+// come from elsewhere (Origin::elsewhere): none leaves an outbox entry.
 class BatchWriter {
  public:
   explicit BatchWriter(const StoreConfiguration& configuration);
@@ -318,7 +329,7 @@ class BatchWriter {
   // the batch's own rows as it commits.
   void begin();
   template <class F>
-  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {}, Origin origin = Origin::local);
+  void write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying = {});
   // Commits, then tells the observers write by write.
   void commit();
   bool isOpen() const { return open_; }
@@ -388,9 +399,9 @@ void Store::writeNotifyingNobody(F&& body, Origin origin) {
 }
 
 template <class F>
-void BatchWriter::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying, Origin origin) {
+void BatchWriter::write(F&& body, const std::vector<const ObserverToken*>& withoutNotifying) {
   begin();
-  WriteTransaction transaction(store_, origin, true);
+  WriteTransaction transaction(store_, Origin::elsewhere, true);
   transaction.perform(std::forward<F>(body));
   keep(transaction, withoutNotifying);
 }
@@ -415,7 +426,7 @@ void WriteTransaction::add(const Record& record, UpdatePolicy policy) {
   auto& statement = connection().cached(policy == UpdatePolicy::all ? upsert : insert);
   bindRecord(statement, record);
   statement.execute();
-  recordAdd(Record::className, primaryKeyName<Record>(), records::primaryKeyText(record).value_or(""));
+  recordAdd(Record::className, records::primaryKeyText(record).value_or(""));
 }
 
 template <class Record>

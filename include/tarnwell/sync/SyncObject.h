@@ -246,7 +246,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
       writeUnheard(store, [&recordIDs](store::WriteTransaction& t) {
         store::Outbox outbox(t.connection());
         for (const auto& id : recordIDs) {
-          if (const auto key = primaryKeyText<T>(id)) outbox.journal(T::className, records::primaryKeyName<T>(), *key);
+          if (const auto key = primaryKeyText<T>(id)) outbox.journal(outboxClass(), *key);
         }
       });
     });
@@ -365,7 +365,7 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
     changes.evenIfPaused = evenIfPaused;
     writeUnheard(store, [&](store::WriteTransaction& t) {
       store::Outbox outbox(t.connection());
-      outbox.settle(T::className, records::primaryKeyName<T>());
+      outbox.settle(outboxClass());
       std::vector<std::string> taken;
       std::vector<std::string> neverSent;
       // Entries on their way are skipped, so reading that many more still
@@ -410,19 +410,24 @@ class SyncObject : public Syncable, public std::enable_shared_from_this<SyncObje
 
   // A write the observation of this class does not hear; with no
   // observation running there is nobody of this class to keep out.
-  template <class Writer, class F>
-  void writeUnheard(Writer& writer, F&& body) {
+  template <class F>
+  void writeUnheard(store::Store& store, F&& body) {
     std::lock_guard lock(tokenMutex_);
-    if (notificationToken_) {
-      writer.write(std::forward<F>(body), {&*notificationToken_}, store::Origin::elsewhere);
-    } else {
-      writer.write(std::forward<F>(body), {}, store::Origin::elsewhere);
-    }
+    store.write(std::forward<F>(body), {notificationToken_ ? &*notificationToken_ : nullptr}, store::Origin::elsewhere);
+  }
+  template <class F>
+  void writeUnheard(store::BatchWriter& batch, F&& body) {
+    std::lock_guard lock(tokenMutex_);
+    batch.write(std::forward<F>(body), {notificationToken_ ? &*notificationToken_ : nullptr});
   }
   template <class F>
   void writeUnheard(F&& body) {
     auto store = openStore();
     writeUnheard(store, std::forward<F>(body));
+  }
+
+  static store::OutboxClass outboxClass() {
+    return {std::string(T::className), std::string(records::primaryKeyName<T>())};
   }
 
   // Events name the installation that recorded them in `deviceId`, and a
