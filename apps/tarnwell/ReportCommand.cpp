@@ -6,7 +6,7 @@
 
 #include "ChartDrawing.h"
 #include "Cli.h"
-#include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/analytics/RememberedDays.h"
 #include "tarnwell/analytics/SleepComparison.h"
 #include "tarnwell/charts/FocusDataType.h"
 #include "tarnwell/charts/ScreenTimeDataType.h"
@@ -176,10 +176,9 @@ void nights(Page& page, const Days& days) {
   const SleepDataSource source = Settings::defaultSleepDataSource();
   std::vector<std::vector<std::string>> rows;
   if (source.isBuiltIn()) {
-    for (const Date date : days.all) {
-      const EventsOfDay day(date, std::nullopt);
-      rows.push_back({shortDayText(date), wallTime(day.lastPickupDate()), wallTime(day.firstPickupDate()),
-                      length(day.sleepTime())});
+    for (const auto& day : RememberedDays::days(days.first, static_cast<int>(days.all.size()))) {
+      rows.push_back({shortDayText(day->startOfDay()), wallTime(day->lastPickupDate()),
+                      wallTime(day->firstPickupDate()), length(day->sleepTime())});
     }
     page.html +=
         "<p class=\"note\">Inferred from phone use: the last pickup before the night, the first after it, "

@@ -1,6 +1,9 @@
 #include "tarnwell/analytics/EventsCombo.h"
 
+#include <algorithm>
+
 #include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/analytics/RememberedDays.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
 #include "tarnwell/settings/Settings.h"
@@ -20,19 +23,19 @@ struct KeptHistory {
 enum class Verdict { kept, missed };
 
 // Goals are read at each evaluation, so a walk sees the goals of its time.
-std::optional<Verdict> screenTimeVerdict(const EventsOfDay& day) {
+std::optional<Verdict> screenTimeVerdict(const ItemLikeEventsOfDay& day) {
   const auto value = day.screenTime();
   if (!value) return std::nullopt;
   return *value <= Settings::defaultScreenTimeGoal() ? Verdict::kept : Verdict::missed;
 }
 
-std::optional<Verdict> pickupVerdict(const EventsOfDay& day) {
+std::optional<Verdict> pickupVerdict(const ItemLikeEventsOfDay& day) {
   const auto value = day.pickupTimes();
   if (!value) return std::nullopt;
   return *value <= Settings::defaultPickupGoal() ? Verdict::kept : Verdict::missed;
 }
 
-std::optional<Verdict> sleepVerdict(const EventsOfDay& day) {
+std::optional<Verdict> sleepVerdict(const ItemLikeEventsOfDay& day) {
   const auto value = day.sleepTime();
   if (!value) return std::nullopt;
   return *value >= Settings::defaultSleepTimeGoal() ? Verdict::kept : Verdict::missed;
@@ -90,13 +93,19 @@ EventsCombo EventsCombo::today() {
 EventsCombo EventsCombo::history(Date date) {
   EventsCombo combo(date);
   bool screenTimeEnded = false, pickupEnded = false, sleepEnded = false;
-  Date cursor = date;
-  for (int visited = 0; visited < kMaximumDays && !(screenTimeEnded && pickupEnded && sleepEnded); ++visited) {
-    const EventsOfDay day(cursor, std::nullopt);
-    cursor = (cursor.startOfDay() - 1.0).startOfDay();
-    if (!screenTimeEnded) screenTimeEnded = !extend(combo.screenTimeCombo, screenTimeVerdict(day));
-    if (!pickupEnded) pickupEnded = !extend(combo.pickupCombo, pickupVerdict(day));
-    if (!sleepEnded) sleepEnded = !extend(combo.sleepTimeCombo, sleepVerdict(day));
+  // Read back in runs of days: most streaks end within the first.
+  constexpr int kRun = 10;
+  Date end = date.startOfDay();
+  for (int visited = 0; visited < kMaximumDays && !(screenTimeEnded && pickupEnded && sleepEnded);) {
+    const int count = std::min(kRun, kMaximumDays - visited);
+    const auto days = RememberedDays::days(end.addingDay(1 - count), count);
+    end = end.addingDay(-count);
+    for (auto day = days.rbegin(); day != days.rend() && !(screenTimeEnded && pickupEnded && sleepEnded); ++day) {
+      ++visited;
+      if (!screenTimeEnded) screenTimeEnded = !extend(combo.screenTimeCombo, screenTimeVerdict(**day));
+      if (!pickupEnded) pickupEnded = !extend(combo.pickupCombo, pickupVerdict(**day));
+      if (!sleepEnded) sleepEnded = !extend(combo.sleepTimeCombo, sleepVerdict(**day));
+    }
   }
   return combo;
 }

@@ -5,7 +5,7 @@
 #include <string>
 #include <type_traits>
 
-#include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/analytics/RememberedDays.h"
 #include "tarnwell/extensions/Strings.h"
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
@@ -74,10 +74,8 @@ EventsOfDays::EventsOfDays(Date start, int count) : start_(start), count_(count)
   }
   if (!found) {
     if (count < 0) fatalError("EventsOfDays: a negative count of days, " + std::to_string(count));
-    eventsOfDays_.reserve(static_cast<std::size_t>(count));
-    for (int i = 0; i < count; ++i) {
-      eventsOfDays_.push_back(std::make_shared<const EventsOfDay>(start.addingDay(i), std::nullopt));
-    }
+    const auto days = RememberedDays::days(start, count);
+    eventsOfDays_.assign(days.begin(), days.end());
   }
   entries.push_back(*this);
 }

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "tarnwell/analytics/EventsOfDay.h"
+#include "tarnwell/analytics/RememberedDays.h"
 
 namespace tarnwell {
 
@@ -39,8 +39,8 @@ SleepComparison SleepComparison::compare(const std::vector<Date>& days, const st
   std::vector<double> asleepOffsets, awakeOffsets;
   for (const Date date : days) {
     NightComparison night{.day = date.startOfDay(), .inferred = std::nullopt, .recorded = std::nullopt};
-    const EventsOfDay day(date, deviceIds);
-    const auto last = day.inferredLastPickupDate(), first = day.inferredFirstPickupDate();
+    const auto day = RememberedDays::day(date, deviceIds);
+    const auto last = day->inferredLastPickupDate(), first = day->inferredFirstPickupDate();
     if (last && first && *last <= *first) night.inferred = DateInterval(*last, *first);
 
     const DateInterval window(date.addingDay(-1).getTime(20, 0, 0), date.getTime(10, 0, 0));

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tarnwell/analytics/EventsOfDays.h"
+#include "tarnwell/analytics/RememberedDays.h"
 #include "tarnwell/health/HealthManager.h"
 #include "tarnwell/modules/CloudService.h"
 #include "tarnwell/platform/BusyTimeout.h"
@@ -388,6 +389,8 @@ void Database::configureRealm() {
   configuration.fileURL = s.fileURL;
   configuration.schemaVersion = kSchemaVersion;
   configuration.tables = tables<Alive, App, Device, Focus, Pickup, Tag, Walk>();
+  // After the event tables, whose triggers drop the days they shape.
+  configuration.tables.push_back(RememberedDays::tableSchema());
   // The classes the cloud service syncs: their local changes wait in the
   // outbox until the cloud has them, whether or not sync is on yet.
   configuration.outboxClasses = {std::string(Device::className), std::string(Tag::className),

@@ -176,12 +176,15 @@ bool hasTables(sqlite::Connection& connection) {
   return statement.int64(0) > 0;
 }
 
-// The index an index statement of the schema makes, unquoted.
+// The index or trigger a statement of the schema makes, unquoted.
 std::optional<std::string> indexName(std::string_view sql) {
-  constexpr std::string_view kPrefix = "CREATE INDEX IF NOT EXISTS \"";
-  if (!sql.starts_with(kPrefix)) return std::nullopt;
+  std::size_t begin = 0;
+  for (const std::string_view prefix : {"CREATE INDEX IF NOT EXISTS \"", "CREATE TRIGGER IF NOT EXISTS \""}) {
+    if (sql.starts_with(prefix)) begin = prefix.size();
+  }
+  if (begin == 0) return std::nullopt;
   std::string name;
-  for (std::size_t i = kPrefix.size(); i < sql.size(); ++i) {
+  for (std::size_t i = begin; i < sql.size(); ++i) {
     if (sql[i] != '"') {
       name += sql[i];
     } else if (i + 1 < sql.size() && sql[i + 1] == '"') {
@@ -210,7 +213,7 @@ std::vector<TableSchema> allTables(const StoreConfiguration& configuration) {
 bool isCurrent(sqlite::Connection& connection, const StoreConfiguration& configuration) {
   sqlite::Transaction read(connection, sqlite::Transaction::Behavior::deferred);
   if (static_cast<std::uint64_t>(connection.userVersion()) != configuration.schemaVersion) return false;
-  auto index = connection.prepare("SELECT 1 FROM sqlite_schema WHERE type = 'index' AND name = ?1");
+  auto index = connection.prepare("SELECT 1 FROM sqlite_schema WHERE type IN ('index', 'trigger') AND name = ?1");
   for (const auto& table : allTables(configuration)) {
     const auto existing = connection.columns(table.className);
     for (const auto& column : table.columns) {

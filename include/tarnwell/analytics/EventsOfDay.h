@@ -89,8 +89,10 @@ class EventsOfDay : public ItemLikeEventsOfDay {
   // and walks clipped to each; never nothing for a live day.
   std::optional<std::vector<EventsOfHour>> getEventsOfHours() const override;
 
-  // The sleep application whose data this day uses, if any.
+  // The sleep application whose data this day uses, if any, and its nights
+  // the day was computed from.
   std::optional<SleepDataSource> sleepSource() const;
+  const std::optional<SleepDataWithDataSource>& sleepData() const { return sleepsWithSource_; }
   std::string sleepSourceDisplayName() const;
 
  private:
