@@ -1,10 +1,13 @@
-// The year and month charts of screen time with a cold cache, for a typical
-// user (150 pickups a day) and a heavy one (500), against loading the same
-// year's pickups with one SELECT and one pass over them.
+// The year and month charts of screen time, for a typical user (150 pickups
+// a day) and a heavy one (500): cold, every day computed from its events,
+// against loading the year's pickups with one SELECT and one pass over them;
+// and warm, every past day kept, against selecting the kept rows. Then ten
+// years kept: their sums and means, and the streaks.
 
 #include <benchmark/benchmark.h>
 
 #include "BenchEnvironment.h"
+#include "tarnwell/analytics/EventsCombo.h"
 #include "tarnwell/analytics/EventsOfDays.h"
 #include "tarnwell/charts/ScreenTimeDataType.h"
 #include "tarnwell/charts/StatisticsData.h"
@@ -19,17 +22,19 @@ using namespace tarnwell;
 const Date kNow = Date::fromTimeIntervalSince1970(1795341600.0 + 10 * 3600);
 constexpr int kDays = 366;
 
-// A year of days of `perDay` pickups of skewed lengths, with a few walks.
+// `days` days of `perDay` pickups of skewed lengths, with a few walks.
 class YearStore : public bench::FilledStore {
  public:
-  explicit YearStore(int perDay) : FilledStore("year-" + std::to_string(perDay), kNow, [perDay] { fill(perDay); }) {}
+  explicit YearStore(int perDay, int days = kDays)
+      : FilledStore("days-" + std::to_string(days) + "-" + std::to_string(perDay), kNow,
+                    [perDay, days] { fill(perDay, days); }) {}
 
  private:
-  static void fill(int perDay) {
-    const Date first = Date::now().startOfDay() - (kDays - 1) * 86400.0;
+  static void fill(int perDay, int days) {
+    const Date first = Date::now().startOfDay() - (days - 1) * 86400.0;
     const double spacing = 16.0 * 3600 / perDay;
     store::Store::open().write([&](store::WriteTransaction& t) {
-      for (int day = 0; day < kDays; ++day) {
+      for (int day = 0; day < days; ++day) {
         const Date morning = first + day * 86400.0 + 7 * 3600.0;
         for (int i = 0; i < perDay; ++i) {
           const Date start = morning + i * spacing;
@@ -42,24 +47,63 @@ class YearStore : public bench::FilledStore {
   }
 };
 
-void chart(benchmark::State& state, StatisticsDateRange range) {
+void forgetKeptDays() { store::Store::open().connection().execute("DELETE FROM \"DayMetrics\""); }
+
+// The last whole year: every day of it past, and so kept once read.
+Date lastYear() { return Date::now().startOfYear().addingDay(-1); }
+
+void chart(benchmark::State& state, StatisticsDateRange range, bool kept) {
   YearStore store(static_cast<int>(state.range(0)));
   const auto screenTime = std::make_shared<ScreenTimeDataType>(ScreenTimeDataType::Case::screenTime);
+  const Date date = kept ? lastYear() : Date::now();
   std::size_t entries = 0;
+  if (kept) StatisticsData(date, range, screenTime);
   for (auto _ : state) {
+    if (!kept) {
+      state.PauseTiming();
+      forgetKeptDays();
+      state.ResumeTiming();
+    }
     EventsOfDays::clearCaches();
-    const StatisticsData model(Date::now(), range, screenTime);
+    const StatisticsData model(date, range, screenTime);
     entries = model.entries.size();
     benchmark::DoNotOptimize(model.totalValue);
   }
   state.counters["entries"] = static_cast<double>(entries);
 }
 
-void BM_YearChartOfScreenTime(benchmark::State& state) { chart(state, StatisticsDateRange::year); }
+void BM_YearChartOfScreenTime(benchmark::State& state) { chart(state, StatisticsDateRange::year, false); }
 BENCHMARK(BM_YearChartOfScreenTime)->Arg(150)->Arg(500)->Unit(benchmark::kMillisecond);
 
-void BM_MonthChartOfScreenTime(benchmark::State& state) { chart(state, StatisticsDateRange::month); }
+void BM_MonthChartOfScreenTime(benchmark::State& state) { chart(state, StatisticsDateRange::month, false); }
 BENCHMARK(BM_MonthChartOfScreenTime)->Arg(150)->Arg(500)->Unit(benchmark::kMillisecond);
+
+void BM_YearChartOfScreenTimeKept(benchmark::State& state) { chart(state, StatisticsDateRange::year, true); }
+BENCHMARK(BM_YearChartOfScreenTimeKept)->Arg(150)->Arg(500)->Unit(benchmark::kMillisecond);
+
+// The floor of a warm year chart: the kept rows of the year in one SELECT.
+void BM_SelectYearOfKeptDays(benchmark::State& state) {
+  YearStore store(static_cast<int>(state.range(0)));
+  const Date start = lastYear().startOfYear(), end = lastYear().endOfYear();
+  EventsOfDays(start, lastYear().daysOfYear());
+  auto connection = store::Store::open();
+  auto& select = connection.connection().cached(
+      "SELECT \"dayStart\", \"shapedFrom\", \"shapedTo\", \"sleeps\", \"metrics\" FROM \"DayMetrics\" WHERE "
+      "\"zone\" = ?1 AND \"dayStart\" BETWEEN ?2 AND ?3");
+  std::size_t rows = 0;
+  for (auto _ : state) {
+    rows = 0;
+    double sum = 0.0;
+    select.bind(1, "UTC").bind(2, start.timeIntervalSinceReferenceDate()).bind(3, end.timeIntervalSinceReferenceDate());
+    for (sqlite::Cursor cursor(select); cursor.next();) {
+      sum += cursor->real(0) + static_cast<double>(cursor->blob(4).size());
+      ++rows;
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  state.counters["rows"] = static_cast<double>(rows);
+}
+BENCHMARK(BM_SelectYearOfKeptDays)->Arg(150)->Arg(500)->Unit(benchmark::kMillisecond);
 
 // The floor: the year's pickups in one SELECT, summed per day in one pass.
 void BM_SelectYearOfPickups(benchmark::State& state) {
@@ -86,5 +130,37 @@ void BM_SelectYearOfPickups(benchmark::State& state) {
   state.counters["rows"] = static_cast<double>(rows);
 }
 BENCHMARK(BM_SelectYearOfPickups)->Arg(150)->Arg(500)->Unit(benchmark::kMillisecond);
+
+constexpr int kTenYears = 3653;
+
+// Ten years of kept days, summed and averaged as the report's summary does.
+void BM_TenKeptYearsSummed(benchmark::State& state) {
+  YearStore store(150, kTenYears);
+  const Date first = Date::now().addingDay(1 - kTenYears);
+  EventsOfDays(first, kTenYears);
+  for (auto _ : state) {
+    EventsOfDays::clearCaches();
+    const EventsOfDays days(first, kTenYears);
+    benchmark::DoNotOptimize(days.screenTime());
+    benchmark::DoNotOptimize(days.averageSleepTime());
+    benchmark::DoNotOptimize(days.averageFirstPickup());
+  }
+}
+BENCHMARK(BM_TenKeptYearsSummed)->Unit(benchmark::kMillisecond);
+
+// The streaks of a history of kept days, walked back as far as they go, in a
+// process that has not walked them yet today.
+void BM_StreaksOfTenKeptYears(benchmark::State& state) {
+  std::optional<YearStore> store(std::in_place, 150, kTenYears);
+  EventsCombo::currentCombo();
+  for (auto _ : state) {
+    state.PauseTiming();
+    store.reset();
+    store.emplace(150, kTenYears);
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(EventsCombo::currentCombo());
+  }
+}
+BENCHMARK(BM_StreaksOfTenKeptYears)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -1,8 +1,9 @@
 #include "tarnwell/analytics/RememberedDays.h"
 
-#include <cinttypes>
+#include <array>
+#include <bit>
 #include <cstdio>
-#include <map>
+#include <span>
 
 #include "tarnwell/analytics/EventsOfDay.h"
 #include "tarnwell/health/HealthManager.h"
@@ -25,14 +26,91 @@ constexpr double kSettledAfter = 60.0;
 
 constexpr char kTable[] = "DayMetrics";
 
-constexpr const char* kMetricColumns[] = {
-    "screenTime",     "pickupTimes",    "longestPickup",  "checkingEvery", "walkingLife",
-    "sleepTime",      "firstPickup",    "lastPickup",     "inferredFirst", "inferredLast",
-    "bestBreakStart", "bestBreakEnd",   "usageStart",     "usageEnd"};
+// A day's metrics as stored: a mask of the values present, then the values,
+// each a little-endian IEEE double, in the order of kValues.
+constexpr std::size_t kValues = 14;
+using Values = std::array<std::optional<double>, kValues>;
+
+std::optional<double> seconds(const std::optional<Date>& date) {
+  if (!date) return std::nullopt;
+  return date->timeIntervalSinceReferenceDate();
+}
+
+std::optional<Date> date(const std::optional<double>& seconds) {
+  if (!seconds) return std::nullopt;
+  return Date::fromTimeIntervalSinceReferenceDate(*seconds);
+}
+
+std::optional<DateInterval> interval(const std::optional<double>& start, const std::optional<double>& end) {
+  if (!start || !end) return std::nullopt;
+  return DateInterval(Date::fromTimeIntervalSinceReferenceDate(*start), Date::fromTimeIntervalSinceReferenceDate(*end));
+}
+
+void putWord(std::vector<std::uint8_t>& bytes, std::uint64_t word) {
+  for (int i = 0; i < 8; ++i) bytes.push_back(static_cast<std::uint8_t>(word >> (8 * i)));
+}
+
+std::uint64_t word(const std::uint8_t* bytes) {
+  std::uint64_t value = 0;
+  for (int i = 7; i >= 0; --i) value = (value << 8) | bytes[i];
+  return value;
+}
+
+std::vector<std::uint8_t> pack(const RememberedDay::Metrics& m) {
+  const auto start = [](const std::optional<DateInterval>& i) {
+    return seconds(i ? std::optional(i->start()) : std::nullopt);
+  };
+  const auto end = [](const std::optional<DateInterval>& i) {
+    return seconds(i ? std::optional(i->end()) : std::nullopt);
+  };
+  const Values values = {m.screenTime,
+                         m.pickupTimes ? std::optional<double>(*m.pickupTimes) : std::nullopt,
+                         m.longestPickup,
+                         m.checkingEvery,
+                         m.walkingLife,
+                         m.sleepTime,
+                         seconds(m.firstPickupDate),
+                         seconds(m.lastPickupDate),
+                         seconds(m.inferredFirstPickupDate),
+                         seconds(m.inferredLastPickupDate),
+                         start(m.bestBreak),
+                         end(m.bestBreak),
+                         start(m.continuouslyUsage),
+                         end(m.continuouslyUsage)};
+  std::vector<std::uint8_t> bytes;
+  bytes.reserve(8 * (kValues + 1));
+  std::uint64_t mask = 0;
+  for (std::size_t i = 0; i < kValues; ++i) mask |= values[i] ? std::uint64_t{1} << i : 0;
+  putWord(bytes, mask);
+  for (const auto& value : values) putWord(bytes, std::bit_cast<std::uint64_t>(value.value_or(0.0)));
+  return bytes;
+}
+
+// Nothing when the bytes are not a packed day.
+std::optional<RememberedDay::Metrics> unpack(Date startOfDay, const std::vector<std::uint8_t>& bytes) {
+  if (bytes.size() != 8 * (kValues + 1)) return std::nullopt;
+  Values v;
+  const std::uint64_t mask = word(bytes.data());
+  for (std::size_t i = 0; i < kValues; ++i) {
+    if (mask & (std::uint64_t{1} << i)) v[i] = std::bit_cast<double>(word(bytes.data() + 8 * (i + 1)));
+  }
+  return RememberedDay::Metrics{startOfDay,
+                                v[0],
+                                v[1] ? std::optional<int>(static_cast<int>(*v[1])) : std::nullopt,
+                                v[2],
+                                v[3],
+                                v[4],
+                                v[5],
+                                date(v[6]),
+                                date(v[7]),
+                                date(v[8]),
+                                date(v[9]),
+                                interval(v[10], v[11]),
+                                interval(v[12], v[13])};
+}
 
 // The event tables whose rows shape days, by their start and end.
-constexpr std::string_view kEventTables[] = {Alive::className, Pickup::className, Walk::className,
-                                             Focus::className};
+constexpr std::string_view kEventTables[] = {Alive::className, Pickup::className, Walk::className, Focus::className};
 
 // Drops the kept days whose span of shaping times meets the row `row`
 // (NEW or OLD) of a trigger. A row without both ends is read by no day.
@@ -44,8 +122,10 @@ std::string dropTouched(std::string_view row) {
 
 std::string trigger(std::string_view table, std::string_view event, std::string body) {
   return "CREATE TRIGGER IF NOT EXISTS \"DayMetricsOn" + std::string(table) + std::string(event) + "\" AFTER " +
-         std::string(event == "Insert" ? "INSERT" : event == "Update" ? "UPDATE" : "DELETE") + " ON \"" +
-         std::string(table) + "\" BEGIN " + body + " END";
+         std::string(event == "Insert"   ? "INSERT"
+                     : event == "Update" ? "UPDATE"
+                                         : "DELETE") +
+         " ON \"" + std::string(table) + "\" BEGIN " + body + " END";
 }
 
 // What shapes a day besides its events, as the key of its row.
@@ -54,13 +134,18 @@ struct Shape {
   double shift = 0.0;
   SleepDataSource source;
   bool excludesFocus = false;
-  std::vector<std::string> deviceIds;
+  std::shared_ptr<const std::vector<std::string>> deviceIds;
   std::string devices;
 
   static Shape now(const std::optional<std::vector<std::string>>& deviceIds) {
-    Shape shape{Date::defaultRegion().timeZoneId(), Settings::startOfDayScreenTime(), Settings::defaultSleepDataSource(),
-                Settings::excludeFocusTime(), deviceIds ? *deviceIds : EventsOfDay::defaultDeviceIds(), {}};
-    for (const auto& id : shape.deviceIds) shape.devices += (shape.devices.empty() ? "" : "\n") + id;
+    Shape shape{
+        Date::defaultRegion().timeZoneId(),
+        Settings::startOfDayScreenTime(),
+        Settings::defaultSleepDataSource(),
+        Settings::excludeFocusTime(),
+        std::make_shared<const std::vector<std::string>>(deviceIds ? *deviceIds : EventsOfDay::defaultDeviceIds()),
+        {}};
+    for (const auto& id : *shape.deviceIds) shape.devices += (shape.devices.empty() ? "" : "\n") + id;
     return shape;
   }
   std::string sourceKey() const { return source.bundleIdentifier + "\n" + source.name; }
@@ -92,27 +177,6 @@ DateInterval shapingSpan(const EventsOfDay& day) {
 
 bool isSettled(double shapedTo, Date now) { return shapedTo + kSettledAfter <= now.timeIntervalSinceReferenceDate(); }
 
-std::optional<double> optionalReal(const sqlite::Statement& row, int column) {
-  if (row.isNull(column)) return std::nullopt;
-  return row.real(column);
-}
-
-std::optional<Date> optionalDate(const sqlite::Statement& row, int column) {
-  if (row.isNull(column)) return std::nullopt;
-  return Date::fromTimeIntervalSinceReferenceDate(row.real(column));
-}
-
-std::optional<DateInterval> optionalInterval(const sqlite::Statement& row, int column) {
-  if (row.isNull(column) || row.isNull(column + 1)) return std::nullopt;
-  return DateInterval(Date::fromTimeIntervalSinceReferenceDate(row.real(column)),
-                      Date::fromTimeIntervalSinceReferenceDate(row.real(column + 1)));
-}
-
-std::optional<double> seconds(const std::optional<Date>& date) {
-  if (!date) return std::nullopt;
-  return date->timeIntervalSinceReferenceDate();
-}
-
 struct Kept {
   RememberedDay::Metrics metrics;
   // The span of event times that can change the day.
@@ -132,67 +196,35 @@ void bindKey(sqlite::Statement& statement, const Shape& shape) {
 }
 
 // The kept days from `first` to `last` (calendar starts), by start.
-std::map<double, Kept> readKept(sqlite::Connection& connection, const Shape& shape, Date first, Date last) {
-  std::string columns;
-  for (const char* column : kMetricColumns) columns += std::string(", \"") + column + "\"";
-  auto& statement = connection.cached("SELECT \"dayStart\", \"shapedFrom\", \"shapedTo\", \"sleeps\"" + columns + " FROM \"" + kTable +
-                                      "\" WHERE " + keyCondition() + " AND \"dayStart\" BETWEEN ?7 AND ?8");
+std::vector<Kept> readKept(sqlite::Connection& connection, const Shape& shape, Date first, Date last) {
+  auto& statement = connection.cached(std::string("SELECT \"dayStart\", \"shapedFrom\", \"shapedTo\", \"sleeps\", "
+                                                  "\"metrics\" FROM \"") +
+                                      kTable + "\" WHERE " + keyCondition() + " AND \"dayStart\" BETWEEN ?7 AND ?8");
   bindKey(statement, shape);
   statement.bind(7, first.timeIntervalSinceReferenceDate()).bind(8, last.timeIntervalSinceReferenceDate());
-  std::map<double, Kept> kept;
+  std::vector<Kept> kept;
   for (sqlite::Cursor rows(statement); rows.next();) {
     const auto& row = *rows;
-    Kept day;
-    auto& m = day.metrics;
-    m.startOfDay = Date::fromTimeIntervalSinceReferenceDate(row.real(0));
-    day.shaping = *optionalInterval(row, 1);
-    day.sleeps = row.text(3);
-    m.screenTime = optionalReal(row, 4);
-    if (!row.isNull(5)) m.pickupTimes = static_cast<int>(row.int64(5));
-    m.longestPickup = optionalReal(row, 6);
-    m.checkingEvery = optionalReal(row, 7);
-    m.walkingLife = optionalReal(row, 8);
-    m.sleepTime = optionalReal(row, 9);
-    m.firstPickupDate = optionalDate(row, 10);
-    m.lastPickupDate = optionalDate(row, 11);
-    m.inferredFirstPickupDate = optionalDate(row, 12);
-    m.inferredLastPickupDate = optionalDate(row, 13);
-    m.bestBreak = optionalInterval(row, 14);
-    m.continuouslyUsage = optionalInterval(row, 16);
-    kept.emplace(row.real(0), std::move(day));
+    const auto shaping = interval(row.real(1), row.real(2));
+    auto metrics = unpack(Date::fromTimeIntervalSinceReferenceDate(row.real(0)), row.blob(4));
+    if (!shaping || !metrics) continue;  // not a row this version wrote: computed again
+    kept.push_back({std::move(*metrics), *shaping, row.text(3)});
   }
   return kept;
 }
 
 void keep(sqlite::Connection& connection, const Shape& shape, const std::vector<Kept>& days) {
-  std::string columns, values;
-  for (std::size_t i = 0; i < std::size(kMetricColumns); ++i) {
-    columns += std::string(", \"") + kMetricColumns[i] + "\"";
-    values += ", ?" + std::to_string(11 + i);
-  }
   auto& statement = connection.cached(
       std::string("INSERT OR REPLACE INTO \"") + kTable +
       "\" (\"zone\", \"shift\", \"sleepSource\", \"excludesFocus\", \"devices\", \"computation\", \"dayStart\", "
-      "\"shapedFrom\", \"shapedTo\", \"sleeps\"" +
-      columns + ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10" + values + ")");
+      "\"shapedFrom\", \"shapedTo\", \"sleeps\", \"metrics\") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
   for (const auto& day : days) {
-    const auto& m = day.metrics;
     bindKey(statement, shape);
-    statement.bind(7, m.startOfDay.timeIntervalSinceReferenceDate());
+    statement.bind(7, day.metrics.startOfDay.timeIntervalSinceReferenceDate());
     statement.bind(8, day.shaping.start().timeIntervalSinceReferenceDate());
     statement.bind(9, day.shaping.end().timeIntervalSinceReferenceDate()).bind(10, std::string_view(day.sleeps));
-    statement.bind(11, m.screenTime).bind(12, m.pickupTimes).bind(13, m.longestPickup).bind(14, m.checkingEvery);
-    statement.bind(15, m.walkingLife).bind(16, m.sleepTime).bind(17, seconds(m.firstPickupDate));
-    statement.bind(18, seconds(m.lastPickupDate)).bind(19, seconds(m.inferredFirstPickupDate));
-    statement.bind(20, seconds(m.inferredLastPickupDate));
-    const auto bind = [&statement](int column, const std::optional<DateInterval>& interval) {
-      statement.bind(column, interval ? std::optional(interval->start().timeIntervalSinceReferenceDate())
-                                      : std::nullopt);
-      statement.bind(column + 1, interval ? std::optional(interval->end().timeIntervalSinceReferenceDate())
-                                          : std::nullopt);
-    };
-    bind(21, m.bestBreak);
-    bind(23, m.continuouslyUsage);
+    const auto bytes = pack(day.metrics);
+    statement.bind(11, std::span<const std::uint8_t>(bytes));
     statement.execute();
     statement.reset();
   }
@@ -207,43 +239,53 @@ std::int64_t dataVersion(sqlite::Connection& connection) {
 }  // namespace
 
 RememberedDay::Metrics RememberedDay::metricsOf(const EventsOfDay& day) {
-  return Metrics{day.startOfDay(),        day.screenTime(),       day.pickupTimes(),
-                 day.longestPickup(),     day.checkingEvery(),    day.walkingLife(),
-                 day.sleepTime(),         day.firstPickupDate(),  day.lastPickupDate(),
-                 day.inferredFirstPickupDate(), day.inferredLastPickupDate(), day.bestBreak(),
+  return Metrics{day.startOfDay(),
+                 day.screenTime(),
+                 day.pickupTimes(),
+                 day.longestPickup(),
+                 day.checkingEvery(),
+                 day.walkingLife(),
+                 day.sleepTime(),
+                 day.firstPickupDate(),
+                 day.lastPickupDate(),
+                 day.inferredFirstPickupDate(),
+                 day.inferredLastPickupDate(),
+                 day.bestBreak(),
                  day.continuouslyUsage()};
 }
 
-RememberedDay::RememberedDay(Metrics metrics, std::vector<std::string> deviceIds, std::shared_ptr<const EventsOfDay> live)
+RememberedDay::RememberedDay(Metrics metrics, std::shared_ptr<const std::vector<std::string>> deviceIds,
+                             std::shared_ptr<const EventsOfDay> live)
     : metrics_(std::move(metrics)), deviceIds_(std::move(deviceIds)), live_(std::move(live)) {}
 
 std::optional<std::vector<EventsOfHour>> RememberedDay::getEventsOfHours() const {
   if (live_) return live_->getEventsOfHours();
-  return EventsOfDay(metrics_.startOfDay, deviceIds_).getEventsOfHours();
+  return EventsOfDay(metrics_.startOfDay, *deviceIds_).getEventsOfHours();
 }
 
 store::TableSchema RememberedDays::tableSchema() {
-  std::vector<std::pair<std::string, std::string>> columns = {
-      {"dayStart", "\"dayStart\" REAL NOT NULL"},       {"zone", "\"zone\" TEXT NOT NULL"},
-      {"shift", "\"shift\" REAL NOT NULL"},             {"sleepSource", "\"sleepSource\" TEXT NOT NULL"},
-      {"excludesFocus", "\"excludesFocus\" INTEGER NOT NULL"}, {"devices", "\"devices\" TEXT NOT NULL"},
-      {"computation", "\"computation\" INTEGER NOT NULL"}, {"shapedFrom", "\"shapedFrom\" REAL NOT NULL"},
-      {"shapedTo", "\"shapedTo\" REAL NOT NULL"},       {"sleeps", "\"sleeps\" TEXT NOT NULL"}};
-  for (const char* column : kMetricColumns) {
-    columns.emplace_back(column, "\"" + std::string(column) + "\"" +
-                                     (std::string_view(column) == "pickupTimes" ? " INTEGER" : " REAL"));
-  }
+  std::vector<std::pair<std::string, std::string>> columns = {{"dayStart", "\"dayStart\" REAL NOT NULL"},
+                                                              {"zone", "\"zone\" TEXT NOT NULL"},
+                                                              {"shift", "\"shift\" REAL NOT NULL"},
+                                                              {"sleepSource", "\"sleepSource\" TEXT NOT NULL"},
+                                                              {"excludesFocus", "\"excludesFocus\" INTEGER NOT NULL"},
+                                                              {"devices", "\"devices\" TEXT NOT NULL"},
+                                                              {"computation", "\"computation\" INTEGER NOT NULL"},
+                                                              {"shapedFrom", "\"shapedFrom\" REAL NOT NULL"},
+                                                              {"shapedTo", "\"shapedTo\" REAL NOT NULL"},
+                                                              {"sleeps", "\"sleeps\" TEXT NOT NULL"},
+                                                              {"metrics", "\"metrics\" BLOB NOT NULL"}};
   std::string definitions;
   for (const auto& [name, definition] : columns) definitions += definition + ", ";
-  // The key leads with the day, so that a range of one shape is one run of
-  // the table.
+  // The key ends with the day, so that a range of days of one shape is one
+  // run of the table.
   std::string create = std::string("CREATE TABLE IF NOT EXISTS \"") + kTable + "\" (" + definitions +
                        "PRIMARY KEY (\"zone\", \"shift\", \"sleepSource\", \"excludesFocus\", \"devices\", "
                        "\"computation\", \"dayStart\")) WITHOUT ROWID";
   // A new event lies after every settled day: the triggers' search by the
   // end of the shaping span finds nothing to drop at once.
-  std::vector<std::string> statements = {
-      std::string("CREATE INDEX IF NOT EXISTS \"DayMetricsByShapedTo\" ON \"") + kTable + "\" (\"shapedTo\")"};
+  std::vector<std::string> statements = {std::string("CREATE INDEX IF NOT EXISTS \"DayMetricsByShapedTo\" ON \"") +
+                                         kTable + "\" (\"shapedTo\")"};
   for (const auto table : kEventTables) {
     statements.push_back(trigger(table, "Insert", dropTouched("NEW")));
     statements.push_back(trigger(table, "Update", dropTouched("OLD") + " " + dropTouched("NEW")));
@@ -261,26 +303,33 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   if (count < 0) fatalError("RememberedDays: a negative count of days, " + std::to_string(count));
   const Shape shape = Shape::now(deviceIds);
   const Date now = Date::now();
-  std::vector<Date> starts;
-  starts.reserve(static_cast<std::size_t>(count));
-  for (int i = 0; i < count; ++i) starts.push_back(date.addingDay(i).startOfDay());
+  const std::vector<Date> starts = date.startsOfDays(count);
 
-  std::vector<Day> result;
+  // The days share one allocation; what is computed now keeps its
+  // EventsOfDay for the hours.
+  auto block = std::make_shared<std::vector<RememberedDay>>();
+  block->reserve(starts.size());
   std::vector<Kept> fresh;
   const auto compute = [&](Date start) {
-    auto computed = std::make_shared<const EventsOfDay>(start, shape.deviceIds);
-    auto day = std::make_shared<const RememberedDay>(RememberedDay::metricsOf(*computed), shape.deviceIds, computed);
+    auto computed = std::make_shared<const EventsOfDay>(start, *shape.deviceIds);
+    const auto& day = block->emplace_back(RememberedDay::metricsOf(*computed), shape.deviceIds, computed);
     const auto span = shapingSpan(*computed);
     if (isSettled(span.end().timeIntervalSinceReferenceDate(), now)) {
-      fresh.push_back({day->metrics(), span, sleepsText(computed->sleepData())});
+      fresh.push_back({day.metrics(), span, sleepsText(computed->sleepData())});
     }
-    result.push_back(std::move(day));
+  };
+  const auto result = [&block] {
+    std::vector<Day> days;
+    days.reserve(block->size());
+    for (const auto& day : *block) days.emplace_back(block, &day);
+    return days;
   };
   // A kept day stands while the clock cannot change it and the sleep
   // application's nights are the ones it was computed from.
+  const bool inferredSleep = shape.source.isBuiltIn();
   const auto stands = [&](const Kept& kept) {
     if (!isSettled(kept.shaping.end().timeIntervalSinceReferenceDate(), now)) return false;
-    if (shape.source.isBuiltIn()) return true;
+    if (inferredSleep) return true;
     const Date spanStart = kept.metrics.startOfDay + shape.shift;
     return kept.sleeps == sleepsText(HealthManager::shared().getSleepData(shape.source, spanStart));
   };
@@ -288,13 +337,15 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   std::optional<store::Store> store;
   try {
     store.emplace(store::Store::open());
-    if (!store->connection().tableExists(kTable)) store.reset();
+    auto& table = store->connection().cached("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?1");
+    table.bind(1, kTable);
+    if (!sqlite::Cursor(table).next()) store.reset();
   } catch (const sqlite::Error&) {
     store.reset();
   }
   if (!store || starts.empty()) {
     for (const Date start : starts) compute(start);
-    return result;
+    return result();
   }
   auto& connection = store->connection();
   std::int64_t version = -1;
@@ -304,10 +355,12 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     sqlite::Transaction read(connection, sqlite::Transaction::Behavior::deferred);
     version = dataVersion(connection);
     const auto kept = readKept(connection, shape, starts.front(), starts.back());
+    // Both in the order of days.
+    auto next = kept.begin();
     for (const Date start : starts) {
-      const auto found = kept.find(start.timeIntervalSinceReferenceDate());
-      if (found != kept.end() && stands(found->second)) {
-        result.push_back(std::make_shared<const RememberedDay>(found->second.metrics, shape.deviceIds));
+      while (next != kept.end() && next->metrics.startOfDay < start) ++next;
+      if (next != kept.end() && next->metrics.startOfDay == start && stands(*next)) {
+        block->emplace_back(next->metrics, shape.deviceIds);
       } else {
         compute(start);
       }
@@ -315,22 +368,22 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     read.commit();
   } catch (const sqlite::Error&) {
     // Inside another transaction, or a store that fails: computed alone.
-    result.clear();
+    block->clear();
     fresh.clear();
     for (const Date start : starts) compute(start);
-    return result;
+    return result();
   }
-  if (fresh.empty()) return result;
+  if (fresh.empty()) return result();
   try {
     sqlite::Transaction write(connection, sqlite::Transaction::Behavior::immediate);
     // Another connection wrote since the read: the days computed may miss it.
-    if (dataVersion(connection) != version) return result;
+    if (dataVersion(connection) != version) return result();
     keep(connection, shape, fresh);
     write.commit();
   } catch (const sqlite::Error&) {
     // Kept days only save time: a busy or read-only store computes them again.
   }
-  return result;
+  return result();
 }
 
 }  // namespace tarnwell

@@ -99,13 +99,18 @@ namespace {
 std::vector<StatisticsDataPoint> collapseIntoMonths(const std::vector<StatisticsDataPoint>& points,
                                                     bool showsTotalValue) {
   std::vector<StatisticsDataPoint> months;
+  // Each month's span, from its start to the next month's.
+  std::vector<std::pair<Date, Date>> spans;
   for (const auto& point : points) {
-    const auto month = std::find_if(months.begin(), months.end(),
-                                    [&](const StatisticsDataPoint& m) { return m.date.isSameMonth(point.date); });
-    if (month == months.end()) {
+    const auto found = std::find_if(spans.begin(), spans.end(), [&point](const auto& span) {
+      return span.first <= point.date && point.date < span.second;
+    });
+    if (found == spans.end()) {
       months.push_back(point);
+      spans.emplace_back(point.date.startOfMonth(), point.date.endOfMonth() + 1.0);
       continue;
     }
+    const auto month = months.begin() + (found - spans.begin());
     if (!point.value) continue;
     if (!month->value) {
       *month = {month->date, point.value, std::nullopt};
@@ -250,9 +255,14 @@ StatisticsData::StatisticsData(Date chartDate, StatisticsDateRange chartRange,
   }
   totalValue = 0;
   todayValue = 0;
+  // Today's instants, from its start to the next day's.
+  const DateInterval today(now.startOfDay(), now.endOfDay() + 1.0);
+  const auto isToday = [&today](const StatisticsDataPoint& point) {
+    return today.start() <= point.date && point.date < today.end();
+  };
   for (const auto& point : withValue) {
     totalValue += *point.value;
-    if (point.date.isSameDay(now)) todayValue += *point.value;
+    if (isToday(point)) todayValue += *point.value;
   }
   averageValue = withValue.empty() ? 0 : totalValue / static_cast<double>(withValue.size());
 
@@ -274,7 +284,7 @@ StatisticsData::StatisticsData(Date chartDate, StatisticsDateRange chartRange,
   // The running day is not over yet, so its low value would say nothing.
   // A single point is kept even then, and shows as no minimum below.
   if (type.minimumValueShouldExcludeToday() && withValue.size() >= 2) {
-    std::erase_if(withValue, [&](const StatisticsDataPoint& point) { return point.date.isSameDay(now); });
+    std::erase_if(withValue, isToday);
   }
   if (withValue.empty() || *withValue.front().value == *withValue.back().value) {
     minimumValue = 0;

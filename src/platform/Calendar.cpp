@@ -1,7 +1,11 @@
 // The calendar members of Date and DateInterval, on ICU, in the default region.
 
+#include <unicode/basictz.h>
 #include <unicode/gregocal.h>
+#include <unicode/tztrans.h>
 
+#include <cmath>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -164,6 +168,41 @@ Date Date::addingDay(int days) const {
   if (days == 1) return (endOfDay() + 1.0).startOfDay();
   if (days == -1) return (startOfDay() - 1.0).startOfDay();
   return addingDays(*this, days);
+}
+
+std::vector<Date> Date::startsOfDays(int count) const {
+  std::vector<Date> starts;
+  if (count <= 0) return starts;
+  starts.reserve(static_cast<std::size_t>(count));
+  starts.push_back(startOfDay());
+  // Between two changes of the zone's offset, a day that starts at midnight
+  // lasts 86400 seconds, and the next starts at midnight too: the calendar
+  // is asked only across a change.
+  const auto* zone = dynamic_cast<const icu::BasicTimeZone*>(&calendar().getTimeZone());
+  const auto nextChange = [zone](Date after) {
+    icu::TimeZoneTransition transition;
+    if (zone && zone->getNextTransition(after.toUDate(), false, transition)) return transition.getTime();
+    return zone ? std::numeric_limits<UDate>::infinity() : -std::numeric_limits<UDate>::infinity();
+  };
+  const auto atMidnight = [zone](Date date) {
+    std::int32_t raw = 0, saved = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    zone->getOffset(date.toUDate(), false, raw, saved, status);
+    return U_SUCCESS(status) && std::fmod(date.toUDate() + raw + saved, 86400000.0) == 0.0;
+  };
+  UDate change = nextChange(starts.back());
+  bool midnight = zone && atMidnight(starts.back());
+  for (int i = 1; i < count; ++i) {
+    const Date next = starts.back() + 86400.0;
+    if (midnight && next.toUDate() < change) {
+      starts.push_back(next);
+      continue;
+    }
+    starts.push_back(starts.back().addingDay(1));
+    change = nextChange(starts.back());
+    midnight = zone && atMidnight(starts.back());
+  }
+  return starts;
 }
 
 Date Date::startOfWeek() const {

@@ -163,6 +163,8 @@ int Region::firstWeekday() const {
 
 std::optional<std::string> Region::dateFormat(std::string_view fromTemplate) const {
   std::lock_guard lock(impl_->generatorMutex);
+  // A chart asks for the same few templates once per label.
+  if (const auto found = impl_->patterns.find(fromTemplate); found != impl_->patterns.end()) return found->second;
   UErrorCode status = U_ZERO_ERROR;
   if (!impl_->generator) {
     impl_->generator.reset(icu::DateTimePatternGenerator::createInstance(impl_->locale, status));
@@ -172,8 +174,10 @@ std::optional<std::string> Region::dateFormat(std::string_view fromTemplate) con
     }
   }
   const icu::UnicodeString pattern = impl_->generator->getBestPattern(icu_support::fromUtf8(fromTemplate), status);
-  if (U_FAILURE(status)) return std::nullopt;
-  return icu_support::toUtf8(pattern);
+  std::optional<std::string> found;
+  if (U_SUCCESS(status)) found = icu_support::toUtf8(pattern);
+  impl_->patterns.emplace(std::string(fromTemplate), found);
+  return found;
 }
 
 int Region::secondsFromGMT(double unixSeconds) const {

@@ -52,7 +52,8 @@ class History {
   }
   void addFocus() {
     const Date start = time(), end = start + length(5400.0);
-    const Focus record(std::nullopt, start, end, std::nullopt, 0, end - start, std::nullopt, std::nullopt, std::nullopt);
+    const Focus record(std::nullopt, start, end, std::nullopt, 0, end - start, std::nullopt, std::nullopt,
+                       std::nullopt);
     store::Store::open().write([&](store::WriteTransaction& t) { t.add(record); });
   }
 
@@ -68,7 +69,9 @@ class History {
   }
 
  private:
-  Date time() { return first_.startOfDay() + std::uniform_real_distribution<double>(-86400.0, kDays * 86400.0)(random_); }
+  Date time() {
+    return first_.startOfDay() + std::uniform_real_distribution<double>(-86400.0, kDays * 86400.0)(random_);
+  }
 
   testing::TestEnvironment env_;
   std::mt19937 random_;
@@ -80,7 +83,8 @@ TEST(RememberedDaysHistoryTest, EveryDayReadsAsItsEventsAfterAnyEdit) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     History history(seed);
     std::vector<std::string> pickups;
-    for (int i = 0; i < 40; ++i) pickups.push_back(history.add<Pickup>(1800.0, history.chance(0.8) ? Settings::deviceId() : kOther));
+    for (int i = 0; i < 40; ++i)
+      pickups.push_back(history.add<Pickup>(1800.0, history.chance(0.8) ? Settings::deviceId() : kOther));
     for (int i = 0; i < 6; ++i) history.add<Walk>(3600.0);
     for (int i = 0; i < 8; ++i) history.add<Alive>(6 * 3600.0);
     for (int i = 0; i < 3; ++i) history.addFocus();

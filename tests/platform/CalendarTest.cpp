@@ -157,6 +157,20 @@ TEST(CalendarModelTest, DaysAgreeWithCivilDates) {
   }
 }
 
+// A run of day starts is the day-by-day answer, also in zones whose clocks
+// change at midnight (Santiago, Havana) and by half an hour (Lord Howe).
+TEST(CalendarModelTest, RunsOfDayStartsAgreeWithDayByDay) {
+  for (const char* zone : {"Europe/Berlin", "America/Santiago", "America/Havana", "Australia/Lord_Howe", "UTC"}) {
+    testing::TestEnvironment env({.timeZone = zone});
+    const Date first = *Date::parseISO8601("2023-12-30T17:00:00Z");
+    const auto starts = first.startsOfDays(3 * 366);
+    ASSERT_EQ(starts.size(), 3u * 366);
+    for (int i = 0; i < 3 * 366; ++i) {
+      ASSERT_EQ(starts[static_cast<std::size_t>(i)], first.addingDay(i).startOfDay()) << zone << ", day " << i;
+    }
+  }
+}
+
 TEST(IntervalAlgebraTest, RemoveOverlapsKeepsItsQuirk) {
   const Date t = Date();
   EXPECT_EQ(DateInterval::removeOverlaps({DateInterval(t, t + 10), DateInterval(t + 2, t + 3)}),

@@ -57,7 +57,8 @@ class RememberedDay final : public ItemLikeEventsOfDay {
 
   // `live` is the day the metrics came from, when at hand; without it the
   // hours are computed from the store for `deviceIds`.
-  RememberedDay(Metrics metrics, std::vector<std::string> deviceIds, std::shared_ptr<const EventsOfDay> live = nullptr);
+  RememberedDay(Metrics metrics, std::shared_ptr<const std::vector<std::string>> deviceIds,
+                std::shared_ptr<const EventsOfDay> live = nullptr);
 
   const Metrics& metrics() const { return metrics_; }
 
@@ -79,7 +80,7 @@ class RememberedDay final : public ItemLikeEventsOfDay {
 
  private:
   Metrics metrics_;
-  std::vector<std::string> deviceIds_;
+  std::shared_ptr<const std::vector<std::string>> deviceIds_;
   std::shared_ptr<const EventsOfDay> live_;
 };
 

@@ -81,6 +81,9 @@ class Date {
   // 1: the start of the next day; -1: the start of the previous day; any
   // other count, 0 included: calendar days added, keeping the time of day.
   Date addingDay(int days) const;
+  // The starts of `count` days from this instant's day: addingDay(i).startOfDay()
+  // for each i, in one walk of the calendar.
+  std::vector<Date> startsOfDays(int count) const;
   // The week starts on the locale's first weekday, except that a Monday
   // locale starts on Sunday when weekStartsFromMonday is false and
   // a Sunday locale on Monday when it is true; a Saturday locale is left be.
