@@ -51,7 +51,10 @@ build "$before" "$ref"
 build "$PWD" "the working tree"
 
 exec python3 - "$before/build/release/bench/tarnwell_bench" build/release/bench/tarnwell_bench "$repetitions" <<'EOF'
-import json, statistics, subprocess, sys
+import sys
+
+sys.path.insert(0, "scripts")
+from benchruns import find, listed, noise, run, typical  # noqa: E402
 
 before, after, repetitions = sys.argv[1], sys.argv[2], int(sys.argv[3])
 
@@ -73,29 +76,11 @@ ROWS = [
     ("push 100,000 peak", "push100k", "peakMiB", "MiB", "after <= 64 MiB"),
     ("push 400,000 peak", "push400k", "peakMiB", "MiB", "flat: about the 100,000 peak"),
 ]
-SCALE = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
 
 
 def names(binary):
-    listed = subprocess.run([binary, "--benchmark_list_tests"], check=True, capture_output=True, text=True).stdout
-    found = {}
-    for key, candidates in BENCHMARKS:
-        for candidate in candidates:
-            match = [name for name in listed.split() if name == candidate.rstrip("/") or name.startswith(candidate)]
-            if match:
-                found[key] = match[0]
-                break
-    return found
-
-
-def run(binary, name):
-    # The names hold letters, digits, '_', '/' and ':' only: no regex escapes needed.
-    out = subprocess.run([binary, f"--benchmark_filter=^{name}$", "--benchmark_format=json"],
-                         check=True, capture_output=True, text=True).stdout
-    result = json.loads(out)["benchmarks"][0]
-    if result.get("error_occurred"):
-        sys.exit(f"bench-compare.sh: {name} in {binary}: {result.get('error_message')}")
-    return {"time": result["real_time"] * SCALE[result["time_unit"]], "peakMiB": result.get("peakMiB")}
+    all_names = listed(binary)
+    return {key: name for key, candidates in BENCHMARKS if (name := find(all_names, candidates))}
 
 
 sides = {"before": before, "after": after}
@@ -111,25 +96,11 @@ for repetition in range(repetitions):
                 samples[(side, key)].append(run(sides[side], found[side][key]))
 
 
-# Other work on the machine only ever adds time, so the best run is the
-# nearest to the code's own cost; memory does not wait, its median is kept.
-def typical(side, key, metric):
-    values = [sample[metric] for sample in samples[(side, key)] if sample[metric] is not None]
-    if not values:
-        return None
-    return min(values) if metric == "time" else statistics.median(values)
-
-
-# Half the range of the runs over their median, the worse of the two sides:
-# a ratio closer to 1 than this is within the machine's own noise.
+# A ratio closer to 1 than the worse side's noise is within the machine's own.
 def spread(key, metric):
-    worst = None
-    for side in sides:
-        values = [sample[metric] for sample in samples[(side, key)] if sample[metric] is not None]
-        if len(values) > 1 and statistics.median(values) > 0:
-            half = (max(values) - min(values)) / 2 / statistics.median(values)
-            worst = half if worst is None else max(worst, half)
-    return f"{worst * 100:.1f} %" if worst is not None else ""
+    values = [noise(samples[(side, key)], metric) for side in sides]
+    values = [value for value in values if value is not None]
+    return f"{max(values) * 100:.1f} %" if values else ""
 
 
 def shown(value, unit):
@@ -141,10 +112,10 @@ def shown(value, unit):
 print(f"\n{repetitions} run(s) each, in processes of their own: the best time, the median peak")
 print(f"{'':20} {'before':>12} {'after':>12} {'after/before':>13} {'noise':>7}  target")
 for label, key, metric, unit, target in ROWS:
-    old, new = typical("before", key, metric), typical("after", key, metric)
+    old, new = typical(samples[("before", key)], metric), typical(samples[("after", key)], metric)
     ratio = f"{new / old:.3f}" if old and new is not None else "n/a"
     print(f"{label:20} {shown(old, unit):>12} {shown(new, unit):>12} {ratio:>13} {spread(key, metric):>7}  {target}")
-small, large = typical("after", "push100k", "peakMiB"), typical("after", "push400k", "peakMiB")
+small, large = typical(samples[("after", "push100k")], "peakMiB"), typical(samples[("after", "push400k")], "peakMiB")
 if small and large is not None:
     print(f"\npush peak, 400,000 over 100,000 pickups (after): {large / small:.2f}")
 EOF
