@@ -305,14 +305,16 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   const Date now = Date::now();
   const std::vector<Date> starts = date.startsOfDays(count);
 
-  // The days share one allocation; what is computed now keeps its
-  // EventsOfDay for the hours.
+  // The days share one allocation. A day computed now keeps its EventsOfDay
+  // for the hours only when it is asked for alone: a longer run is charted
+  // by days, and a year of events need not stay in memory.
   auto block = std::make_shared<std::vector<RememberedDay>>();
   block->reserve(starts.size());
   std::vector<Kept> fresh;
   const auto compute = [&](Date start) {
     auto computed = std::make_shared<const EventsOfDay>(start, *shape.deviceIds);
-    const auto& day = block->emplace_back(RememberedDay::metricsOf(*computed), shape.deviceIds, computed);
+    const auto& day =
+        block->emplace_back(RememberedDay::metricsOf(*computed), shape.deviceIds, count == 1 ? computed : nullptr);
     const auto span = shapingSpan(*computed);
     if (isSettled(span.end().timeIntervalSinceReferenceDate(), now)) {
       fresh.push_back({day.metrics(), span, sleepsText(computed->sleepData())});
