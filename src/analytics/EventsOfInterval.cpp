@@ -34,9 +34,15 @@ std::vector<EventsOfInterval::EventData> readKind(const DateInterval& span, Read
 }
 
 // The record's interval again, by key: nothing when it is gone or deleted
-// (`found` false), or when it has no interval.
+// (`found` false), or when it has no interval. A record just written comes
+// with its interval.
 template <class Record>
-std::optional<DateInterval> reread(const std::string& id, bool& found) {
+std::optional<DateInterval> reread(const EventsOfInterval::EventsChangeType& change, bool& found) {
+  if (change.written()) {
+    found = true;
+    return change.written();
+  }
+  const std::string& id = change.id();
   const auto record = store::orNoData([&id] { return store::liveObject<Record>(id); });
   found = record.has_value();
   if (!record) return std::nullopt;
@@ -118,19 +124,19 @@ void EventsOfInterval::apply(const std::vector<EventsChangeType>& changes) {
     switch (change.kind()) {
       case Kind::alive:
         list = &aliveEvents;
-        interval = reread<Alive>(change.id(), found);
+        interval = reread<Alive>(change, found);
         break;
       case Kind::pickup:
         list = &pickupEvents;
-        interval = reread<Pickup>(change.id(), found);
+        interval = reread<Pickup>(change, found);
         break;
       case Kind::walk:
         list = &walkEvents;
-        interval = reread<Walk>(change.id(), found);
+        interval = reread<Walk>(change, found);
         break;
       case Kind::focus:
         list = &focusEvents;
-        interval = reread<Focus>(change.id(), found);
+        interval = reread<Focus>(change, found);
         break;
       case Kind::modifiedLatestPickup:
         break;

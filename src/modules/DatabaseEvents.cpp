@@ -31,15 +31,16 @@ std::optional<Record> latest(const std::vector<std::string>& deviceIds) {
   return Store::open().first<Record>(store::liveEvents(deviceIds).sorted("\"end\" DESC"));
 }
 
-// Adds a new record of this device and logs "✍️ Add <Class>: id start end".
+// Adds a new record of this device and logs "✍️ Add <Class>: id start end";
+// the record as written.
 template <class Record>
-std::string addEvent(Date start, Date end, std::string_view function) {
+Record addEvent(Date start, Date end, std::string_view function) {
   Record record(start, end);
   Store::open().write([&record](WriteTransaction& t) { t.add(record, UpdatePolicy::all); });
   log.info("✍️ Add " + std::string(Record::className) + ": " + *record.id + " " + start.description() + " " +
                end.description(),
            {.function = function});
-  return *record.id;
+  return record;
 }
 
 EventsOfInterval::EventsChangeType pickupChange(const std::string& id) {
@@ -87,9 +88,9 @@ double Database::getScreenTime(const std::string& deviceId) {
 }
 
 std::string Database::addPickup(Date start, Date end) {
-  const std::string id = addEvent<Pickup>(start, end, "addPickup(start:end:)");
-  updateEventsOfToday({pickupChange(id)});
-  return id;
+  const Pickup added = addEvent<Pickup>(start, end, "addPickup(start:end:)");
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::pickup(*added.id, added.interval())});
+  return *added.id;
 }
 
 std::string Database::editPickup(const std::string& id, Date end) {
@@ -134,9 +135,9 @@ std::optional<Walk> Database::getLatestWalk(const std::vector<std::string>& devi
 }
 
 std::string Database::addWalk(Date start, Date end) {
-  const std::string id = addEvent<Walk>(start, end, "addWalk(start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id)});
-  return id;
+  const Walk added = addEvent<Walk>(start, end, "addWalk(start:end:)");
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(*added.id, added.interval())});
+  return *added.id;
 }
 
 std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& intervals) {
@@ -175,9 +176,9 @@ std::optional<Alive> Database::getLatestAlive(const std::vector<std::string>& de
 }
 
 std::string Database::addAlive(Date start, Date end) {
-  const std::string id = addEvent<Alive>(start, end, "addAlive(start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::alive(id)});
-  return id;
+  const Alive added = addEvent<Alive>(start, end, "addAlive(start:end:)");
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::alive(*added.id, added.interval())});
+  return *added.id;
 }
 
 // Unlike a walk's, an alive span's edit leaves today's older alive list as it is.

@@ -30,26 +30,37 @@ class EventsOfInterval {
   };
 
   // What changed: a record of a kind, by id, or the new end of the pickup
-  // under way (the latest one), which needs no read of the store.
+  // under way (the latest one), which needs no read of the store. A record
+  // this process has just written may come with its interval (`written`),
+  // which spares the read of it again.
   class EventsChangeType {
    public:
     enum class Kind { alive, pickup, modifiedLatestPickup, walk, focus };
 
-    static EventsChangeType alive(std::string id) { return {Kind::alive, std::move(id), {}}; }
-    static EventsChangeType pickup(std::string id) { return {Kind::pickup, std::move(id), {}}; }
-    static EventsChangeType modifiedLatestPickup(Date end) { return {Kind::modifiedLatestPickup, {}, end}; }
-    static EventsChangeType walk(std::string id) { return {Kind::walk, std::move(id), {}}; }
-    static EventsChangeType focus(std::string id) { return {Kind::focus, std::move(id), {}}; }
+    static EventsChangeType alive(std::string id, std::optional<DateInterval> written = std::nullopt) {
+      return {Kind::alive, std::move(id), {}, written};
+    }
+    static EventsChangeType pickup(std::string id, std::optional<DateInterval> written = std::nullopt) {
+      return {Kind::pickup, std::move(id), {}, written};
+    }
+    static EventsChangeType modifiedLatestPickup(Date end) { return {Kind::modifiedLatestPickup, {}, end, {}}; }
+    static EventsChangeType walk(std::string id, std::optional<DateInterval> written = std::nullopt) {
+      return {Kind::walk, std::move(id), {}, written};
+    }
+    static EventsChangeType focus(std::string id) { return {Kind::focus, std::move(id), {}, {}}; }
 
     Kind kind() const { return kind_; }
     const std::string& id() const { return id_; }
     Date end() const { return end_; }
+    const std::optional<DateInterval>& written() const { return written_; }
 
    private:
-    EventsChangeType(Kind kind, std::string id, Date end) : kind_(kind), id_(std::move(id)), end_(end) {}
+    EventsChangeType(Kind kind, std::string id, Date end, std::optional<DateInterval> written)
+        : kind_(kind), id_(std::move(id)), end_(end), written_(written) {}
     Kind kind_;
     std::string id_;
     Date end_;
+    std::optional<DateInterval> written_;
   };
 
   // Reads the span's events of `deviceIds`; nothing means this device and the
