@@ -11,6 +11,7 @@
 #include "tarnwell/analytics/EventsOfDays.h"
 #include "tarnwell/charts/ScreenTimeDataType.h"
 #include "tarnwell/charts/StatisticsData.h"
+#include "tarnwell/platform/Region.h"
 #include "tarnwell/settings/Settings.h"
 #include "tarnwell/store/Store.h"
 
@@ -85,6 +86,7 @@ BENCHMARK(BM_YearChartOfScreenTimeKept)->Arg(150)->Arg(500)->Unit(benchmark::kMi
 void BM_SelectYearOfKeptDays(benchmark::State& state) {
   YearStore store(static_cast<int>(state.range(0)));
   const Date start = lastYear().startOfYear(), end = lastYear().endOfYear();
+  const std::string zone = "UTC@" + Region::timeZoneRulesVersion();
   EventsOfDays(start, lastYear().daysOfYear());
   auto connection = store::Store::open();
   auto& select = connection.connection().cached(
@@ -94,7 +96,7 @@ void BM_SelectYearOfKeptDays(benchmark::State& state) {
   for (auto _ : state) {
     rows = 0;
     double sum = 0.0;
-    select.bind(1, "UTC").bind(2, start.timeIntervalSinceReferenceDate()).bind(3, end.timeIntervalSinceReferenceDate());
+    select.bind(1, zone).bind(2, start.timeIntervalSinceReferenceDate()).bind(3, end.timeIntervalSinceReferenceDate());
     for (sqlite::Cursor cursor(select); cursor.next();) {
       sum += cursor->real(0) + static_cast<double>(cursor->blob(4).size());
       ++rows;

@@ -130,6 +130,7 @@ std::string trigger(std::string_view table, std::string_view event, std::string 
 
 // What shapes a day besides its events, as the key of its row.
 struct Shape {
+  // The zone and the version of its rules.
   std::string zone;
   double shift = 0.0;
   SleepDataSource source;
@@ -139,7 +140,7 @@ struct Shape {
 
   static Shape now(const std::optional<std::vector<std::string>>& deviceIds) {
     Shape shape{
-        Date::defaultRegion().timeZoneId(),
+        Date::defaultRegion().timeZoneId() + "@" + Region::timeZoneRulesVersion(),
         Settings::startOfDayScreenTime(),
         Settings::defaultSleepDataSource(),
         Settings::excludeFocusTime(),

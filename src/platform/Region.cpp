@@ -180,6 +180,12 @@ std::optional<std::string> Region::dateFormat(std::string_view fromTemplate) con
   return found;
 }
 
+std::string Region::timeZoneRulesVersion() {
+  UErrorCode status = U_ZERO_ERROR;
+  const char* version = icu::TimeZone::getTZDataVersion(status);
+  return U_SUCCESS(status) && version ? version : "";
+}
+
 int Region::secondsFromGMT(double unixSeconds) const {
   return icu_support::offsetFromGMT(impl_->timeZoneId, Date::fromTimeIntervalSince1970(unixSeconds));
 }

@@ -45,6 +45,9 @@ class Region {
 
   // Seconds east of UTC at that instant (daylight saving included).
   int secondsFromGMT(double unixSeconds) const;
+  // The version of the zone rules in use ("2024a"): the same zone may have
+  // other offsets under other rules.
+  static std::string timeZoneRulesVersion();
 
   friend bool operator==(const Region& a, const Region& b) {
     return a.timeZoneId() == b.timeZoneId() && a.localeId() == b.localeId();
