@@ -9,6 +9,7 @@
 #include <random>
 
 #include "support/DayFixture.h"
+#include "tarnwell/health/HealthManager.h"
 #include "tarnwell/platform/Region.h"
 
 namespace tarnwell {
@@ -159,6 +160,21 @@ TEST_F(RememberedDaysTest, AWriteFromAnotherConnectionDropsTheDaysItTouches) {
   other.execute("UPDATE Pickup SET \"end\" = \"end\" + 600");
   EXPECT_EQ(keptRows(), 0u);
   EXPECT_EQ(*RememberedDays::days(at("12:00"), 1).front()->screenTime(), *before->screenTime() + 600.0);
+}
+
+TEST_F(RememberedDaysTest, AKeptDayFollowsTheSleepApplicationsNights) {
+  const SleepDataSource autoSleep{"AutoSleep", "com.tantsissa.AutoSleep"};
+  Settings::setDefaultSleepDataSource(autoSleep);
+  HealthManager::shared().setSleepDatas({{autoSleep, {DateInterval(at("-23:30"), at("07:00"))}}});
+  pickup("-22:00", "-22:30");
+  pickup("08:00", "08:30");
+  env.clock().set(at("+23:00"));
+  EXPECT_EQ(RememberedDays::day(day())->sleepTime(), 7.5 * 3600);
+  EXPECT_EQ(keptRows(), 1u);
+  // The application changes its night; no event of the store does.
+  HealthManager::shared().setSleepDatas({{autoSleep, {DateInterval(at("00:30"), at("07:00"))}}});
+  EXPECT_EQ(RememberedDays::day(day())->sleepTime(), 6.5 * 3600);
+  EXPECT_EQ(RememberedDays::day(day())->metrics(), RememberedDay::metricsOf(today()));
 }
 
 }  // namespace
