@@ -63,20 +63,21 @@ std::vector<std::uint8_t> pack(const RememberedDay::Metrics& m) {
   const auto end = [](const std::optional<DateInterval>& i) {
     return seconds(i ? std::optional(i->end()) : std::nullopt);
   };
-  const Values values = {m.screenTime,
-                         m.pickupTimes ? std::optional<double>(*m.pickupTimes) : std::nullopt,
-                         m.longestPickup,
-                         m.checkingEvery,
-                         m.walkingLife,
-                         m.sleepTime,
-                         seconds(m.firstPickupDate),
-                         seconds(m.lastPickupDate),
+  const auto& d = m.day;
+  const Values values = {d.screenTime,
+                         d.pickupTimes ? std::optional<double>(*d.pickupTimes) : std::nullopt,
+                         d.longestPickup,
+                         d.checkingEvery,
+                         d.walkingLife,
+                         d.sleepTime,
+                         seconds(d.firstPickupDate),
+                         seconds(d.lastPickupDate),
                          seconds(m.inferredFirstPickupDate),
                          seconds(m.inferredLastPickupDate),
-                         start(m.bestBreak),
-                         end(m.bestBreak),
-                         start(m.continuouslyUsage),
-                         end(m.continuouslyUsage)};
+                         start(d.bestBreak),
+                         end(d.bestBreak),
+                         start(d.continuouslyUsage),
+                         end(d.continuouslyUsage)};
   std::vector<std::uint8_t> bytes;
   bytes.reserve(8 * (kValues + 1));
   std::uint64_t mask = 0;
@@ -94,19 +95,18 @@ std::optional<RememberedDay::Metrics> unpack(Date startOfDay, const std::vector<
   for (std::size_t i = 0; i < kValues; ++i) {
     if (mask & (std::uint64_t{1} << i)) v[i] = std::bit_cast<double>(word(bytes.data() + 8 * (i + 1)));
   }
-  return RememberedDay::Metrics{startOfDay,
-                                v[0],
-                                v[1] ? std::optional<int>(static_cast<int>(*v[1])) : std::nullopt,
-                                v[2],
-                                v[3],
-                                v[4],
-                                v[5],
-                                date(v[6]),
-                                date(v[7]),
-                                date(v[8]),
-                                date(v[9]),
-                                interval(v[10], v[11]),
-                                interval(v[12], v[13])};
+  widgets::ScreenTimeToday day{startOfDay,
+                               v[0],
+                               v[1] ? std::optional<int>(static_cast<int>(*v[1])) : std::nullopt,
+                               v[2],
+                               v[3],
+                               v[4],
+                               date(v[6]),
+                               date(v[7]),
+                               v[5],
+                               interval(v[10], v[11]),
+                               interval(v[12], v[13])};
+  return RememberedDay::Metrics{std::move(day), date(v[8]), date(v[9])};
 }
 
 // The event tables whose rows shape days, by their start and end.
@@ -221,7 +221,7 @@ void keep(sqlite::Connection& connection, const Shape& shape, const std::vector<
       "\"shapedFrom\", \"shapedTo\", \"sleeps\", \"metrics\") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11)");
   for (const auto& day : days) {
     bindKey(statement, shape);
-    statement.bind(7, day.metrics.startOfDay.timeIntervalSinceReferenceDate());
+    statement.bind(7, day.metrics.day.startOfDay.timeIntervalSinceReferenceDate());
     statement.bind(8, day.shaping.start().timeIntervalSinceReferenceDate());
     statement.bind(9, day.shaping.end().timeIntervalSinceReferenceDate()).bind(10, std::string_view(day.sleeps));
     const auto bytes = pack(day.metrics);
@@ -240,19 +240,7 @@ std::int64_t dataVersion(sqlite::Connection& connection) {
 }  // namespace
 
 RememberedDay::Metrics RememberedDay::metricsOf(const EventsOfDay& day) {
-  return Metrics{day.startOfDay(),
-                 day.screenTime(),
-                 day.pickupTimes(),
-                 day.longestPickup(),
-                 day.checkingEvery(),
-                 day.walkingLife(),
-                 day.sleepTime(),
-                 day.firstPickupDate(),
-                 day.lastPickupDate(),
-                 day.inferredFirstPickupDate(),
-                 day.inferredLastPickupDate(),
-                 day.bestBreak(),
-                 day.continuouslyUsage()};
+  return Metrics{day.summary(), day.inferredFirstPickupDate(), day.inferredLastPickupDate()};
 }
 
 RememberedDay::RememberedDay(Metrics metrics, std::shared_ptr<const std::vector<std::string>> deviceIds,
@@ -261,7 +249,7 @@ RememberedDay::RememberedDay(Metrics metrics, std::shared_ptr<const std::vector<
 
 std::optional<std::vector<EventsOfHour>> RememberedDay::getEventsOfHours() const {
   if (live_) return live_->getEventsOfHours();
-  return EventsOfDay(metrics_.startOfDay, *deviceIds_).getEventsOfHours();
+  return EventsOfDay(metrics_.day.startOfDay, *deviceIds_).getEventsOfHours();
 }
 
 store::TableSchema RememberedDays::tableSchema() {
@@ -333,7 +321,7 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   const auto stands = [&](const Kept& kept) {
     if (!isSettled(kept.shaping.end().timeIntervalSinceReferenceDate(), now)) return false;
     if (inferredSleep) return true;
-    const Date spanStart = kept.metrics.startOfDay + shape.shift;
+    const Date spanStart = kept.metrics.day.startOfDay + shape.shift;
     return kept.sleeps == sleepsText(HealthManager::shared().getSleepData(shape.source, spanStart));
   };
 
@@ -361,8 +349,8 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     // Both in the order of days.
     auto next = kept.begin();
     for (const Date start : starts) {
-      while (next != kept.end() && next->metrics.startOfDay < start) ++next;
-      if (next != kept.end() && next->metrics.startOfDay == start && stands(*next)) {
+      while (next != kept.end() && next->metrics.day.startOfDay < start) ++next;
+      if (next != kept.end() && next->metrics.day.startOfDay == start && stands(*next)) {
         block->emplace_back(next->metrics, shape.deviceIds);
       } else {
         compute(start);

@@ -85,17 +85,11 @@ std::vector<FocusTimeToday> focusTimeOfDays(Date start, int count) {
 ScreenTimeOfDays screenTimeOfDays(Date start, int count) {
   ScreenTimeOfDays published;
   const EventsOfDays days(start, count);
-  for (const auto& day : days.eventsOfDays()) published.days.push_back(makeScreenTimeToday(*day));
+  for (const auto& day : days.eventsOfDays()) published.days.push_back(day->summary());
   return published;
 }
 
 }  // namespace
-
-widgets::ScreenTimeToday makeScreenTimeToday(const ItemLikeEventsOfDay& events) {
-  return {events.startOfDay(),    events.screenTime(),  events.pickupTimes(),      events.longestPickup(),
-          events.checkingEvery(), events.walkingLife(), events.firstPickupDate(),  events.lastPickupDate(),
-          events.sleepTime(),     events.bestBreak(),   events.continuouslyUsage()};
-}
 
 FocusTimeToday makeFocusTimeToday(Date date, const std::vector<FocusData>& focuses, int failedCount) {
   return focusTimeOfTags(date, focuses, failedCount, liveTags());
@@ -105,7 +99,7 @@ void WidgetDatabase::refreshScreenTimeToday() {
   Keys::widgetScreenTimeGoal.set(Settings::defaultScreenTimeGoal());
   Keys::widgetPickupsGoal.set(Settings::defaultPickupGoal());
   Keys::widgetSleepTimeGoal.set(Settings::defaultSleepTimeGoal());
-  Keys::screenTimeToday.set(makeScreenTimeToday(Database::eventsOfToday()));
+  Keys::screenTimeToday.set(Database::eventsOfToday().summary());
 
   const Date now = Date::now();
   if (holdsBackWeekAndMonth(now, recentWidgetScreenTimeDataRefreshDate())) return;

@@ -64,7 +64,7 @@ TEST_F(WidgetDatabaseTest, TodayAndTheGoalsArePublishedOnEveryCallTheWeekAndMont
   settle();
   EXPECT_EQ(Keys::widgetPickupsGoal.get(), 42);
   EXPECT_EQ(Keys::widgetScreenTimeGoal.get(), Settings::defaultScreenTimeGoal());
-  EXPECT_EQ(Keys::screenTimeToday.get(), makeScreenTimeToday(Database::eventsOfToday()));
+  EXPECT_EQ(Keys::screenTimeToday.get(), Database::eventsOfToday().summary());
   EXPECT_EQ(Keys::screenTimeToday.get()->screenTime, 300.0);
   const auto week = Keys::screenTimeThisWeek.get();
   ASSERT_TRUE(week);
@@ -283,7 +283,7 @@ TEST_F(WidgetSummariesTest, EverySummaryReadsBackFromItsJSON) {
     EXPECT_EQ(nlohmann::json(day).get<ScreenTimeToday>(), day);
     // Read as a day of the analytics and published again, it is the same day.
     const PublishedDay published(day);
-    EXPECT_EQ(makeScreenTimeToday(published), day);
+    EXPECT_EQ(published.summary(), day);
     EXPECT_TRUE(published.getEventsOfHours()->empty());
   }
   EXPECT_FALSE(nlohmann::json(empty).contains("screenTime")) << "nothing is left out, not written as 0";

@@ -13,6 +13,7 @@
 #include "tarnwell/analytics/EventsOfHour.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/DateComponents.h"
+#include "tarnwell/widgets/Summaries.h"
 
 namespace tarnwell {
 
@@ -40,6 +41,11 @@ class ItemLikeEventsOfDay {
     const auto screen = screenTime(), walking = walkingLife();
     if (!screen || !walking) return std::nullopt;
     return *screen - *walking;
+  }
+  // Every metric above as one value, the form a widget publishes.
+  widgets::ScreenTimeToday summary() const {
+    return {startOfDay(),      screenTime(),     pickupTimes(), longestPickup(), checkingEvery(),    walkingLife(),
+            firstPickupDate(), lastPickupDate(), sleepTime(),   bestBreak(),     continuouslyUsage()};
   }
   // The clock times of the two dates in Date::defaultRegion().
   std::optional<DateComponents> firstPickupDateComponents() const { return components(firstPickupDate()); }

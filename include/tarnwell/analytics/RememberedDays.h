@@ -27,6 +27,7 @@
 #include "tarnwell/analytics/ItemLikeEventsOfDay.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/store/Store.h"
+#include "tarnwell/widgets/Summaries.h"
 
 namespace tarnwell {
 
@@ -35,20 +36,12 @@ class EventsOfDay;
 // One day's metrics as plain values, however they were obtained.
 class RememberedDay final : public ItemLikeEventsOfDay {
  public:
+  // The metrics every day answers, as a widget publishes them, and the
+  // night as the pickups alone give it.
   struct Metrics {
-    Date startOfDay;
-    std::optional<double> screenTime;
-    std::optional<int> pickupTimes;
-    std::optional<double> longestPickup;
-    std::optional<double> checkingEvery;
-    std::optional<double> walkingLife;
-    std::optional<double> sleepTime;
-    std::optional<Date> firstPickupDate;
-    std::optional<Date> lastPickupDate;
+    widgets::ScreenTimeToday day;
     std::optional<Date> inferredFirstPickupDate;
     std::optional<Date> inferredLastPickupDate;
-    std::optional<DateInterval> bestBreak;
-    std::optional<DateInterval> continuouslyUsage;
     friend bool operator==(const Metrics&, const Metrics&) = default;
   };
 
@@ -62,17 +55,17 @@ class RememberedDay final : public ItemLikeEventsOfDay {
 
   const Metrics& metrics() const { return metrics_; }
 
-  Date startOfDay() const override { return metrics_.startOfDay; }
-  std::optional<double> screenTime() const override { return metrics_.screenTime; }
-  std::optional<int> pickupTimes() const override { return metrics_.pickupTimes; }
-  std::optional<double> longestPickup() const override { return metrics_.longestPickup; }
-  std::optional<double> checkingEvery() const override { return metrics_.checkingEvery; }
-  std::optional<double> walkingLife() const override { return metrics_.walkingLife; }
-  std::optional<Date> firstPickupDate() const override { return metrics_.firstPickupDate; }
-  std::optional<Date> lastPickupDate() const override { return metrics_.lastPickupDate; }
-  std::optional<double> sleepTime() const override { return metrics_.sleepTime; }
-  std::optional<DateInterval> bestBreak() const override { return metrics_.bestBreak; }
-  std::optional<DateInterval> continuouslyUsage() const override { return metrics_.continuouslyUsage; }
+  Date startOfDay() const override { return metrics_.day.startOfDay; }
+  std::optional<double> screenTime() const override { return metrics_.day.screenTime; }
+  std::optional<int> pickupTimes() const override { return metrics_.day.pickupTimes; }
+  std::optional<double> longestPickup() const override { return metrics_.day.longestPickup; }
+  std::optional<double> checkingEvery() const override { return metrics_.day.checkingEvery; }
+  std::optional<double> walkingLife() const override { return metrics_.day.walkingLife; }
+  std::optional<Date> firstPickupDate() const override { return metrics_.day.firstPickupDate; }
+  std::optional<Date> lastPickupDate() const override { return metrics_.day.lastPickupDate; }
+  std::optional<double> sleepTime() const override { return metrics_.day.sleepTime; }
+  std::optional<DateInterval> bestBreak() const override { return metrics_.day.bestBreak; }
+  std::optional<DateInterval> continuouslyUsage() const override { return metrics_.day.continuouslyUsage; }
   // The night's ends as the pickups alone give them (EventsOfDay's own).
   std::optional<Date> inferredFirstPickupDate() const { return metrics_.inferredFirstPickupDate; }
   std::optional<Date> inferredLastPickupDate() const { return metrics_.inferredLastPickupDate; }

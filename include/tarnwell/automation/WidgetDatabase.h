@@ -24,9 +24,6 @@
 
 namespace tarnwell {
 
-// The published form of a day, metric by metric.
-widgets::ScreenTimeToday makeScreenTimeToday(const ItemLikeEventsOfDay& events);
-
 // A day of focus from its sessions: a line for every tag that is neither
 // archived-away nor deleted (time 0 when unused), in the order of the tag
 // list. A session without a tag, or of a deleted tag, counts in
