@@ -3,7 +3,7 @@
 # an earlier commit, in one run, and prints after/before ratios:
 #   scripts/bench-compare.sh [--repetitions N] [REF]
 # REF (default 4a475f3) is built in build/compare/<commit>, the working tree in
-# build/release, both optimised and through ccache when it is installed (source
+# build/bench, both optimised and through ccache when it is installed (source
 # the ccache settings first to share a warm cache). Each benchmark runs in a
 # process of its own, before and after taking turns, N times (default 3); the
 # table shows the best time, the median peak memory and the noise of the
@@ -27,14 +27,14 @@ commit=$(git rev-parse --verify --quiet "$ref^{commit}") || { echo "bench-compar
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
-# Builds the benchmarks of the sources in $1 into $1/build/release; the same
+# Builds the benchmarks of the sources in $1 into $1/build/bench; the same
 # layout for both sides lets ccache reuse what they have in common.
 build() {
   local log="$1/build/bench-compare.log"
   mkdir -p "$1/build"
-  if ! { cmake -S "$1" -B "$1/build/release" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DTARNWELL_BUILD_BENCHMARKS=ON "${launcher[@]}" &&
-    cmake --build "$1/build/release" --target tarnwell_bench -j "${JOBS:-2}"; } >"$log" 2>&1; then
+  if ! { cmake -S "$1" -B "$1/build/bench" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DTARNWELL_BUILD_TESTS=OFF -DTARNWELL_BUILD_BENCHMARKS=ON "${launcher[@]}" &&
+    cmake --build "$1/build/bench" --target tarnwell_bench -j "${JOBS:-2}"; } >"$log" 2>&1; then
     tail -20 "$log" >&2
     echo "bench-compare.sh: building $2 failed (whole log: $log)" >&2
     exit 1
@@ -50,7 +50,7 @@ echo "building $ref ($(git log -1 --format=%h "$commit")) and the working tree..
 build "$before" "$ref"
 build "$PWD" "the working tree"
 
-exec python3 - "$before/build/release/bench/tarnwell_bench" build/release/bench/tarnwell_bench "$repetitions" <<'EOF'
+exec python3 - "$before/build/bench/bench/tarnwell_bench" build/bench/bench/tarnwell_bench "$repetitions" <<'EOF'
 import sys
 
 sys.path.insert(0, "scripts")

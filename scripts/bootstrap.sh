@@ -1,18 +1,27 @@
 #!/usr/bin/env bash
-# Installs everything the project builds with, from Debian's archive.
+# Installs what the library and the host build with, from Debian's archive;
+# with --tests also what the tests and the benchmarks need.
+#   scripts/bootstrap.sh [--tests]
 set -euo pipefail
 
 packages=(
   cmake ninja-build g++ pkg-config
   libsqlite3-dev libicu-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libcli11-dev uuid-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
-  clang-format python3
-  # The cloud on a PostgreSQL server, and the throw-away server its tests run against
-  libpqxx-dev postgresql
-  # The browser test of the report
-  chromium chromium-driver python3-selenium
+  libpqxx-dev libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
 )
+case "${1:-}" in
+  "") ;;
+  --tests)
+    packages+=(
+      libgtest-dev libgmock-dev libbenchmark-dev clang-format python3
+      # The throw-away PostgreSQL server the cloud's tests run against
+      postgresql
+      # The browser test of the report
+      chromium chromium-driver python3-selenium
+    )
+    ;;
+  *) echo "bootstrap.sh: unknown argument \"$1\" (--tests or nothing)" >&2; exit 2 ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Configures and builds one configuration into build/<name>:
-#   release  optimised, with debug info (the default)
+#   release  the library and the host alone, optimised (the default)
 #   asan     AddressSanitizer + UndefinedBehaviorSanitizer
 #   tsan     ThreadSanitizer
 # Further arguments name the targets to build (default: all).
@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 name="${1:-release}"
 shift || true
 case "$name" in
-  release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
+  release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWELL_BUILD_TESTS=OFF -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
   asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTARNWELL_SANITIZER=address) ;;
   tsan) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWELL_SANITIZER=thread -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
   *) echo "build.sh: unknown configuration \"$name\" (release, asan or tsan)" >&2; exit 2 ;;

@@ -18,7 +18,7 @@
 namespace tarnwell::cli {
 namespace {
 
-struct Arguments {
+struct ChartArguments {
   std::string metric, range = "week";
   std::optional<std::string> date, from, svg, png;
   int count = 7;
@@ -41,16 +41,6 @@ std::string oneDecimal(double value) {
   char text[32];
   std::snprintf(text, sizeof text, "%.1f", value);
   return text;
-}
-
-nlohmann::ordered_json optionalJSON(const std::optional<double>& value) {
-  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
-}
-nlohmann::ordered_json optionalJSON(const std::optional<std::string>& value) {
-  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
-}
-nlohmann::ordered_json intervalJSON(const DateInterval& interval) {
-  return {{"start", interval.start().iso8601()}, {"end", interval.end().iso8601()}};
 }
 
 nlohmann::ordered_json chartJSON(const StatisticsData& chart) {
@@ -234,7 +224,7 @@ View summaryView(Date from, int count) {
 }
 
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<ChartArguments>();
   auto* chart = app.add_subcommand("chart", "A metric's chart model for a day, week, month or year");
   chart
       ->add_option("METRIC", a->metric,

@@ -62,6 +62,24 @@ class Output {
 // writes them (18000.0), "null" for nothing, structures as compact JSON.
 std::string plainText(const nlohmann::ordered_json& value);
 
+// An interval as {"start", "end"} in ISO 8601.
+inline nlohmann::ordered_json intervalJSON(const DateInterval& interval) {
+  return {{"start", interval.start().iso8601()}, {"end", interval.end().iso8601()}};
+}
+
+// A value that may be missing: null then; instants and intervals in ISO 8601.
+template <class T>
+nlohmann::ordered_json optionalJSON(const std::optional<T>& value) {
+  if (!value) return nullptr;
+  if constexpr (std::is_same_v<T, Date>) {
+    return value->iso8601();
+  } else if constexpr (std::is_same_v<T, DateInterval>) {
+    return intervalJSON(*value);
+  } else {
+    return *value;
+  }
+}
+
 // The longest stretches a record may span. Sensors and timers never make
 // longer ones, so a longer span is a typing mistake that every day it
 // covers would then show: pickups, walks, focus sessions and sleep samples

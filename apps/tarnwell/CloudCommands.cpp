@@ -26,7 +26,7 @@ constexpr std::string_view kCloudFolderKey = "TarnwellHost.cloudFolder";
 constexpr std::string_view kCloudServerKey = "TarnwellHost.cloudServer";
 constexpr std::string_view kPasswordService = "org.vostra.tarnwell.cloud";
 
-struct Arguments {
+struct CloudArguments {
   std::string target, status, code, kind, zone;
   std::optional<std::string> type, on, retryAfter;
   int times = 1;
@@ -251,7 +251,7 @@ void showRecords(const GlobalOptions& options, const std::optional<std::string>&
   printCloudRecords(options, signedInCloud("cloud records")->records(CKDatabaseScope::privateScope, type));
 }
 
-CloudFault parseFault(const Arguments& a) {
+CloudFault parseFault(const CloudArguments& a) {
   const auto code = errorCodeNamed(a.code);
   if (!code) refuse("code", a.code, "a cloud error code, by name (zoneBusy) or number (23)");
   CloudFault fault{.code = static_cast<int>(*code), .retryAfter = std::nullopt, .times = a.times, .on = std::nullopt};
@@ -328,7 +328,7 @@ bool waitForPushes(std::chrono::milliseconds timeout) {
 }
 
 void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<CloudArguments>();
   auto* cloud = app.add_subcommand(
       "cloud", "The user's private cloud: a folder the installations of one user share, or a PostgreSQL server");
   cloud->require_subcommand(1);

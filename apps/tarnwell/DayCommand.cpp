@@ -10,22 +10,6 @@
 namespace tarnwell::cli {
 namespace {
 
-nlohmann::ordered_json intervalJSON(const DateInterval& interval) {
-  return {{"start", interval.start().iso8601()}, {"end", interval.end().iso8601()}};
-}
-
-template <class T>
-nlohmann::ordered_json optionalJSON(const std::optional<T>& value) {
-  if (!value) return nullptr;
-  if constexpr (std::is_same_v<T, Date>) {
-    return value->iso8601();
-  } else if constexpr (std::is_same_v<T, DateInterval>) {
-    return intervalJSON(*value);
-  } else {
-    return *value;
-  }
-}
-
 nlohmann::ordered_json intervalsJSON(const std::vector<DateInterval>& intervals) {
   nlohmann::ordered_json list = nlohmann::ordered_json::array();
   for (const auto& interval : intervals) list.push_back(intervalJSON(interval));

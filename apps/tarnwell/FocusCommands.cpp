@@ -14,8 +14,8 @@ namespace {
 
 using widgets::FocusType;
 
-// Arguments of every tag and focus command, kept alive with the command line.
-struct Arguments {
+// FocusArguments of every tag and focus command, kept alive with the command line.
+struct FocusArguments {
   std::string id, title, start, end, after;
   std::vector<std::string> ids;
   std::optional<std::string> emoji, color, goal, type, mode, tag, date, migrateTo, newId, progress, mindful, focusStart;
@@ -93,7 +93,7 @@ void printFocus(const GlobalOptions& options, const std::string& id) {
 }
 
 // The options add and edit share; `edit` offers "none" to clear the goal.
-void addTagOptions(CLI::App* command, Arguments& a, bool edit) {
+void addTagOptions(CLI::App* command, FocusArguments& a, bool edit) {
   command->add_option("--emoji", a.emoji, "One emoji");
   command->add_option("--color", a.color, "Colour, #rrggbb");
   command->add_option(
@@ -103,7 +103,7 @@ void addTagOptions(CLI::App* command, Arguments& a, bool edit) {
 }
 
 void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<FocusArguments>();
   auto* tag = app.add_subcommand("tag", "Focus tags: goals, order, archive, streaks");
   tag->require_subcommand(1);
 
@@ -226,7 +226,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
 }
 
 void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<FocusArguments>();
   auto* focus = app.add_subcommand("focus", "Focus sessions");
   focus->require_subcommand(1);
 

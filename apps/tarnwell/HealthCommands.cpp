@@ -19,7 +19,7 @@
 namespace tarnwell::cli {
 namespace {
 
-struct Arguments {
+struct HealthArguments {
   std::string start, end, sourceBundle, sourceName, value = "asleep", type, answer, file, id;
   std::optional<std::string> typeFilter, valence, source;
   std::vector<std::string> labels, associations;
@@ -196,7 +196,7 @@ void showSources(const GlobalOptions& options) {
   Output(options).print(all, joinLines(lines));
 }
 
-void saveStateOfMind(const GlobalOptions& options, const Arguments& a) {
+void saveStateOfMind(const GlobalOptions& options, const HealthArguments& a) {
   if (!Database::getFocus(a.id)) throw InputError("focus state-of-mind: there is no focus " + a.id);
   auto& manager = HealthManager::shared();
   if (a.valence) {
@@ -248,7 +248,7 @@ std::string clocks(const std::optional<DateInterval>& night) {
   return night->start().iso8601().substr(11, 5) + "-" + night->end().iso8601().substr(11, 5) + "  ";
 }
 
-void compareSleep(const GlobalOptions& options, const Arguments& a) {
+void compareSleep(const GlobalOptions& options, const HealthArguments& a) {
   std::string bundle;
   if (a.source) {
     bundle = *a.source;
@@ -350,7 +350,7 @@ std::vector<DateInterval> recordedSleeps(const std::string& bundle, const DateIn
 }
 
 void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<HealthArguments>();
   auto* health = app.add_subcommand("health",
                                     "The installation's health store: sleep of other applications in, "
                                     "mindful sessions, the night and states of mind out");

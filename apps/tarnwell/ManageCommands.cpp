@@ -12,14 +12,14 @@
 namespace tarnwell::cli {
 namespace {
 
-struct Arguments {
+struct ManageArguments {
   std::string id, value;
   std::optional<std::string> name, artwork, genre, scheme, out;
   bool off = false, thisDevice = false;
 };
 
 void addAppCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<ManageArguments>();
   auto* apps = app.add_subcommand("app", "The apps the user allows");
   apps->require_subcommand(1);
 
@@ -73,7 +73,7 @@ void addAppCommands(CLI::App& app, const GlobalOptions& options, Action& action)
 }
 
 void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<ManageArguments>();
   auto* devices = app.add_subcommand("device", "The devices that have written to this store");
   devices->require_subcommand(1);
   onRun(devices->add_subcommand("list", "Every device row, this device marked"), action, [&options] {
@@ -111,7 +111,7 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
 }
 
 void addResetAndExportCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<ManageArguments>();
   auto* reset = app.add_subcommand("reset", "Delete usage or focus data");
   reset->require_subcommand(1);
   for (const bool focus : {false, true}) {
@@ -153,7 +153,7 @@ void addManageCommands(CLI::App& app, const GlobalOptions& options, Action& acti
 }
 
 void addFormatCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<ManageArguments>();
   auto* format = app.add_subcommand("format", "Show a number of seconds as the app does");
   format->require_subcommand(1);
   const auto add = [&](const char* what, const char* help) {

@@ -93,13 +93,11 @@ bool parseBool(const std::string& name, const std::string& text) {
 
 namespace {
 
-constexpr double kDay = kOneDay;
-
 // A type the timer can run: a focus lasts more than nothing and at most a
 // day, breaks and reminders are not negative. The app's pickers offer
 // nothing else, so a value outside is a typing mistake, not a wish.
 bool isRunnable(const FocusType& type) {
-  const auto within = [](double seconds, double low) { return seconds >= low && seconds <= kDay; };
+  const auto within = [](double seconds, double low) { return seconds >= low && seconds <= kOneDay; };
   const auto positive = [&within](double seconds) { return seconds > 0 && within(seconds, 0); };
   return std::visit(
       [&](const auto& p) {

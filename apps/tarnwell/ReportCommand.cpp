@@ -21,7 +21,7 @@ namespace {
 constexpr ChartSize kChartSize{720, 360};
 constexpr double kTenYears = 3660 * 86400.0;
 
-struct Arguments {
+struct ReportArguments {
   RangeOptions range;
   std::string out;
 };
@@ -275,7 +275,7 @@ std::string report(const Days& days) {
 }  // namespace
 
 void addReportCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<ReportArguments>();
   auto* command = app.add_subcommand("report", "One HTML page of charts, nights, focus and totals of a run of days");
   a->range.addTo(command, "ISO 8601 first day (default: six days before --to)", "ISO 8601 last day (default: today)");
   command->add_option("--out", a->out, "The HTML file to write")->required();

@@ -77,7 +77,7 @@ nlohmann::json dateJSON(const std::optional<Date>& date) {
 }
 
 template <class T>
-nlohmann::json optionalJSON(const std::optional<T>& value) {
+nlohmann::json nullableJSON(const std::optional<T>& value) {
   return value ? nlohmann::json(*value) : nlohmann::json(nullptr);
 }
 
@@ -96,9 +96,9 @@ struct Meaning {
   bool includesHigh;
   const char* accepts;
 };
-constexpr double kDay = 24 * 3600;
-constexpr Meaning kTimeOfDay{0, kDay, false, "a time of day in seconds from midnight (0 to less than 86400)"};
-constexpr Meaning kDurationOfDay{0, kDay, true, "a number of seconds from 0 to 86400"};
+
+constexpr Meaning kTimeOfDay{0, kOneDay, false, "a time of day in seconds from midnight (0 to less than 86400)"};
+constexpr Meaning kDurationOfDay{0, kOneDay, true, "a number of seconds from 0 to 86400"};
 constexpr Meaning kCount{0, std::numeric_limits<int>::max(), true, "a whole number, not negative"};
 
 template <class T>
@@ -140,14 +140,14 @@ Entry optionalDate(std::string name, std::optional<Date> (*get)(), void (*set)(s
 
 Entry optionalText(std::string name, std::optional<std::string> (*get)(),
                    void (*set)(const std::optional<std::string>&)) {
-  return {name, [get] { return optionalJSON(get()); },
+  return {name, [get] { return nullableJSON(get()); },
           optionalWriter<std::string>(
               name, [](const std::string&, const std::string& text) { return text; }, set)};
 }
 
 Entry optionalFocusType(std::string name, std::optional<FocusType> (*get)(),
                         void (*set)(const std::optional<FocusType>&)) {
-  return {name, [get] { return optionalJSON(get()); }, optionalWriter<FocusType>(name, parseFocusType, set)};
+  return {name, [get] { return nullableJSON(get()); }, optionalWriter<FocusType>(name, parseFocusType, set)};
 }
 
 const std::vector<Entry>& catalogue() {

@@ -35,10 +35,6 @@ constexpr std::string_view kBackgroundSinceKey = "TarnwellHost.backgroundSince";
 
 using SyncState = CloudService::SyncState;
 
-nlohmann::ordered_json dateJSON(const std::optional<Date>& date) {
-  return date ? nlohmann::ordered_json(date->iso8601()) : nlohmann::ordered_json(nullptr);
-}
-
 nlohmann::ordered_json stateJSON(const SyncState& state) {
   return std::visit(
       [](const auto& held) -> nlohmann::ordered_json {
@@ -102,7 +98,7 @@ std::pair<nlohmann::ordered_json, std::string> unsentChanges() {
   const auto age = summary.oldest ? std::max(0.0, Date::now().timeIntervalSince(*summary.oldest)) : 0.0;
   nlohmann::ordered_json json{{"count", summary.count},
                               {"byClass", std::move(byClass)},
-                              {"oldest", dateJSON(summary.oldest)},
+                              {"oldest", optionalJSON(summary.oldest)},
                               {"oldestAgeSeconds", summary.oldest ? nlohmann::ordered_json(age) : nullptr}};
   if (summary.count == 0) return {json, "unsent: none"};
   return {json, "unsent: " + std::to_string(summary.count) + " (" + classes + "), the oldest from " +
@@ -119,7 +115,7 @@ void printStatus(const GlobalOptions& options) {
                               {"accountStatus", name(account)},
                               {"syncToCloudKit", Settings::syncToCloudKit()},
                               {"syncState", stateJSON(state)},
-                              {"lastSyncDate", dateJSON(lastSync)},
+                              {"lastSyncDate", optionalJSON(lastSync)},
                               {"unsent", std::move(unsent)}};
   Output(options).print(json, joinLines({
                                   "cloud: " + cloud.value_or("(none)"),

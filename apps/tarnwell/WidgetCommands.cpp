@@ -16,7 +16,7 @@ namespace {
 using widgets::WidgetFocusState;
 using widgets::WidgetKind;
 
-struct Arguments {
+struct WidgetArguments {
   std::string configuration;
   std::optional<std::string> family;
   std::optional<std::string> none, tag, type, state, spent, goal;
@@ -103,7 +103,7 @@ std::string configurationWords() {
 }
 
 void addWidgetBoardCommands(CLI::App* group, const GlobalOptions& options, Action& action,
-                            const std::shared_ptr<Arguments>& a) {
+                            const std::shared_ptr<WidgetArguments>& a) {
   onRunWithoutStore(group->add_subcommand("show", "Every published key and its value, as a widget reads it"), action,
                     [&options] {
                       const auto all = published();
@@ -170,7 +170,7 @@ WidgetFocusState::State parseState(const std::string& text) {
 }
 
 void addFocusStateCommand(CLI::App& app, const GlobalOptions& options, Action& action,
-                          const std::shared_ptr<Arguments>& a) {
+                          const std::shared_ptr<WidgetArguments>& a) {
   auto* focus = app.get_subcommand("focus");
   auto* state = focus->add_subcommand("state", "What the timer reports of the focus under way, for widgets");
   state->add_option("NONE", a->none, "\"none\": no focus is under way (then no other option)");
@@ -217,7 +217,7 @@ void addFocusStateCommand(CLI::App& app, const GlobalOptions& options, Action& a
 }  // namespace
 
 void addWidgetCommands(CLI::App& app, const GlobalOptions& options, Action& action) {
-  auto a = std::make_shared<Arguments>();
+  auto a = std::make_shared<WidgetArguments>();
   auto* group = app.add_subcommand("widgets", "What the home screen's widgets see");
   group->require_subcommand(1);
   addWidgetBoardCommands(group, options, action, a);

@@ -13,8 +13,6 @@ namespace {
 
 constexpr std::string_view kTotalTag = "total";
 
-int platformVersion() { return Environment::current().device().platformVersion; }
-
 template <class Response>
 Response continueInApp(std::string_view activityType, std::optional<UserInfo> userInfo = std::nullopt) {
   NSUserActivity activity{std::string(activityType)};
@@ -39,7 +37,7 @@ std::pair<std::string, std::string> rangeWords(DateRange range) {
 // The option of a period: the id and name inside, the period around them.
 template <class Ranged>
 Ranged ranged(const INObject& item, DateRange range, const char* nameKey, const char* idKey) {
-  if (platformVersion() < 13) return Ranged(item.identifier, item.displayString);
+  if (Environment::platformVersion() < 13) return Ranged(item.identifier, item.displayString);
   const auto [prefix, suffix] = rangeWords(range);
   Ranged option(item.identifier ? std::optional(prefix + *item.identifier) : std::nullopt, item.displayString + suffix);
   option.properties["dateRange"] = static_cast<std::int64_t>(range);
@@ -130,7 +128,7 @@ FocusWidgetTagWithDateRange withDateRange(const FocusWidgetTag& tag, DateRange r
 }
 
 ScreenTimeWidgetDataType dataType(const ScreenTimeWidgetDataTypeWithDateRange& item) {
-  if (platformVersion() >= 14)
+  if (Environment::platformVersion() >= 14)
     return ScreenTimeWidgetDataType(item.dataID(), item.dataName().value_or(item.displayString));
   return ScreenTimeWidgetDataType(item.identifier, item.displayString);
 }
@@ -148,7 +146,7 @@ UserInfo toUserActivityInfo(const StartToFocusIntent& intent) {
     info["focusType"] = std::int64_t{static_cast<int>(intent.focusType())};
   // A duration of 0 means none was set.
   if (const auto duration = intent.duration();
-      platformVersion() >= 13 && duration && *duration != 0 && isIntentDuration(*duration)) {
+      Environment::platformVersion() >= 13 && duration && *duration != 0 && isIntentDuration(*duration)) {
     info["duration"] = *duration;
   }
   if (intent.whiteNoise() != IntentWhiteNoise::unknown) {
@@ -160,7 +158,7 @@ UserInfo toUserActivityInfo(const StartToFocusIntent& intent) {
 std::optional<UserInfo> toUserActivityInfo(const AddFocusRecordIntent& intent) {
   const auto tag = intent.tag();
   if (!tag || !tag->identifier) return std::nullopt;
-  if (platformVersion() < 13) return UserInfo{{"tagId", *tag->identifier}};
+  if (Environment::platformVersion() < 13) return UserInfo{{"tagId", *tag->identifier}};
   const auto start = intent.start();
   if (!start || !start->date) return std::nullopt;
   Date end;

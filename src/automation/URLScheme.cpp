@@ -17,8 +17,6 @@ constexpr std::string_view kName = "widget_name";
 constexpr std::string_view kFamily = "widget_family";
 constexpr std::string_view kAllTags = "All";
 
-int platformVersion() { return Environment::current().device().platformVersion; }
-
 struct FamilyWord {
   WidgetFamily family;
   std::string_view word;
@@ -142,7 +140,7 @@ std::optional<WidgetContext> WidgetContext::fromParameters(const URLParameters& 
   const auto name = find(parameters, kName);
   const auto word = find(parameters, kFamily);
   if (!name || !word) return std::nullopt;
-  const int version = platformVersion();
+  const int version = Environment::platformVersion();
   // Before 14 the platform has no families: every raw value is 0.
   WidgetContext context(*name, WidgetFamily::systemSmall);
   if (*word == "stand_by") {
@@ -159,7 +157,7 @@ std::optional<WidgetContext> WidgetContext::fromParameters(const URLParameters& 
 
 std::string WidgetContext::familyName() const {
   const auto known = family();
-  if (!known || platformVersion() < 14) return "nil";
+  if (!known || Environment::platformVersion() < 14) return "nil";
   for (const auto& entry : kFamilyWords) {
     if (entry.family == *known) return std::string(entry.word);
   }

@@ -21,8 +21,6 @@ using widgets::WidgetTag;
 
 constexpr std::string_view kYearConfiguration = "FocusSummaryExtraLargeConfigurationIntent";
 
-int platformVersion() { return Environment::current().device().platformVersion; }
-
 // The week and month wait only when the last rebuild is less than 600
 // seconds old and lies in another week than now.
 bool holdsBackWeekAndMonth(Date now, const std::optional<Date>& recent) {
@@ -114,7 +112,7 @@ void WidgetDatabase::refreshFocusTimeToday() {
   if (holdsBackWeekAndMonth(now, recentWidgetFocusDataRefreshDate())) return;
   Keys::focusTimeThisWeek.set(focusTimeOfDays(now.startOfWeek(), 7));
   Keys::focusTimeThisMonth.set(focusTimeOfDays(now.startOfMonth(), now.daysOfMonth()));
-  if (platformVersion() >= 14) {
+  if (Environment::platformVersion() >= 14) {
     WidgetCenter::shared().getCurrentConfigurations([now](std::vector<WidgetInfo> widgets, std::exception_ptr error) {
       if (error) return;
       const bool showsYear = std::any_of(widgets.begin(), widgets.end(), [](const WidgetInfo& widget) {
@@ -143,7 +141,7 @@ void WidgetDatabase::updateCurrentFocusState(const std::optional<ThreadSafeTag>&
     widgetTag = tag->widgetTag();
   }
   setCurrentFocusState(widgets::WidgetFocusState(std::move(widgetTag), focusType, state, isPaused, timeSpent, goal));
-  if (platformVersion() >= 18) {
+  if (Environment::platformVersion() >= 18) {
     for (auto type = widgets::kAllAbstractFocusTypes.rbegin(); type != widgets::kAllAbstractFocusTypes.rend(); ++type) {
       ControlCenter::shared().reloadControls(widgets::ControlKind::focus(*type));
     }

@@ -25,6 +25,9 @@
 
 namespace tarnwell::healthkit {
 
+// The source of what a handle made without one writes: this application.
+inline HKSource ownApplication() { return HKSource{"Tarnwell", "org.vostra.tarnwell"}; }
+
 // What the user decided for one application and one type. Reading is kept
 // although the port never tells it: it decides what a query answers.
 struct Authorization {

@@ -12,8 +12,6 @@ namespace tarnwell {
 
 namespace {
 
-HKSource defaultApplication() { return HKSource{"Tarnwell", "org.vostra.tarnwell"}; }
-
 struct StoredSample {
   std::uint64_t sequence;
   HKSample sample;
@@ -131,7 +129,7 @@ struct MemoryHealthStore::Shared final : healthkit::HealthStorage {
 };
 
 MemoryHealthStore::MemoryHealthStore(std::optional<HKSource> source)
-    : MemoryHealthStore(std::make_shared<Shared>(), source ? std::move(*source) : defaultApplication()) {}
+    : MemoryHealthStore(std::make_shared<Shared>(), source ? std::move(*source) : healthkit::ownApplication()) {}
 
 MemoryHealthStore::MemoryHealthStore(std::shared_ptr<Shared> shared, HKSource source)
     : shared_(std::move(shared)), core_(std::make_unique<healthkit::HealthStoreCore>(shared_, std::move(source))) {}

@@ -81,8 +81,6 @@ constexpr std::string_view kColumns =
     "uuid, type, value, startDate, endDate, sourceName, sourceBundle, metadata, moodKind, valence, labels, "
     "associations";
 
-HKSource defaultApplication() { return HKSource{"Tarnwell", "org.vostra.tarnwell"}; }
-
 std::string_view answerName(HKAuthorizationAnswer answer) {
   switch (answer) {
     case HKAuthorizationAnswer::grant:
@@ -626,7 +624,7 @@ struct SqliteHealthStore::Impl {
 
 SqliteHealthStore::SqliteHealthStore(const std::filesystem::path& folder, std::optional<HKSource> source)
     : impl_(std::make_shared<Impl>(std::make_shared<SqliteStorage>(folder),
-                                   source ? std::move(*source) : defaultApplication())) {
+                                   source ? std::move(*source) : healthkit::ownApplication())) {
   impl_->storage->startWatching(folder);
 }
 

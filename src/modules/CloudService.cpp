@@ -48,19 +48,19 @@ struct CloudServiceState {
   NotificationToken accountObserver;
 };
 
-CloudServiceState& state() { return Environment::current().component<CloudServiceState>(); }
+CloudServiceState& serviceState() { return Environment::current().component<CloudServiceState>(); }
 
 // Made on first use; resolved by the engine's callback, or never when the
 // engine found no account.
 EngineGuarantee pendingEngine() {
-  auto& s = state();
+  auto& s = serviceState();
   std::lock_guard lock(s.mutex);
   if (!s.pendingEngine) {
     auto [guarantee, resolver] = EngineGuarantee::pending();
     s.pendingEngine = guarantee;
     s.resolveEngine = [resolver](std::shared_ptr<SyncEngine> engine) {
       {
-        auto& current = state();
+        auto& current = serviceState();
         std::lock_guard engineLock(current.mutex);
         current.engine = engine;
       }
@@ -72,7 +72,7 @@ EngineGuarantee pendingEngine() {
 
 // The engine, when it is there.
 std::shared_ptr<SyncEngine> readyEngine() {
-  auto& s = state();
+  auto& s = serviceState();
   std::lock_guard lock(s.mutex);
   return s.engine;
 }
@@ -84,7 +84,7 @@ void postOnMain(std::string_view name) {
 }
 
 void setAccountStatus(CKAccountStatus status) {
-  auto& s = state();
+  auto& s = serviceState();
   CKAccountStatus old;
   {
     std::lock_guard lock(s.mutex);
@@ -95,7 +95,7 @@ void setAccountStatus(CKAccountStatus status) {
 }
 
 void setSyncState(SyncState next) {
-  auto& s = state();
+  auto& s = serviceState();
   SyncState old;
   {
     std::lock_guard lock(s.mutex);
@@ -267,7 +267,7 @@ void CloudService::start() {
                                                        syncObject<Focus>(false), syncObject<Pickup>(true),
                                                        syncObject<Walk>(true)};
   pendingEngine();
-  auto& s = state();
+  auto& s = serviceState();
   // The engine waits for the account on the cloud's queue, holding only a
   // weak reference to itself: the service keeps it.
   auto made =
@@ -377,13 +377,13 @@ void CloudService::enterForeground() {
 }
 
 CKAccountStatus CloudService::accountStatus() {
-  auto& s = state();
+  auto& s = serviceState();
   std::lock_guard lock(s.mutex);
   return s.accountStatus;
 }
 
 CloudService::SyncState CloudService::syncState() {
-  auto& s = state();
+  auto& s = serviceState();
   std::lock_guard lock(s.mutex);
   return s.syncState;
 }

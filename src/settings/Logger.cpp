@@ -32,7 +32,7 @@ struct LoggerState {
   std::shared_ptr<DispatchQueue> queue;
 };
 
-LoggerState& state() { return Environment::current().component<LoggerState>(); }
+LoggerState& loggerState() { return Environment::current().component<LoggerState>(); }
 
 // "console.log" with index 2 is "console.2.log", as the rotating sink names its archives.
 std::filesystem::path archiveName(const std::filesystem::path& file, std::size_t index) {
@@ -116,9 +116,9 @@ std::vector<std::filesystem::path> AutoRotatingFileDestination::archivedFileURLs
   return archives;
 }
 
-const std::filesystem::path& Logger::logFileURL() { return state().logFileURL; }
+const std::filesystem::path& Logger::logFileURL() { return loggerState().logFileURL; }
 
-std::shared_ptr<DispatchQueue> Logger::logQueue() { return state().queue; }
+std::shared_ptr<DispatchQueue> Logger::logQueue() { return loggerState().queue; }
 
 void Logger::start() {
   const auto& file = logFileURL();

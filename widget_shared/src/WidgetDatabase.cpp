@@ -30,9 +30,9 @@ struct RefreshDates {
   }
 };
 
-std::vector<WidgetTag> decodeTags(const nlohmann::json& json) {
+std::vector<WidgetTag> decodeTags(const nlohmann::json& stored) {
   try {
-    return json.get<std::vector<WidgetTag>>();
+    return stored.get<std::vector<WidgetTag>>();
   } catch (const nlohmann::json::exception&) {
     return {};
   }
@@ -41,8 +41,8 @@ std::vector<WidgetTag> decodeTags(const nlohmann::json& json) {
 }  // namespace
 
 std::vector<WidgetTag> WidgetDatabase::tags() {
-  const auto json = suite().jsonForKey(kTagsKey);
-  return json ? decodeTags(*json) : std::vector<WidgetTag>{};
+  const auto stored = suite().jsonForKey(kTagsKey);
+  return stored ? decodeTags(*stored) : std::vector<WidgetTag>{};
 }
 
 void WidgetDatabase::setTags(const std::vector<WidgetTag>& tags) { suite().setJSON(kTagsKey, tags); }

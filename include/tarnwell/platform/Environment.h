@@ -127,6 +127,8 @@ class Environment {
   // The installed Environment. When none was installed, the system one is
   // installed on first use.
   static Environment& current();
+  // The platform version the current Environment plays (DeviceInfo).
+  static int platformVersion() { return current().device().platformVersion; }
   static Environment* currentIfInstalled();
   // Replaces the process's Environment; the previous one is destroyed first,
   // while it is still current, so its own threads end in a consistent world.
