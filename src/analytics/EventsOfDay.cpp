@@ -73,16 +73,10 @@ void EventsOfDay::resolveNight() {
   const Date fourAM = day.getTime(4, 0, 0);
   const auto& devices = eventsOfInterval_.deviceIds();
 
-  std::optional<Date> last, first;
-  if (const auto pickup = store::orNoData(
-          [&] { return store::lastPickup(DateInterval::getDateIntervalForFindingLastPickup(day, fourAM), devices); })) {
-    last = pickup->end;
-  }
-  if (const auto pickup = store::orNoData([&] {
-        return store::firstPickup(DateInterval::getDateIntervalForFindingFirstPickup(day, fourAM), devices);
-      })) {
-    first = pickup->start;
-  }
+  auto [last, first] = store::orNoData([&] {
+    return store::nightEdges(DateInterval::getDateIntervalForFindingLastPickup(day, fourAM),
+                             DateInterval::getDateIntervalForFindingFirstPickup(day, fourAM), devices);
+  });
   // A pickup that only just ended says nothing of the night.
   if (last && Date::now() - *last < kStillAwake) last.reset();
   // One pickup across the boundary is no night.

@@ -94,10 +94,11 @@ std::string Database::addPickup(Date start, Date end) {
 }
 
 std::string Database::editPickup(const std::string& id, Date end) {
+  std::optional<DateInterval> written;
   editLiveObject<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(),
-                         "editPickup(id:end:)");
+                         "editPickup(id:end:)", &written);
   // Also when nothing was written: the day is replaced all the same.
-  updateEventsOfToday({pickupChange(id)});
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::pickup(id, written)});
   return id;
 }
 
@@ -158,10 +159,11 @@ std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& int
 }
 
 std::string Database::editWalk(const std::string& id, Date start, Date end) {
+  std::optional<DateInterval> written;
   editLiveObject<Walk>(id, {{"start", start}, {"end", end}},
                        "✍️ Edit Walk: " + id + " " + start.description() + " " + end.description(),
-                       "editWalk(id:start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id)});
+                       "editWalk(id:start:end:)", &written);
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id, written)});
   return id;
 }
 

@@ -67,17 +67,26 @@ void setEventsOfToday(EventsOfDay today);
 
 // The edit frame: a record that cannot be read (the store does not open, the
 // id is unknown or soft-deleted) is skipped quietly; otherwise `assignments`
-// are written and `line` logged. Returns whether it wrote.
+// are written and `line` logged. Returns whether it wrote; `interval`, when
+// given, then receives the record's interval as written, if it has one.
 template <class Record>
 bool editLiveObject(std::string_view id, const std::vector<std::pair<std::string_view, store::QueryValue>>& assignments,
-                    const std::string& line, std::string_view function) {
+                    const std::string& line, std::string_view function,
+                    std::optional<DateInterval>* interval = nullptr) {
   auto store = store::orNoData([] { return std::optional<store::Store>(store::Store::open()); });
   if (!store) return false;
   // Reading the record and writing it, fused: the row changes only when it
   // exists and is not soft-deleted, which is the edit's own condition.
   bool edited = false;
-  store->write(
-      [&](store::WriteTransaction& t) { edited = t.template updateObject<Record>(id, assignments, "isDeleted = 0"); });
+  store->write([&](store::WriteTransaction& t) {
+    edited = t.template updateObject<Record>(id, assignments, "isDeleted = 0");
+    // Read in the same transaction: the row as this edit left it.
+    if constexpr (requires(const Record& record) { record.interval(); }) {
+      if (edited && interval) {
+        if (const auto record = store->template object<Record>(id)) *interval = record->interval();
+      }
+    }
+  });
   if (edited) log.info(line, {.function = function});
   return edited;
 }

@@ -12,6 +12,17 @@ std::optional<Pickup> firstWithId(const Query& query) {
   return pickup;
 }
 
+Query firstPickupQuery(DateInterval between, const std::vector<std::string>& deviceIds) {
+  Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
+  return startingInside(query, between).sorted("start ASC").limited(1);
+}
+
+Query lastPickupQuery(DateInterval between, const std::vector<std::string>& deviceIds) {
+  Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
+  // The last of the rows sorted by end ascending, ties in store order.
+  return touching(query, between).sorted("\"end\" DESC, rowid DESC").limited(1);
+}
+
 }  // namespace
 
 std::vector<std::string> selectIds(std::string_view className, std::string_view column, const Query& query) {
@@ -41,14 +52,28 @@ Query& startingInside(Query& query, DateInterval span) {
 }
 
 std::optional<Pickup> firstPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
-  Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
-  return firstWithId(startingInside(query, between).sorted("start ASC"));
+  return firstWithId(firstPickupQuery(between, deviceIds));
 }
 
 std::optional<Pickup> lastPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
-  Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
-  // The last of the rows sorted by end ascending, ties in store order.
-  return firstWithId(touching(query, between).sorted("\"end\" DESC, rowid DESC"));
+  return firstWithId(lastPickupQuery(between, deviceIds));
+}
+
+NightEdges nightEdges(DateInterval lastBetween, DateInterval firstBetween, const std::vector<std::string>& deviceIds) {
+  const Query last = lastPickupQuery(lastBetween, deviceIds), first = firstPickupQuery(firstBetween, deviceIds);
+  // Each side is the one row its own read finds, tagged 0 or 1.
+  const std::string sql = "SELECT 0, id, \"end\" FROM (" + Store::selectSQL("Pickup", "id, \"end\"", last) +
+                          ") UNION ALL SELECT 1, id, start FROM (" + Store::selectSQL("Pickup", "id, start", first) +
+                          ")";
+  std::vector<QueryValue> arguments = last.arguments;
+  arguments.insert(arguments.end(), first.arguments.begin(), first.arguments.end());
+  NightEdges edges;
+  Store store = Store::open();
+  for (auto rows = store.select(sql, arguments); rows.next();) {
+    if (rows->isNull(1)) continue;
+    readValue(*rows, 2, rows->int64(0) == 0 ? edges.lastEnd : edges.firstStart);
+  }
+  return edges;
 }
 
 std::optional<Device> currentDevice() { return liveObject<Device>(Settings::deviceId()); }

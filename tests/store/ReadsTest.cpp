@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -86,6 +88,33 @@ TEST_F(ReadsTest, APickupWithoutAnIdBoundsNoNight) {
   Store::open().write([&](auto& t) { t.add(stray, store::UpdatePolicy::error); });
   EXPECT_FALSE(store::firstPickup(DateInterval(t0, t0 + 100), me()));
   EXPECT_FALSE(store::lastPickup(DateInterval(t0, t0 + 100), me()));
+}
+
+// The night's two edges come from one statement; they must be what the two
+// reads find apart, ties, ignored, deleted, foreign and id-less rows included.
+TEST_F(ReadsTest, TheNightsEdgesAreWhatTheTwoReadsFind) {
+  std::mt19937 random(29);
+  const auto at = [&](int most) { return t0 + static_cast<double>(random() % most) * 10.0; };
+  Store::open().write([&](store::WriteTransaction& t) {
+    for (int i = 0; i < 120; ++i) {
+      const Date start = at(200);
+      Pickup pickup(start, start + static_cast<double>(random() % 4) * 10.0);
+      pickup.isIgnoredForSleepTime = random() % 5 == 0;
+      pickup.isDeleted = random() % 7 == 0;
+      if (random() % 6 == 0) pickup.deviceId = "TABLET";
+      if (random() % 30 == 0) pickup.id.reset();
+      t.add(pickup, store::UpdatePolicy::error);
+    }
+  });
+  for (int i = 0; i < 200; ++i) {
+    const Date a = at(210), b = at(210), c = at(210), d = at(210);
+    const DateInterval lastBetween(std::min(a, b), std::max(a, b)), firstBetween(std::min(c, d), std::max(c, d));
+    const auto edges = store::nightEdges(lastBetween, firstBetween, me());
+    const auto last = store::lastPickup(lastBetween, me());
+    const auto first = store::firstPickup(firstBetween, me());
+    EXPECT_EQ(edges.lastEnd, last ? last->end : std::nullopt) << i;
+    EXPECT_EQ(edges.firstStart, first ? first->start : std::nullopt) << i;
+  }
 }
 
 TEST_F(ReadsTest, TheDefaultDevicesAreThisOneThenTheRelatedOnes) {

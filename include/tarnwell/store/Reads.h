@@ -105,6 +105,13 @@ std::optional<Pickup> firstPickup(DateInterval between, const std::vector<std::s
 // The one that ends last among those starting or ending inside `between`;
 // of equal ends the one added last.
 std::optional<Pickup> lastPickup(DateInterval between, const std::vector<std::string>& deviceIds);
+// The end of lastPickup(`lastBetween`) and the start of firstPickup(`firstBetween`),
+// read together in one statement: a night's two edges at the cost of one read.
+struct NightEdges {
+  std::optional<Date> lastEnd;
+  std::optional<Date> firstStart;
+};
+NightEdges nightEdges(DateInterval lastBetween, DateInterval firstBetween, const std::vector<std::string>& deviceIds);
 
 // --- Devices ---
 
