@@ -30,6 +30,15 @@ std::vector<DateInterval> longestFirst(std::vector<DateInterval> intervals) {
   return intervals;
 }
 
+// What longestFirst() puts first, without ordering the rest.
+std::optional<DateInterval> longest(const std::vector<DateInterval>& intervals) {
+  std::optional<DateInterval> found;
+  for (const auto& interval : intervals) {
+    if (!found || interval.duration() > found->duration()) found = interval;
+  }
+  return found;
+}
+
 // Drops the entries that overlap the night by more than an instant.
 std::vector<DateInterval> outsideNight(std::vector<DateInterval> breaks, Date last, Date first) {
   const DateInterval night(last, first);
@@ -152,16 +161,12 @@ std::optional<int> EventsOfDay::pickupTimes() const { return metrics::pickupTime
 std::vector<DateInterval> EventsOfDay::pickupsByLength() const { return longestFirst(pickups()); }
 
 std::optional<double> EventsOfDay::longestPickup() const {
-  const auto sorted = pickupsByLength();
-  if (sorted.empty()) return std::nullopt;
-  return sorted.front().duration();
+  const auto found = continuouslyUsage();
+  if (!found) return std::nullopt;
+  return found->duration();
 }
 
-std::optional<DateInterval> EventsOfDay::continuouslyUsage() const {
-  const auto sorted = pickupsByLength();
-  if (sorted.empty()) return std::nullopt;
-  return sorted.front();
-}
+std::optional<DateInterval> EventsOfDay::continuouslyUsage() const { return longest(pickups()); }
 
 std::optional<double> EventsOfDay::checkingEvery() const { return metrics::checkingEvery(pickups()); }
 std::optional<double> EventsOfDay::walkingLife() const { return metrics::walkingLife(pickups(), walks()); }
@@ -216,11 +221,7 @@ Date EventsOfDay::asleepAt() const {
   return startOfDay_.getTime(4, 0, 0);
 }
 
-std::optional<DateInterval> EventsOfDay::bestBreak() const {
-  const auto sorted = longestFirst(breaks());
-  if (sorted.empty()) return std::nullopt;
-  return sorted.front();
-}
+std::optional<DateInterval> EventsOfDay::bestBreak() const { return longest(breaks()); }
 
 std::optional<std::vector<EventsOfHour>> EventsOfDay::getEventsOfHours() const {
   return EventsOfHour::hours(eventsOfInterval_.interval().start(), pickups(), walks());
