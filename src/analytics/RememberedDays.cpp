@@ -88,7 +88,7 @@ std::vector<std::uint8_t> pack(const RememberedDay::Metrics& m) {
 }
 
 // Nothing when the bytes are not a packed day.
-std::optional<RememberedDay::Metrics> unpack(Date startOfDay, const std::vector<std::uint8_t>& bytes) {
+std::optional<RememberedDay::Metrics> unpack(Date startOfDay, std::span<const std::uint8_t> bytes) {
   if (bytes.size() != 8 * (kValues + 1)) return std::nullopt;
   Values v;
   const std::uint64_t mask = word(bytes.data());
@@ -196,8 +196,9 @@ void bindKey(sqlite::Statement& statement, const Shape& shape) {
   statement.bind(6, kComputation);
 }
 
-// The kept days from `first` to `last` (calendar starts), by start.
-std::vector<Kept> readKept(sqlite::Connection& connection, const Shape& shape, Date first, Date last) {
+// The kept days from `first` to `last` (calendar starts), by start; their
+// sleep application's nights only `withSleeps`, the only reader of them.
+std::vector<Kept> readKept(sqlite::Connection& connection, const Shape& shape, Date first, Date last, bool withSleeps) {
   auto& statement = connection.cached(std::string("SELECT \"dayStart\", \"shapedFrom\", \"shapedTo\", \"sleeps\", "
                                                   "\"metrics\" FROM \"") +
                                       kTable + "\" WHERE " + keyCondition() + " AND \"dayStart\" BETWEEN ?7 AND ?8");
@@ -207,9 +208,9 @@ std::vector<Kept> readKept(sqlite::Connection& connection, const Shape& shape, D
   for (sqlite::Cursor rows(statement); rows.next();) {
     const auto& row = *rows;
     const auto shaping = interval(row.real(1), row.real(2));
-    auto metrics = unpack(Date::fromTimeIntervalSinceReferenceDate(row.real(0)), row.blob(4));
+    auto metrics = unpack(Date::fromTimeIntervalSinceReferenceDate(row.real(0)), row.blobView(4));
     if (!shaping || !metrics) continue;  // not a row this version wrote: computed again
-    kept.push_back({std::move(*metrics), *shaping, row.text(3)});
+    kept.push_back({std::move(*metrics), *shaping, withSleeps ? row.text(3) : std::string()});
   }
   return kept;
 }
@@ -345,13 +346,15 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     // between them could leave a row computed from events older than it.
     sqlite::Transaction read(connection, sqlite::Transaction::Behavior::deferred);
     version = dataVersion(connection);
-    const auto kept = readKept(connection, shape, starts.front(), starts.back());
+    auto kept = readKept(connection, shape, starts.front(), starts.back(), !inferredSleep);
     // Both in the order of days.
     auto next = kept.begin();
     for (const Date start : starts) {
       while (next != kept.end() && next->metrics.day.startOfDay < start) ++next;
       if (next != kept.end() && next->metrics.day.startOfDay == start && stands(*next)) {
-        block->emplace_back(next->metrics, shape.deviceIds);
+        // Each day is kept once: its row is used up.
+        block->emplace_back(std::move(next->metrics), shape.deviceIds);
+        ++next;
       } else {
         compute(start);
       }

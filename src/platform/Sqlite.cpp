@@ -103,9 +103,14 @@ std::string Statement::text(int column) const {
 }
 
 std::vector<std::uint8_t> Statement::blob(int column) const {
+  const auto bytes = blobView(column);
+  return std::vector<std::uint8_t>(bytes.begin(), bytes.end());
+}
+
+std::span<const std::uint8_t> Statement::blobView(int column) const {
   const auto* data = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_, column));
   const int size = sqlite3_column_bytes(statement_, column);
-  return data ? std::vector<std::uint8_t>(data, data + size) : std::vector<std::uint8_t>();
+  return data ? std::span<const std::uint8_t>(data, static_cast<std::size_t>(size)) : std::span<const std::uint8_t>();
 }
 
 std::string Statement::columnName(int column) const { return sqlite3_column_name(statement_, column); }

@@ -71,6 +71,9 @@ class Statement {
   double real(int column) const;
   std::string text(int column) const;
   std::vector<std::uint8_t> blob(int column) const;
+  // The same bytes in place: valid until the statement steps, resets or is
+  // read as another type.
+  std::span<const std::uint8_t> blobView(int column) const;
   std::string columnName(int column) const;
 
   sqlite3_stmt* handle() const { return statement_; }
