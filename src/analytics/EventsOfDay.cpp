@@ -223,6 +223,22 @@ Date EventsOfDay::asleepAt() const {
 
 std::optional<DateInterval> EventsOfDay::bestBreak() const { return longest(breaks()); }
 
+widgets::ScreenTimeToday EventsOfDay::summary() const {
+  const auto used = pickups();
+  const auto longestUse = longest(used);
+  return {startOfDay_,
+          metrics::screenTime(used),
+          metrics::pickupTimes(used),
+          longestUse ? std::optional(longestUse->duration()) : std::nullopt,
+          metrics::checkingEvery(used),
+          metrics::walkingLife(used, walks()),
+          firstPickupDate(),
+          lastPickupDate(),
+          sleepTime(),
+          bestBreak(),
+          longestUse};
+}
+
 std::optional<std::vector<EventsOfHour>> EventsOfDay::getEventsOfHours() const {
   return EventsOfHour::hours(eventsOfInterval_.interval().start(), pickups(), walks());
 }

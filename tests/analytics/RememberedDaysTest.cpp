@@ -66,6 +66,12 @@ class History {
       const EventsOfDay computed(day->startOfDay(), std::nullopt);
       ASSERT_EQ(day->metrics(), RememberedDay::metricsOf(computed))
           << when << ", the day of " << day->startOfDay().iso8601();
+      // The summary reads the pickups once; each metric alone must agree.
+      const widgets::ScreenTimeToday each{
+          computed.startOfDay(),    computed.screenTime(),  computed.pickupTimes(),      computed.longestPickup(),
+          computed.checkingEvery(), computed.walkingLife(), computed.firstPickupDate(),  computed.lastPickupDate(),
+          computed.sleepTime(),     computed.bestBreak(),   computed.continuouslyUsage()};
+      ASSERT_EQ(day->metrics().day, each) << when << ", the day of " << day->startOfDay().iso8601();
     }
   }
 

@@ -88,6 +88,8 @@ class EventsOfDay : public ItemLikeEventsOfDay {
   // The 24 hours of the day from its shifted start, with the day's pickups
   // and walks clipped to each; never nothing for a live day.
   std::optional<std::vector<EventsOfHour>> getEventsOfHours() const override;
+  // The metrics of the pickups from one list of them.
+  widgets::ScreenTimeToday summary() const override;
 
   // The sleep application whose data this day uses, if any, and its nights
   // the day was computed from.

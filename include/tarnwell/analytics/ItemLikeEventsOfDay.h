@@ -42,8 +42,9 @@ class ItemLikeEventsOfDay {
     if (!screen || !walking) return std::nullopt;
     return *screen - *walking;
   }
-  // Every metric above as one value, the form a widget publishes.
-  widgets::ScreenTimeToday summary() const {
+  // Every metric above as one value, the form a widget publishes. A kind of
+  // day may give the same values with less work.
+  virtual widgets::ScreenTimeToday summary() const {
     return {startOfDay(),      screenTime(),     pickupTimes(), longestPickup(), checkingEvery(),    walkingLife(),
             firstPickupDate(), lastPickupDate(), sleepTime(),   bestBreak(),     continuouslyUsage()};
   }

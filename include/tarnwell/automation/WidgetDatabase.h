@@ -36,7 +36,7 @@ class PublishedDay : public ItemLikeEventsOfDay {
  public:
   explicit PublishedDay(widgets::ScreenTimeToday day) : day_(std::move(day)) {}
 
-  const widgets::ScreenTimeToday& summary() const { return day_; }
+  widgets::ScreenTimeToday summary() const override { return day_; }
 
   Date startOfDay() const override { return day_.startOfDay; }
   std::optional<double> screenTime() const override { return day_.screenTime; }
