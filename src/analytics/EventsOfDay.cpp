@@ -55,7 +55,26 @@ std::vector<std::string> EventsOfDay::defaultDeviceIds() { return store::default
 
 EventsOfDay::EventsOfDay(Date date, const std::optional<std::vector<std::string>>& deviceIds)
     : EventsOfDay(date.startOfDay(), EventsOfInterval(daySpan(date), deviceIds), std::nullopt) {
+  settle(Settings::defaultSleepDataSource());
+}
+
+std::vector<EventsOfDay> EventsOfDay::ofDays(const std::vector<Date>& dates,
+                                             const std::vector<std::string>& deviceIds) {
+  std::vector<DateInterval> spans;
+  spans.reserve(dates.size());
+  for (const Date date : dates) spans.push_back(daySpan(date));
+  auto events = EventsOfInterval::ofSpans(spans, deviceIds);
   const SleepDataSource source = Settings::defaultSleepDataSource();
+  std::vector<EventsOfDay> days;
+  days.reserve(dates.size());
+  for (std::size_t i = 0; i < dates.size(); ++i) {
+    days.push_back(EventsOfDay(dates[i].startOfDay(), std::move(events[i]), std::nullopt));
+    days.back().settle(source);
+  }
+  return days;
+}
+
+void EventsOfDay::settle(const SleepDataSource& source) {
   if (!source.isBuiltIn()) {
     sleepsWithSource_ = HealthManager::shared().getSleepData(source, eventsOfInterval_.interval().start());
   }
@@ -148,7 +167,7 @@ std::vector<DateInterval> EventsOfDay::sleeps() const {
 std::vector<FocusData> EventsOfDay::focuseDatas() const {
   std::vector<FocusData> focuses;
   if (!eventsOfInterval_.excludesFocusTime()) return focuses;
-  for (const auto& event : eventsOfInterval_.focusEvents) {
+  for (const auto& event : eventsOfInterval_.focusEvents()) {
     const auto focus = store::orNoData([&event] { return store::liveObject<Focus>(event.id); });
     if (focus) focuses.push_back(FocusData::of(*focus));
   }

@@ -33,6 +33,43 @@ std::vector<EventsOfInterval::EventData> readKind(const DateInterval& span, Read
   });
 }
 
+// readKind() of each span, from one read of the run: a record meets a span
+// when its start or its end lies in it, and the run is read by start, so
+// each span's list comes out in the order of its own read.
+template <class Record>
+std::vector<std::vector<EventsOfInterval::EventData>> readKindOfSpans(const std::vector<DateInterval>& spans,
+                                                                      const std::vector<std::string>& deviceIds) {
+  using Lists = std::vector<std::vector<EventsOfInterval::EventData>>;
+  const DateInterval run(spans.front().start(), spans.back().end());
+  Lists lists = store::orNoData([&] {
+    Lists read(spans.size());
+    std::vector<std::size_t> holding;
+    const auto hold = [&](Date point) {
+      // The last span starting at or before the point, and an earlier one
+      // that ends on it.
+      auto at = std::upper_bound(spans.begin(), spans.end(), point,
+                                 [](Date date, const DateInterval& span) { return date < span.start(); });
+      while (at != spans.begin() && !(std::prev(at)->end() < point)) {
+        --at;
+        holding.push_back(static_cast<std::size_t>(at - spans.begin()));
+      }
+    };
+    store::forEachEvent<Record>(run, deviceIds, [&](const std::string& id, const DateInterval& interval) {
+      holding.clear();
+      hold(interval.start());
+      hold(interval.end());
+      std::sort(holding.begin(), holding.end());
+      holding.erase(std::unique(holding.begin(), holding.end()), holding.end());
+      for (const std::size_t index : holding) {
+        if (auto clipped = interval.intersection(spans[index])) read[index].push_back({id, *clipped});
+      }
+    });
+    return read;
+  });
+  if (lists.empty()) lists.resize(spans.size());
+  return lists;
+}
+
 // The record's interval again, by key: nothing when it is gone or deleted
 // (`found` false), or when it has no interval. A record just written comes
 // with its interval.
@@ -51,27 +88,57 @@ std::optional<DateInterval> reread(const EventsOfInterval::EventsChangeType& cha
 
 }  // namespace
 
+EventsOfInterval::EventsOfInterval(DateInterval interval, std::vector<std::string> deviceIds, bool excludeFocusTime)
+    : interval_(interval), deviceIds_(std::move(deviceIds)), excludeFocusTime_(excludeFocusTime) {}
+
 EventsOfInterval::EventsOfInterval(DateInterval interval, const std::optional<std::vector<std::string>>& deviceIds)
-    : interval_(interval),
-      deviceIds_(deviceIds ? *deviceIds : store::defaultDeviceIds()),
-      excludeFocusTime_(Settings::excludeFocusTime()) {
-  aliveEvents = readKind(interval_, [&](auto each) { store::forEachEvent<Alive>(interval_, deviceIds_, each); });
-  pickupEvents = readKind(interval_, [&](auto each) { store::forEachEvent<Pickup>(interval_, deviceIds_, each); });
-  walkEvents = readKind(interval_, [&](auto each) { store::forEachEvent<Walk>(interval_, deviceIds_, each); });
-  focusEvents = readKind(interval_, [&](auto each) { store::forEachFocus(interval_, deviceIds_, each); });
+    : EventsOfInterval(interval, deviceIds ? *deviceIds : store::defaultDeviceIds(), Settings::excludeFocusTime()) {
+  alive_ = readKind(interval_, [&](auto each) { store::forEachEvent<Alive>(interval_, deviceIds_, each); });
+  pickup_ = readKind(interval_, [&](auto each) { store::forEachEvent<Pickup>(interval_, deviceIds_, each); });
+  walk_ = readKind(interval_, [&](auto each) { store::forEachEvent<Walk>(interval_, deviceIds_, each); });
+  focus_ = readKind(interval_, [&](auto each) { store::forEachFocus(interval_, deviceIds_, each); });
+  derive();
 }
 
-std::vector<DateInterval> EventsOfInterval::walks() const { return intervalsOf(walkEvents); }
-std::vector<DateInterval> EventsOfInterval::alives() const { return intervalsOf(aliveEvents); }
+std::vector<EventsOfInterval> EventsOfInterval::ofSpans(const std::vector<DateInterval>& spans,
+                                                        const std::vector<std::string>& deviceIds) {
+  if (spans.empty()) return {};
+  const bool excludeFocusTime = Settings::excludeFocusTime();
+  auto alive = readKindOfSpans<Alive>(spans, deviceIds);
+  auto pickup = readKindOfSpans<Pickup>(spans, deviceIds);
+  auto walk = readKindOfSpans<Walk>(spans, deviceIds);
+  std::vector<EventsOfInterval> snapshots;
+  snapshots.reserve(spans.size());
+  for (std::size_t i = 0; i < spans.size(); ++i) {
+    auto& events = snapshots.emplace_back(EventsOfInterval(spans[i], deviceIds, excludeFocusTime));
+    events.alive_ = std::move(alive[i]);
+    events.pickup_ = std::move(pickup[i]);
+    events.walk_ = std::move(walk[i]);
+    // Sessions are few, and are listed in the order of their own read.
+    events.focus_ = readKind(spans[i], [&](auto each) { store::forEachFocus(spans[i], deviceIds, each); });
+    events.derive();
+  }
+  return snapshots;
+}
+
+void EventsOfInterval::derive() {
+  pickups_ =
+      excludeFocusTime_ ? DateInterval::calculate(intervalsOf(pickup_), intervalsOf(focus_)) : intervalsOf(pickup_);
+  std::vector<DateInterval> gaps;
+  if (!pickups_.empty() && pickups_.front().start() < pickups_.back().end()) {
+    gaps.emplace_back(pickups_.front().start(), pickups_.back().end());
+  }
+  gaps = DateInterval::calculate(std::move(gaps), pickups_);
+  gaps = DateInterval::calculate(std::move(gaps), excludedFocuses());
+  breaks_ = DateInterval::calculate(std::move(gaps), noDatas());
+}
+
+std::vector<DateInterval> EventsOfInterval::walks() const { return intervalsOf(walk_); }
+std::vector<DateInterval> EventsOfInterval::alives() const { return intervalsOf(alive_); }
 
 std::vector<DateInterval> EventsOfInterval::excludedFocuses() const {
   if (!excludeFocusTime_) return {};
-  return intervalsOf(focusEvents);
-}
-
-std::vector<DateInterval> EventsOfInterval::pickups() const {
-  if (!excludeFocusTime_) return intervalsOf(pickupEvents);
-  return DateInterval::calculate(intervalsOf(pickupEvents), intervalsOf(focusEvents));
+  return intervalsOf(focus_);
 }
 
 std::vector<DateInterval> EventsOfInterval::noDatas() const {
@@ -84,17 +151,6 @@ std::vector<DateInterval> EventsOfInterval::noDatas() const {
   return gaps;
 }
 
-std::vector<DateInterval> EventsOfInterval::breaks() const {
-  const auto used = pickups();
-  std::vector<DateInterval> base;
-  if (!used.empty() && used.front().start() < used.back().end()) {
-    base.emplace_back(used.front().start(), used.back().end());
-  }
-  base = DateInterval::calculate(std::move(base), used);
-  base = DateInterval::calculate(std::move(base), excludedFocuses());
-  return DateInterval::calculate(std::move(base), noDatas());
-}
-
 std::optional<double> EventsOfInterval::screenTime() const { return metrics::screenTime(pickups()); }
 
 std::optional<int> EventsOfInterval::pickupTimes() const { return metrics::pickupTimes(pickups()); }
@@ -103,18 +159,18 @@ void EventsOfInterval::apply(const std::vector<EventsChangeType>& changes) {
   using Kind = EventsChangeType::Kind;
   for (const auto& change : changes) {
     if (change.kind() == Kind::modifiedLatestPickup) {
-      if (pickupEvents.empty()) continue;
+      if (pickup_.empty()) continue;
       // The latest end; of equal ends the first stands.
-      auto latest = pickupEvents.begin();
-      for (auto it = pickupEvents.begin(); it != pickupEvents.end(); ++it) {
+      auto latest = pickup_.begin();
+      for (auto it = pickup_.begin(); it != pickup_.end(); ++it) {
         if (it->interval.end() > latest->interval.end()) latest = it;
       }
       if (!(latest->interval.start() < change.end())) continue;
       const auto clipped = DateInterval(latest->interval.start(), change.end()).intersection(interval_);
       if (!clipped) continue;
       const std::string id = latest->id;
-      removeId(pickupEvents, id);
-      pickupEvents.push_back({id, *clipped});
+      removeId(pickup_, id);
+      pickup_.push_back({id, *clipped});
       continue;
     }
 
@@ -123,19 +179,19 @@ void EventsOfInterval::apply(const std::vector<EventsChangeType>& changes) {
     bool found = false;
     switch (change.kind()) {
       case Kind::alive:
-        list = &aliveEvents;
+        list = &alive_;
         interval = reread<Alive>(change, found);
         break;
       case Kind::pickup:
-        list = &pickupEvents;
+        list = &pickup_;
         interval = reread<Pickup>(change, found);
         break;
       case Kind::walk:
-        list = &walkEvents;
+        list = &walk_;
         interval = reread<Walk>(change, found);
         break;
       case Kind::focus:
-        list = &focusEvents;
+        list = &focus_;
         interval = reread<Focus>(change, found);
         break;
       case Kind::modifiedLatestPickup:
@@ -152,6 +208,7 @@ void EventsOfInterval::apply(const std::vector<EventsChangeType>& changes) {
     removeId(*list, change.id());
     list->push_back({change.id(), *clipped});
   }
+  derive();
 }
 
 }  // namespace tarnwell

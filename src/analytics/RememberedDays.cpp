@@ -1,5 +1,6 @@
 #include "tarnwell/analytics/RememberedDays.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdio>
@@ -301,14 +302,25 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   auto block = std::make_shared<std::vector<RememberedDay>>();
   block->reserve(starts.size());
   std::vector<Kept> fresh;
-  const auto compute = [&](Date start) {
-    auto computed = std::make_shared<const EventsOfDay>(start, *shape.deviceIds);
-    const auto& day =
-        block->emplace_back(RememberedDay::metricsOf(*computed), shape.deviceIds, count == 1 ? computed : nullptr);
-    const auto span = shapingSpan(*computed);
-    if (isSettled(span.end().timeIntervalSinceReferenceDate(), now)) {
-      fresh.push_back({day.metrics(), span, sleepsText(computed->sleepData())});
+  // Days to compute wait here until the run of them ends, then are read a
+  // month at a time: one read each, and no more than a month of events held.
+  std::vector<Date> pending;
+  const auto compute = [&] {
+    constexpr std::size_t kMonth = 31;
+    for (std::size_t from = 0; from < pending.size(); from += kMonth) {
+      const auto end = pending.begin() + static_cast<std::ptrdiff_t>(std::min(pending.size(), from + kMonth));
+      const std::vector<Date> run(pending.begin() + static_cast<std::ptrdiff_t>(from), end);
+      for (auto& events : EventsOfDay::ofDays(run, *shape.deviceIds)) {
+        auto computed = std::make_shared<const EventsOfDay>(std::move(events));
+        const auto& day =
+            block->emplace_back(RememberedDay::metricsOf(*computed), shape.deviceIds, count == 1 ? computed : nullptr);
+        const auto span = shapingSpan(*computed);
+        if (isSettled(span.end().timeIntervalSinceReferenceDate(), now)) {
+          fresh.push_back({day.metrics(), span, sleepsText(computed->sleepData())});
+        }
+      }
     }
+    pending.clear();
   };
   const auto result = [&block] {
     std::vector<Day> days;
@@ -336,7 +348,8 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     store.reset();
   }
   if (!store || starts.empty()) {
-    for (const Date start : starts) compute(start);
+    pending = starts;
+    compute();
     return result();
   }
   auto& connection = store->connection();
@@ -352,19 +365,22 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     for (const Date start : starts) {
       while (next != kept.end() && next->metrics.day.startOfDay < start) ++next;
       if (next != kept.end() && next->metrics.day.startOfDay == start && stands(*next)) {
+        compute();
         // Each day is kept once: its row is used up.
         block->emplace_back(std::move(next->metrics), shape.deviceIds);
         ++next;
       } else {
-        compute(start);
+        pending.push_back(start);
       }
     }
+    compute();
     read.commit();
   } catch (const sqlite::Error&) {
     // Inside another transaction, or a store that fails: computed alone.
     block->clear();
     fresh.clear();
-    for (const Date start : starts) compute(start);
+    pending = starts;
+    compute();
     return result();
   }
   if (fresh.empty()) return result();

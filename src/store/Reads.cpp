@@ -51,6 +51,19 @@ Query& startingInside(Query& query, DateInterval span) {
   return query.filter("start BETWEEN ? AND ?", {span.start(), span.end()});
 }
 
+std::array<Query, 2> eventReads(DateInterval span, const std::vector<std::string>& deviceIds) {
+  // Together the rows of touching(): of the rows ending inside the span, the
+  // others either start inside it, and come second, or start after it, and
+  // have no interval. A row without a start sorts first, as it would there.
+  Query before = liveEvents(deviceIds);
+  before.filter("\"end\" BETWEEN ? AND ? AND (start < ? OR start IS NULL)", {span.start(), span.end(), span.start()});
+  Query inside = liveEvents(deviceIds);
+  startingInside(inside, span);
+  before.sorted("start ASC, rowid ASC");
+  inside.sorted("start ASC, rowid ASC");
+  return {std::move(before), std::move(inside)};
+}
+
 std::optional<Pickup> firstPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
   return firstWithId(firstPickupQuery(between, deviceIds));
 }

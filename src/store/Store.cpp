@@ -176,11 +176,15 @@ bool hasTables(sqlite::Connection& connection) {
   return statement.int64(0) > 0;
 }
 
-// The index or trigger a statement of the schema makes, unquoted.
-std::optional<std::string> indexName(std::string_view sql) {
+// The index or trigger a statement of the schema makes or drops, unquoted;
+// `made` tells which.
+std::optional<std::string> indexName(std::string_view sql, bool& made) {
   std::size_t begin = 0;
   for (const std::string_view prefix : {"CREATE INDEX IF NOT EXISTS \"", "CREATE TRIGGER IF NOT EXISTS \""}) {
-    if (sql.starts_with(prefix)) begin = prefix.size();
+    if (sql.starts_with(prefix)) begin = prefix.size(), made = true;
+  }
+  if (constexpr std::string_view drop = "DROP INDEX IF EXISTS \""; sql.starts_with(drop)) {
+    begin = drop.size(), made = false;
   }
   if (begin == 0) return std::nullopt;
   std::string name;
@@ -220,11 +224,12 @@ bool isCurrent(sqlite::Connection& connection, const StoreConfiguration& configu
       if (std::find(existing.begin(), existing.end(), column.first) == existing.end()) return false;
     }
     for (const auto& sql : table.indexesSQL) {
-      const auto name = indexName(sql);
+      bool made = true;
+      const auto name = indexName(sql, made);
       if (!name) return false;
       index.reset();
       index.bind(1, std::string_view(*name));
-      if (!index.step()) return false;
+      if (index.step() != made) return false;
     }
   }
   return configuration.outboxClasses.empty() || Outbox::hasMarks(connection, configuration.outboxClasses);

@@ -117,6 +117,42 @@ TEST_F(ReadsTest, TheNightsEdgesAreWhatTheTwoReadsFind) {
   }
 }
 
+// A span's events come from two reads by index; they must be the rows one
+// read of either end finds, sorted by start and then by row: ties, rows
+// crossing either end, reversed, empty, deleted and foreign rows included.
+TEST_F(ReadsTest, ASpansEventsAreWhatOneReadOfEitherEndFinds) {
+  std::mt19937 random(30);
+  const auto at = [&](int most) { return t0 + static_cast<double>(random() % most) * 10.0; };
+  Store::open().write([&](store::WriteTransaction& t) {
+    for (int i = 0; i < 150; ++i) {
+      const Date start = at(200);
+      Pickup pickup(start, start + (static_cast<double>(random() % 40) - 5.0) * 10.0);
+      pickup.isDeleted = random() % 7 == 0;
+      if (random() % 6 == 0) pickup.deviceId = "TABLET";
+      t.add(pickup, store::UpdatePolicy::error);
+    }
+  });
+  auto& oneRead = Store::open().connection().cached(
+      "SELECT id, start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ?1 AND "
+      "(start BETWEEN ?2 AND ?3 OR \"end\" BETWEEN ?2 AND ?3) ORDER BY start, rowid");
+  using Row = std::pair<std::string, DateInterval>;
+  for (int i = 0; i < 200; ++i) {
+    const Date a = at(210), b = at(210);
+    const DateInterval span(std::min(a, b), std::max(a, b));
+    std::vector<Row> expected, found;
+    oneRead.bind(1, Settings::deviceId()).bind(2, span.start().timeIntervalSinceReferenceDate());
+    oneRead.bind(3, span.end().timeIntervalSinceReferenceDate());
+    for (sqlite::Cursor rows(oneRead); rows.next();) {
+      const Date start = Date::fromTimeIntervalSinceReferenceDate(rows->real(1));
+      const Date end = Date::fromTimeIntervalSinceReferenceDate(rows->real(2));
+      if (start < end) expected.emplace_back(rows->text(0), DateInterval(start, end));
+    }
+    store::forEachEvent<Pickup>(
+        span, me(), [&](const std::string& id, const DateInterval& interval) { found.emplace_back(id, interval); });
+    EXPECT_EQ(found, expected) << i;
+  }
+}
+
 TEST_F(ReadsTest, TheDefaultDevicesAreThisOneThenTheRelatedOnes) {
   Database::setCurrentDeviceRelation("TABLET", true);
   EXPECT_EQ(store::defaultDeviceIds(), (std::vector<std::string>{Settings::deviceId(), "TABLET"}));

@@ -350,11 +350,12 @@ TEST_F(MigrationTest, Version12RunsNothing) {
       << "rows older than the outbox are not changes";
 }
 
-TEST_F(MigrationTest, MissingColumnsArriveWithTheirDefaults) {
+TEST_F(MigrationTest, MissingColumnsArriveWithTheirDefaultsAndIndexesAreReplaced) {
   Database::configureRealm();
   {
     sqlite::Connection file(Database::fileURL());
     file.execute(R"(CREATE TABLE Pickup ("id" TEXT PRIMARY KEY, "start" REAL, "end" REAL))");
+    file.execute(R"(CREATE INDEX "Pickup_end" ON Pickup ("end"))");
     file.execute(R"(INSERT INTO Pickup VALUES ('P', 0, 60))");
     file.setUserVersion(1);
   }
@@ -363,6 +364,12 @@ TEST_F(MigrationTest, MissingColumnsArriveWithTheirDefaults) {
   EXPECT_FALSE(pickup->isIgnoredForSleepTime);
   EXPECT_FALSE(pickup->isDeleted);
   EXPECT_EQ(pickup->deviceId, Settings::deviceId());  // step 1
+  // The index of the end alone gives way to the one of the end and the start.
+  auto indexes = Store::open().select(
+      "SELECT group_concat(name) FROM (SELECT name FROM sqlite_schema WHERE tbl_name = 'Pickup' AND type = 'index' "
+      "AND name LIKE 'Pickup_%' ORDER BY name)");
+  ASSERT_TRUE(indexes.next());
+  EXPECT_EQ(indexes->text(0), "Pickup_end_start,Pickup_start");
 }
 
 TEST(SchemaTest, TablesDeriveFromTheDeclaration) {

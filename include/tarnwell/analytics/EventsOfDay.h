@@ -36,6 +36,9 @@ class EventsOfDay : public ItemLikeEventsOfDay {
 
   // The day of `date`'s calendar day; nothing means the default devices.
   EventsOfDay(Date date, const std::optional<std::vector<std::string>>& deviceIds);
+  // The days of `dates`, consecutive and in order, each as the constructor
+  // makes it; their events come from one read. Memory grows with the run.
+  static std::vector<EventsOfDay> ofDays(const std::vector<Date>& dates, const std::vector<std::string>& deviceIds);
 
   // A new value with the change applied. The night stands when both of its
   // ends are known; otherwise it is resolved again from the changed events.
@@ -101,6 +104,9 @@ class EventsOfDay : public ItemLikeEventsOfDay {
   EventsOfDay(Date startOfDay, EventsOfInterval events, std::optional<SleepDataWithDataSource> sleeps);
 
   // Decides the night's two ends from the events.
+  // Reads the nights of a sleep application other than the built-in one, then
+  // resolves the night.
+  void settle(const SleepDataSource& source);
   void resolveNight();
   // The ends as the health-store path alone gives them.
   std::optional<Date> healthFirstPickupDate() const;

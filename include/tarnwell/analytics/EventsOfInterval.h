@@ -66,17 +66,24 @@ class EventsOfInterval {
   // Reads the span's events of `deviceIds`; nothing means this device and the
   // devices it merges with.
   EventsOfInterval(DateInterval interval, const std::optional<std::vector<std::string>>& deviceIds);
+  // The snapshots of `spans`, in order, each what the constructor reads for
+  // it, with the pickups, walks and alive spans of all of them read at once.
+  // The spans are in time order and meet at most at an end, as days do; a run
+  // of many is read as one, so hand it a month at a time.
+  static std::vector<EventsOfInterval> ofSpans(const std::vector<DateInterval>& spans,
+                                               const std::vector<std::string>& deviceIds);
 
   const DateInterval& interval() const { return interval_; }
   const std::vector<std::string>& deviceIds() const { return deviceIds_; }
 
-  // By start as read; a change appends its record at the end, so after one
-  // the lists are no longer in time order.
-  std::vector<EventData> aliveEvents;
-  std::vector<EventData> pickupEvents;
-  std::vector<EventData> walkEvents;
+  // By start (equal starts in the store's order) as read; a change
+  // appends its record at the end, so after one the lists are no longer in
+  // time order.
+  const std::vector<EventData>& aliveEvents() const { return alive_; }
+  const std::vector<EventData>& pickupEvents() const { return pickup_; }
+  const std::vector<EventData>& walkEvents() const { return walk_; }
   // In the store's order.
-  std::vector<EventData> focusEvents;
+  const std::vector<EventData>& focusEvents() const { return focus_; }
 
   std::vector<DateInterval> walks() const;
   std::vector<DateInterval> alives() const;
@@ -86,13 +93,13 @@ class EventsOfInterval {
   std::vector<DateInterval> excludedFocuses() const;
   // The pickups, with focus time cut out (sorted, a pickup a session splits
   // counting twice) while focus time is excluded; otherwise as listed.
-  std::vector<DateInterval> pickups() const;
+  const std::vector<DateInterval>& pickups() const { return pickups_; }
   // Stretches of two minutes or more between the first and last alive spans
   // in which monitoring was not alive.
   std::vector<DateInterval> noDatas() const;
   // Between the first and the last pickup: no use, no excluded focus, no
   // stretch without data.
-  std::vector<DateInterval> breaks() const;
+  const std::vector<DateInterval>& breaks() const { return breaks_; }
 
   // Seconds of the pickups, each rounded to a whole second first; nothing without pickups.
   std::optional<double> screenTime() const;
@@ -104,9 +111,16 @@ class EventsOfInterval {
   void apply(const std::vector<EventsChangeType>& changes);
 
  private:
+  EventsOfInterval(DateInterval interval, std::vector<std::string> deviceIds, bool excludeFocusTime);
+  // Every metric starts from the pickups and the breaks: they are worked out
+  // once for each state of the lists rather than for each question.
+  void derive();
+
   DateInterval interval_;
   std::vector<std::string> deviceIds_;
   bool excludeFocusTime_;
+  std::vector<EventData> alive_, pickup_, walk_, focus_;
+  std::vector<DateInterval> pickups_, breaks_;
 };
 
 }  // namespace tarnwell

@@ -47,7 +47,7 @@ struct Pickup {
     return std::tuple{records::primaryKey("id", &Pickup::id),
                       records::property("deviceId", &Pickup::deviceId),
                       records::indexed("start", &Pickup::start),
-                      records::indexed("end", &Pickup::end),
+                      records::indexed("end", &Pickup::end, "start"),
                       records::property("isIgnoredForSleepTime", &Pickup::isIgnoredForSleepTime),
                       records::property("isDeleted", &Pickup::isDeleted)};
   }
@@ -74,7 +74,7 @@ struct Walk {
 
   static constexpr auto properties() {
     return std::tuple{records::primaryKey("id", &Walk::id), records::property("deviceId", &Walk::deviceId),
-                      records::indexed("start", &Walk::start), records::indexed("end", &Walk::end),
+                      records::indexed("start", &Walk::start), records::indexed("end", &Walk::end, "start"),
                       records::property("isDeleted", &Walk::isDeleted)};
   }
   friend bool operator==(const Walk&, const Walk&) = default;
@@ -100,7 +100,7 @@ struct Alive {
 
   static constexpr auto properties() {
     return std::tuple{records::primaryKey("id", &Alive::id), records::property("deviceId", &Alive::deviceId),
-                      records::indexed("start", &Alive::start), records::indexed("end", &Alive::end),
+                      records::indexed("start", &Alive::start), records::indexed("end", &Alive::end, "start"),
                       records::property("isDeleted", &Alive::isDeleted)};
   }
   friend bool operator==(const Alive&, const Alive&) = default;

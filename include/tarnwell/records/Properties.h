@@ -111,6 +111,9 @@ struct Property {
   Member Record::*member;
   bool isPrimaryKey = false;
   bool isIndexed = false;
+  // A second column of the property's index, when reads that range over the
+  // property also filter by that column.
+  std::string_view indexedWith = {};
 };
 
 template <class Record, class Member>
@@ -122,8 +125,9 @@ constexpr Property<Record, Member> primaryKey(std::string_view name, Member Reco
   return {name, member, true, false};
 }
 template <class Record, class Member>
-constexpr Property<Record, Member> indexed(std::string_view name, Member Record::*member) {
-  return {name, member, false, true};
+constexpr Property<Record, Member> indexed(std::string_view name, Member Record::*member,
+                                           std::string_view indexedWith = {}) {
+  return {name, member, false, true, indexedWith};
 }
 
 // Calls f(property) for each property of Record, in declaration order.

@@ -12,6 +12,7 @@
 
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -62,22 +63,28 @@ Query& touching(Query& query, DateInterval span);
 // Adds the rows that start inside `span`, both ends included.
 Query& startingInside(Query& query, DateInterval span);
 
+// The two reads forEachEvent() makes of a span, in its order: the rows that
+// end inside the span but start before it (or have no start), then those
+// that start inside it. Each is one range of an index in the order wanted,
+// where a single read of either kind would be sorted after.
+std::array<Query, 2> eventReads(DateInterval span, const std::vector<std::string>& deviceIds);
+
 // Calls each(id, interval) for the alive spans, pickups or walks of
-// `deviceIds` touching `span`, by start, that have an id and an interval of
-// positive length. One read gives what reading the ids and then each record
-// by key would.
+// `deviceIds` touching `span`, by start and then in the order of the table's
+// rows, that have an id and an interval of positive length. One read gives
+// what reading the ids and then each record by key would.
 template <class Record, class Each>
 void forEachEvent(DateInterval span, const std::vector<std::string>& deviceIds, Each&& each) {
-  Query query = liveEvents(deviceIds);
-  touching(query, span).sorted("start ASC");
   Store store = Store::open();
-  for (auto rows = store.select(Record::className, "id, start, \"end\"", query); rows.next();) {
-    Record record;
-    readValue(*rows, 0, record.id);
-    readValue(*rows, 1, record.start);
-    readValue(*rows, 2, record.end);
-    const auto interval = record.interval();
-    if (interval && interval->duration() > 0.0 && record.id) each(*record.id, *interval);
+  for (const Query& query : eventReads(span, deviceIds)) {
+    for (auto rows = store.select(Record::className, "id, start, \"end\"", query); rows.next();) {
+      Record record;
+      readValue(*rows, 0, record.id);
+      readValue(*rows, 1, record.start);
+      readValue(*rows, 2, record.end);
+      const auto interval = record.interval();
+      if (interval && interval->duration() > 0.0 && record.id) each(*record.id, *interval);
+    }
   }
 }
 

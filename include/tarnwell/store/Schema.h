@@ -171,14 +171,22 @@ std::string createTableSQL() {
   return sql;
 }
 
+// An index of two columns stands in for the index of its first column alone,
+// which older stores have: it is dropped.
 template <class Record>
 std::vector<std::string> createIndexesSQL() {
   std::vector<std::string> statements;
   forEachProperty<Record>([&statements](const auto& p) {
     if (!p.isIndexed) return;
-    statements.push_back("CREATE INDEX IF NOT EXISTS " +
-                         quoteIdentifier(std::string(Record::className) + "_" + std::string(p.name)) + " ON " +
-                         quoteIdentifier(Record::className) + " (" + quoteIdentifier(p.name) + ")");
+    std::string name = std::string(Record::className) + "_" + std::string(p.name);
+    std::string columns = quoteIdentifier(p.name);
+    if (!p.indexedWith.empty()) {
+      statements.push_back("DROP INDEX IF EXISTS " + quoteIdentifier(name));
+      name += "_" + std::string(p.indexedWith);
+      columns += ", " + quoteIdentifier(p.indexedWith);
+    }
+    statements.push_back("CREATE INDEX IF NOT EXISTS " + quoteIdentifier(name) + " ON " +
+                         quoteIdentifier(Record::className) + " (" + columns + ")");
   });
   return statements;
 }
