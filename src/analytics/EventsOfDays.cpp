@@ -73,7 +73,6 @@ EventsOfDays::EventsOfDays(Date start, int count) : start_(start), count_(count)
     }
   }
   if (!found) {
-    if (count < 0) fatalError("EventsOfDays: a negative count of days, " + std::to_string(count));
     const auto days = RememberedDays::days(start, count);
     eventsOfDays_.assign(days.begin(), days.end());
   }

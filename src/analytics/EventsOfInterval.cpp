@@ -124,13 +124,20 @@ std::vector<EventsOfInterval> EventsOfInterval::ofSpans(const std::vector<DateIn
 void EventsOfInterval::derive() {
   pickups_ =
       excludeFocusTime_ ? DateInterval::calculate(intervalsOf(pickup_), intervalsOf(focus_)) : intervalsOf(pickup_);
-  std::vector<DateInterval> gaps;
-  if (!pickups_.empty() && pickups_.front().start() < pickups_.back().end()) {
-    gaps.emplace_back(pickups_.front().start(), pickups_.back().end());
-  }
-  gaps = DateInterval::calculate(std::move(gaps), pickups_);
-  gaps = DateInterval::calculate(std::move(gaps), excludedFocuses());
-  breaks_ = DateInterval::calculate(std::move(gaps), noDatas());
+  breaks_ = std::make_shared<Breaks>();
+}
+
+const std::vector<DateInterval>& EventsOfInterval::breaks() const {
+  std::call_once(breaks_->worked, [this] {
+    std::vector<DateInterval> gaps;
+    if (!pickups_.empty() && pickups_.front().start() < pickups_.back().end()) {
+      gaps.emplace_back(pickups_.front().start(), pickups_.back().end());
+    }
+    gaps = DateInterval::calculate(std::move(gaps), pickups_);
+    gaps = DateInterval::calculate(std::move(gaps), excludedFocuses());
+    breaks_->breaks = DateInterval::calculate(std::move(gaps), noDatas());
+  });
+  return breaks_->breaks;
 }
 
 std::vector<DateInterval> EventsOfInterval::walks() const { return intervalsOf(walk_); }

@@ -61,6 +61,12 @@ std::string zoneOrCurrent(std::string_view timeZoneId) {
   return Environment::current().region().timeZoneId();
 }
 
+// Lists of a day's intervals mostly come sorted already. Intervals that sort
+// alike are equal, so skipping the sort changes nothing.
+void sortIfNeeded(std::vector<DateInterval>& intervals) {
+  if (!std::is_sorted(intervals.begin(), intervals.end())) std::sort(intervals.begin(), intervals.end());
+}
+
 }  // namespace
 
 Date Date::now() { return Environment::current().clock().now(); }
@@ -164,20 +170,35 @@ std::string DateInterval::description() const { return start_.description() + " 
 
 std::vector<DateInterval> DateInterval::calculate(std::vector<DateInterval> subtracted,
                                                   std::vector<DateInterval> subtraction) {
-  std::sort(subtracted.begin(), subtracted.end());
-  std::sort(subtraction.begin(), subtraction.end());
+  if (subtraction.empty()) {
+    std::erase_if(subtracted, [](const DateInterval& interval) { return !(interval.duration() > 0.0); });
+    sortIfNeeded(subtracted);
+    return subtracted;
+  }
+  sortIfNeeded(subtracted);
+  sortIfNeeded(subtraction);
   std::vector<DateInterval> result;
   std::vector<DateInterval> pieces;
+  // When the ends rise with the starts (no interval inside another), the
+  // intervals meeting x are one run: those from the first that ends at or
+  // after x starts, up to the last that starts by x's end.
+  const bool ordered = std::is_sorted(subtraction.begin(), subtraction.end(),
+                                      [](const DateInterval& a, const DateInterval& b) { return a.end() < b.end(); });
   for (const DateInterval& x : subtracted) {
     pieces.clear();
-    for (const DateInterval& y : subtraction) {
-      if (const auto piece = x.intersection(y)) pieces.push_back(*piece);
+    auto y = subtraction.begin();
+    if (ordered) {
+      y = std::lower_bound(y, subtraction.end(), x.start(),
+                           [](const DateInterval& each, Date start) { return each.end() < start; });
+    }
+    for (; y != subtraction.end() && !(ordered && x.end() < y->start()); ++y) {
+      if (const auto piece = x.intersection(*y)) pieces.push_back(*piece);
     }
     if (pieces.empty()) {
       result.push_back(x);
       continue;
     }
-    std::sort(pieces.begin(), pieces.end());
+    sortIfNeeded(pieces);
     DateInterval current = x;
     for (std::size_t i = 0; i < pieces.size(); ++i) {
       const DateInterval& piece = pieces[i];
@@ -193,7 +214,7 @@ std::vector<DateInterval> DateInterval::calculate(std::vector<DateInterval> subt
     }
   }
   std::erase_if(result, [](const DateInterval& interval) { return !(interval.duration() > 0.0); });
-  std::sort(result.begin(), result.end());
+  sortIfNeeded(result);
   return result;
 }
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <random>
 
 #include "support/TestEnvironment.h"
@@ -192,6 +194,54 @@ TEST(IntervalAlgebraTest, CalculateSubtracts) {
             std::vector{span(0, 10)});  // a touch removes nothing
   EXPECT_EQ(DateInterval::calculate({span(0, 100)}, {span(10, 20), span(30, 40), span(50, 60)}),
             (std::vector{span(0, 10), span(20, 30), span(40, 50), span(60, 100)}));
+}
+
+// The subtraction looks only at the intervals near each piece when it can;
+// it must give what trying every pair gives, overlapping, nested, touching
+// and empty intervals included.
+TEST(IntervalAlgebraTest, CalculateIsWhatTryingEveryPairGives) {
+  const auto everyPair = [](std::vector<DateInterval> subtracted, std::vector<DateInterval> subtraction) {
+    std::sort(subtracted.begin(), subtracted.end());
+    std::sort(subtraction.begin(), subtraction.end());
+    std::vector<DateInterval> result;
+    for (const DateInterval& x : subtracted) {
+      std::vector<DateInterval> pieces;
+      for (const DateInterval& y : subtraction) {
+        if (const auto piece = x.intersection(y)) pieces.push_back(*piece);
+      }
+      std::sort(pieces.begin(), pieces.end());
+      DateInterval current = x;
+      bool whole = true;
+      for (std::size_t i = 0; i < pieces.size(); ++i) {
+        whole = false;
+        if (!(pieces[i].start() < current.start())) result.emplace_back(current.start(), pieces[i].start());
+        if (!(current.end() < pieces[i].end())) {
+          if (i + 1 == pieces.size())
+            result.emplace_back(pieces[i].end(), current.end());
+          else
+            current = DateInterval(pieces[i].end(), current.end());
+        }
+      }
+      if (whole) result.push_back(x);
+    }
+    std::erase_if(result, [](const DateInterval& each) { return !(each.duration() > 0.0); });
+    std::sort(result.begin(), result.end());
+    return result;
+  };
+  std::mt19937 random(31);
+  const auto list = [&](std::size_t most, bool ordered) {
+    std::vector<DateInterval> intervals;
+    double at = 0;
+    for (std::size_t n = random() % most; n > 0; --n) {
+      at = ordered ? at + static_cast<double>(random() % 4) : static_cast<double>(random() % 60);
+      intervals.emplace_back(Date() + at, Date() + at + static_cast<double>(random() % 8));
+    }
+    return intervals;
+  };
+  for (int i = 0; i < 2000; ++i) {
+    const auto subtracted = list(6, i % 3 == 0), subtraction = list(12, i % 2 == 0);
+    EXPECT_EQ(DateInterval::calculate(subtracted, subtraction), everyPair(subtracted, subtraction)) << i;
+  }
 }
 
 }  // namespace

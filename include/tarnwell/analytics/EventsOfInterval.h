@@ -11,6 +11,8 @@
 
 #pragma once
 
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
@@ -98,8 +100,9 @@ class EventsOfInterval {
   // in which monitoring was not alive.
   std::vector<DateInterval> noDatas() const;
   // Between the first and the last pickup: no use, no excluded focus, no
-  // stretch without data.
-  const std::vector<DateInterval>& breaks() const { return breaks_; }
+  // stretch without data. Worked out at the first call, safely from any
+  // thread, and kept until the next change.
+  const std::vector<DateInterval>& breaks() const;
 
   // Seconds of the pickups, each rounded to a whole second first; nothing without pickups.
   std::optional<double> screenTime() const;
@@ -112,15 +115,23 @@ class EventsOfInterval {
 
  private:
   EventsOfInterval(DateInterval interval, std::vector<std::string> deviceIds, bool excludeFocusTime);
-  // Every metric starts from the pickups and the breaks: they are worked out
-  // once for each state of the lists rather than for each question.
+  // Every metric starts from the pickups, and many from the breaks: they are
+  // worked out once for each state of the lists rather than for each
+  // question, the breaks only when asked for, as a live day is changed far
+  // more often than its breaks are read.
   void derive();
+  struct Breaks {
+    std::once_flag worked;
+    std::vector<DateInterval> breaks;
+  };
 
   DateInterval interval_;
   std::vector<std::string> deviceIds_;
   bool excludeFocusTime_;
   std::vector<EventData> alive_, pickup_, walk_, focus_;
-  std::vector<DateInterval> pickups_, breaks_;
+  std::vector<DateInterval> pickups_;
+  // Shared by copies until one of them changes.
+  std::shared_ptr<Breaks> breaks_;
 };
 
 }  // namespace tarnwell
