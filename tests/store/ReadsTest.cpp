@@ -90,55 +90,70 @@ TEST_F(ReadsTest, APickupWithoutAnIdBoundsNoNight) {
   EXPECT_FALSE(store::lastPickup(DateInterval(t0, t0 + 100), me()));
 }
 
-// The night's two edges come from one statement; they must be what the two
-// reads find apart, ties, ignored, deleted, foreign and id-less rows included.
-TEST_F(ReadsTest, TheNightsEdgesAreWhatTheTwoReadsFind) {
-  std::mt19937 random(29);
-  const auto at = [&](int most) { return t0 + static_cast<double>(random() % most) * 10.0; };
+// A store of pickups at random times over half an hour: equal starts and
+// ends, empty and reversed rows, and rows deleted or of another device. For
+// the night also rows ignored for sleep, without an id or without an end.
+void addRandomPickups(std::mt19937& random, bool forTheNight) {
   Store::open().write([&](store::WriteTransaction& t) {
-    for (int i = 0; i < 120; ++i) {
-      const Date start = at(200);
-      Pickup pickup(start, start + static_cast<double>(random() % 4) * 10.0);
-      pickup.isIgnoredForSleepTime = random() % 5 == 0;
+    for (int i = 0; i < 150; ++i) {
+      const Date start = t0 + static_cast<double>(random() % 200) * 10.0;
+      Pickup pickup(start, start + (static_cast<double>(random() % 40) - 5.0) * 10.0);
       pickup.isDeleted = random() % 7 == 0;
       if (random() % 6 == 0) pickup.deviceId = "TABLET";
-      if (random() % 30 == 0) pickup.id.reset();
+      if (forTheNight) {
+        pickup.isIgnoredForSleepTime = random() % 5 == 0;
+        if (random() % 30 == 0) pickup.id.reset();
+        if (random() % 30 == 0) pickup.end.reset();
+      }
       t.add(pickup, store::UpdatePolicy::error);
     }
   });
-  for (int i = 0; i < 200; ++i) {
-    const Date a = at(210), b = at(210), c = at(210), d = at(210);
-    const DateInterval lastBetween(std::min(a, b), std::max(a, b)), firstBetween(std::min(c, d), std::max(c, d));
-    const auto edges = store::nightEdges(lastBetween, firstBetween, me());
+}
+
+DateInterval randomSpan(std::mt19937& random) {
+  const Date a = t0 + static_cast<double>(random() % 210) * 10.0, b = t0 + static_cast<double>(random() % 210) * 10.0;
+  return DateInterval(std::min(a, b), std::max(a, b));
+}
+
+// The night's edges and the last pickup come from reads of one index range
+// each; they must be what one read of the rows touching the span finds.
+TEST_F(ReadsTest, TheNightsEdgesAreWhatOneReadOfEachSpanFinds) {
+  std::mt19937 random(29);
+  addRandomPickups(random, true);
+  auto& lastRead = Store::open().connection().cached(
+      "SELECT id, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ?1 AND isIgnoredForSleepTime = 0 AND "
+      "(start BETWEEN ?2 AND ?3 OR \"end\" BETWEEN ?2 AND ?3) ORDER BY \"end\" DESC, rowid DESC LIMIT 1");
+  for (int i = 0; i < 300; ++i) {
+    const DateInterval lastBetween = randomSpan(random), firstBetween = randomSpan(random);
+    lastRead.bind(1, Settings::deviceId()).bind(2, lastBetween.start().timeIntervalSinceReferenceDate());
+    lastRead.bind(3, lastBetween.end().timeIntervalSinceReferenceDate());
+    std::optional<std::string> lastId;
+    std::optional<Date> lastEnd;
+    for (sqlite::Cursor rows(lastRead); rows.next();) {
+      if (rows->isNull(0)) continue;
+      lastId = rows->text(0);
+      if (!rows->isNull(1)) lastEnd = Date::fromTimeIntervalSinceReferenceDate(rows->real(1));
+    }
     const auto last = store::lastPickup(lastBetween, me());
+    EXPECT_EQ(last ? last->id : std::nullopt, lastId) << i;
+    const auto edges = store::nightEdges(lastBetween, firstBetween, me());
+    EXPECT_EQ(edges.lastEnd, lastEnd) << i;
     const auto first = store::firstPickup(firstBetween, me());
-    EXPECT_EQ(edges.lastEnd, last ? last->end : std::nullopt) << i;
     EXPECT_EQ(edges.firstStart, first ? first->start : std::nullopt) << i;
   }
 }
 
 // A span's events come from two reads by index; they must be the rows one
-// read of either end finds, sorted by start and then by row: ties, rows
-// crossing either end, reversed, empty, deleted and foreign rows included.
+// read of either end finds, sorted by start and then by row.
 TEST_F(ReadsTest, ASpansEventsAreWhatOneReadOfEitherEndFinds) {
   std::mt19937 random(30);
-  const auto at = [&](int most) { return t0 + static_cast<double>(random() % most) * 10.0; };
-  Store::open().write([&](store::WriteTransaction& t) {
-    for (int i = 0; i < 150; ++i) {
-      const Date start = at(200);
-      Pickup pickup(start, start + (static_cast<double>(random() % 40) - 5.0) * 10.0);
-      pickup.isDeleted = random() % 7 == 0;
-      if (random() % 6 == 0) pickup.deviceId = "TABLET";
-      t.add(pickup, store::UpdatePolicy::error);
-    }
-  });
+  addRandomPickups(random, false);
   auto& oneRead = Store::open().connection().cached(
       "SELECT id, start, \"end\" FROM Pickup WHERE isDeleted = 0 AND deviceId = ?1 AND "
       "(start BETWEEN ?2 AND ?3 OR \"end\" BETWEEN ?2 AND ?3) ORDER BY start, rowid");
   using Row = std::pair<std::string, DateInterval>;
   for (int i = 0; i < 200; ++i) {
-    const Date a = at(210), b = at(210);
-    const DateInterval span(std::min(a, b), std::max(a, b));
+    const DateInterval span = randomSpan(random);
     std::vector<Row> expected, found;
     oneRead.bind(1, Settings::deviceId()).bind(2, span.start().timeIntervalSinceReferenceDate());
     oneRead.bind(3, span.end().timeIntervalSinceReferenceDate());
