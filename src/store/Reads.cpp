@@ -17,34 +17,10 @@ Query firstPickupQuery(DateInterval between, const std::vector<std::string>& dev
   return startingInside(query, between).sorted("start ASC").limited(1);
 }
 
-// lastPickup() in two reads, each of one range of an index, where one read of
-// the rows touching the span would merge two ranges and sort them: the rows
-// starting inside that end outside it, and those ending inside. Each read
-// gives its last row by end, ties in store order.
-struct LastPickupReads {
-  Query startingInsideEndingOutside, endingInside;
-};
-
-LastPickupReads lastPickupReads(DateInterval between, const std::vector<std::string>& deviceIds) {
-  LastPickupReads reads{liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0"), {}};
-  reads.endingInside = reads.startingInsideEndingOutside;
-  startingInside(reads.startingInsideEndingOutside, between)
-      .filter("(\"end\" IS NULL OR +\"end\" NOT BETWEEN ? AND ?)", {between.start(), between.end()});
-  reads.endingInside.filter("\"end\" BETWEEN ? AND ?", {between.start(), between.end()});
-  for (Query* query : {&reads.startingInsideEndingOutside, &reads.endingInside}) {
-    query->sorted("\"end\" DESC, rowid DESC").limited(1);
-  }
-  return reads;
-}
-
-// Of the two reads' rows, the one that ends last: one ending after the span
-// beats any ending inside it, which beats one ending before it or never.
-template <class Row, class End>
-std::optional<Row> lastOf(std::optional<Row> outside, std::optional<Row> inside, DateInterval between, End end) {
-  if (outside) {
-    if (const std::optional<Date> ends = end(*outside); ends && between.end() < *ends) return outside;
-  }
-  return inside ? inside : outside;
+Query lastPickupQuery(DateInterval between, const std::vector<std::string>& deviceIds) {
+  Query query = liveEvents(deviceIds).filter("isIgnoredForSleepTime = 0");
+  // The last of the rows sorted by end ascending, ties in store order.
+  return touching(query, between).sorted("\"end\" DESC, rowid DESC").limited(1);
 }
 
 }  // namespace
@@ -93,42 +69,23 @@ std::optional<Pickup> firstPickup(DateInterval between, const std::vector<std::s
 }
 
 std::optional<Pickup> lastPickup(DateInterval between, const std::vector<std::string>& deviceIds) {
-  const auto reads = lastPickupReads(between, deviceIds);
-  Store store = Store::open();
-  auto last = lastOf(store.first<Pickup>(reads.startingInsideEndingOutside), store.first<Pickup>(reads.endingInside),
-                     between, [](const Pickup& pickup) { return pickup.end; });
-  if (!last || !last->id) return std::nullopt;
-  return last;
+  return firstWithId(lastPickupQuery(between, deviceIds));
 }
 
 NightEdges nightEdges(DateInterval lastBetween, DateInterval firstBetween, const std::vector<std::string>& deviceIds) {
-  const auto last = lastPickupReads(lastBetween, deviceIds);
-  const Query first = firstPickupQuery(firstBetween, deviceIds);
-  // Each read's one row, tagged 0, 1 or 2.
-  const std::string sql =
-      "SELECT 0, id, \"end\" FROM (" + Store::selectSQL("Pickup", "id, \"end\"", last.startingInsideEndingOutside) +
-      ") UNION ALL SELECT 1, id, \"end\" FROM (" + Store::selectSQL("Pickup", "id, \"end\"", last.endingInside) +
-      ") UNION ALL SELECT 2, id, start FROM (" + Store::selectSQL("Pickup", "id, start", first) + ")";
-  std::vector<QueryValue> arguments = last.startingInsideEndingOutside.arguments;
-  for (const Query* query : {&last.endingInside, &first}) {
-    arguments.insert(arguments.end(), query->arguments.begin(), query->arguments.end());
-  }
-  // A row found without an id counts as none.
-  struct Found {
-    bool hasId;
-    std::optional<Date> date;
-  };
-  std::optional<Found> found[3];
+  const Query last = lastPickupQuery(lastBetween, deviceIds), first = firstPickupQuery(firstBetween, deviceIds);
+  // Each side is the one row its own read finds, tagged 0 or 1.
+  const std::string sql = "SELECT 0, id, \"end\" FROM (" + Store::selectSQL("Pickup", "id, \"end\"", last) +
+                          ") UNION ALL SELECT 1, id, start FROM (" + Store::selectSQL("Pickup", "id, start", first) +
+                          ")";
+  std::vector<QueryValue> arguments = last.arguments;
+  arguments.insert(arguments.end(), first.arguments.begin(), first.arguments.end());
+  NightEdges edges;
   Store store = Store::open();
   for (auto rows = store.select(sql, arguments); rows.next();) {
-    Found row{!rows->isNull(1), std::nullopt};
-    readValue(*rows, 2, row.date);
-    found[static_cast<std::size_t>(rows->int64(0))] = row;
+    if (rows->isNull(1)) continue;
+    readValue(*rows, 2, rows->int64(0) == 0 ? edges.lastEnd : edges.firstStart);
   }
-  NightEdges edges;
-  const auto lastRow = lastOf(found[0], found[1], lastBetween, [](const Found& row) { return row.date; });
-  if (lastRow && lastRow->hasId) edges.lastEnd = lastRow->date;
-  if (found[2] && found[2]->hasId) edges.firstStart = found[2]->date;
   return edges;
 }
 
