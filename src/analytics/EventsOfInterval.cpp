@@ -92,13 +92,7 @@ EventsOfInterval::EventsOfInterval(DateInterval interval, std::vector<std::strin
     : interval_(interval), deviceIds_(std::move(deviceIds)), excludeFocusTime_(excludeFocusTime) {}
 
 EventsOfInterval::EventsOfInterval(DateInterval interval, const std::optional<std::vector<std::string>>& deviceIds)
-    : EventsOfInterval(interval, deviceIds ? *deviceIds : store::defaultDeviceIds(), Settings::excludeFocusTime()) {
-  alive_ = readKind(interval_, [&](auto each) { store::forEachEvent<Alive>(interval_, deviceIds_, each); });
-  pickup_ = readKind(interval_, [&](auto each) { store::forEachEvent<Pickup>(interval_, deviceIds_, each); });
-  walk_ = readKind(interval_, [&](auto each) { store::forEachEvent<Walk>(interval_, deviceIds_, each); });
-  focus_ = readKind(interval_, [&](auto each) { store::forEachFocus(interval_, deviceIds_, each); });
-  derive();
-}
+    : EventsOfInterval(std::move(ofSpans({interval}, deviceIds ? *deviceIds : store::defaultDeviceIds()).front())) {}
 
 std::vector<EventsOfInterval> EventsOfInterval::ofSpans(const std::vector<DateInterval>& spans,
                                                         const std::vector<std::string>& deviceIds) {
