@@ -54,12 +54,9 @@ std::vector<DateInterval> outsideNight(std::vector<DateInterval> breaks, Date la
 std::vector<std::string> EventsOfDay::defaultDeviceIds() { return store::defaultDeviceIds(); }
 
 EventsOfDay::EventsOfDay(Date date, const std::optional<std::vector<std::string>>& deviceIds)
-    : EventsOfDay(date.startOfDay(), EventsOfInterval(daySpan(date), deviceIds), std::nullopt) {
-  settle(Settings::defaultSleepDataSource());
-}
+    : EventsOfDay(std::move(ofDays(std::span(&date, 1), deviceIds ? *deviceIds : defaultDeviceIds()).front())) {}
 
-std::vector<EventsOfDay> EventsOfDay::ofDays(const std::vector<Date>& dates,
-                                             const std::vector<std::string>& deviceIds) {
+std::vector<EventsOfDay> EventsOfDay::ofDays(std::span<const Date> dates, const std::vector<std::string>& deviceIds) {
   std::vector<DateInterval> spans;
   spans.reserve(dates.size());
   for (const Date date : dates) spans.push_back(daySpan(date));
@@ -78,33 +75,92 @@ void EventsOfDay::settle(const SleepDataSource& source) {
   if (!source.isBuiltIn()) {
     sleepsWithSource_ = HealthManager::shared().getSleepData(source, eventsOfInterval_.interval().start());
   }
+  readNight();
   resolveNight();
 }
 
 EventsOfDay::EventsOfDay(Date startOfDay, EventsOfInterval events, std::optional<SleepDataWithDataSource> sleeps)
     : startOfDay_(startOfDay), eventsOfInterval_(std::move(events)), sleepsWithSource_(std::move(sleeps)) {}
 
+// The night's edges as the store gave them, the windows they were read in,
+// and the file as the read saw it.
+struct EventsOfDay::NightRead {
+  DateInterval lastWindow;
+  DateInterval firstWindow;
+  store::NightEdges edges;
+  store::Snapshot at;
+  // False when the store failed: no edges, and nothing known of the file.
+  bool read = false;
+
+  // Whether the edges are those of the file at `snapshot`.
+  bool isOf(const store::Snapshot& snapshot) const { return read && at.connection != 0 && at == snapshot; }
+
+  // Whether the edges read stand after `changes`. The last edge is the
+  // latest end of the pickups touching its window, the first the earliest
+  // start in its own; a pickup's edit moves one only when the pickup was
+  // that edge, or now lies in the window and beyond it. Other events are
+  // not read for the night. An edit whose interval is not known may be anything.
+  bool standsAfter(const std::vector<EventsOfInterval::EventsChangeType>& changes) const {
+    using Kind = EventsOfInterval::EventsChangeType::Kind;
+    const auto within = [](Date date, const DateInterval& window) {
+      return window.start() <= date && date <= window.end();
+    };
+    return std::all_of(changes.begin(), changes.end(), [&](const auto& change) {
+      if (change.kind() == Kind::modifiedLatestPickup) return false;
+      if (change.kind() != Kind::pickup) return true;
+      const auto& written = change.written();
+      if (!written || change.id() == edges.lastId || change.id() == edges.firstId) return false;
+      const bool movesLast = (within(written->start(), lastWindow) || within(written->end(), lastWindow)) &&
+                             (!edges.lastEnd || written->end() > *edges.lastEnd);
+      const bool movesFirst =
+          within(written->start(), firstWindow) && (!edges.firstStart || written->start() < *edges.firstStart);
+      return !movesLast && !movesFirst;
+    });
+  }
+};
+
 EventsOfDay EventsOfDay::appliedChange(const EventsOfInterval::EventsChangeType& change) const {
   return appliedChange(std::vector<EventsOfInterval::EventsChangeType>{change});
 }
 
-EventsOfDay EventsOfDay::appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes) const {
+EventsOfDay EventsOfDay::appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes,
+                                       const std::optional<store::Commit>& commit) const {
   EventsOfDay changed = *this;
   changed.eventsOfInterval_.apply(changes);
   // A settled night is not reopened by a live update.
-  if (!changed.firstPickupDate_ || !changed.lastPickupDate_) changed.resolveNight();
+  if (changed.firstPickupDate_ && changed.lastPickupDate_) return changed;
+  if (commit && night_ && night_->isOf(commit->before) && night_->standsAfter(changes)) {
+    auto night = std::make_shared<NightRead>(*night_);
+    night->at = commit->after;
+    changed.night_ = std::move(night);
+  } else {
+    // Read after the commit, so the file holds at least what it left.
+    changed.readNight(commit ? commit->after : store::Snapshot{});
+  }
+  changed.resolveNight();
   return changed;
+}
+
+void EventsOfDay::readNight(store::Snapshot at) {
+  const Date fourAM = startOfDay_.getTime(4, 0, 0);
+  auto night = std::make_shared<NightRead>(NightRead{
+      .lastWindow = DateInterval::getDateIntervalForFindingLastPickup(startOfDay_, fourAM),
+      .firstWindow = DateInterval::getDateIntervalForFindingFirstPickup(startOfDay_, fourAM),
+      .edges = {},
+      .at = at,
+      .read = false,
+  });
+  night->edges = store::orNoData([&] {
+    auto edges = store::nightEdges(night->lastWindow, night->firstWindow, eventsOfInterval_.deviceIds());
+    night->read = true;
+    return edges;
+  });
+  night_ = std::move(night);
 }
 
 void EventsOfDay::resolveNight() {
   const Date day = startOfDay_;
-  const Date fourAM = day.getTime(4, 0, 0);
-  const auto& devices = eventsOfInterval_.deviceIds();
-
-  auto [last, first] = store::orNoData([&] {
-    return store::nightEdges(DateInterval::getDateIntervalForFindingLastPickup(day, fourAM),
-                             DateInterval::getDateIntervalForFindingFirstPickup(day, fourAM), devices);
-  });
+  std::optional<Date> last = night_->edges.lastEnd, first = night_->edges.firstStart;
   // A pickup that only just ended says nothing of the night.
   if (last && Date::now() - *last < kStillAwake) last.reset();
   // One pickup across the boundary is no night.

@@ -233,12 +233,6 @@ void keep(sqlite::Connection& connection, const Shape& shape, const std::vector<
   }
 }
 
-std::int64_t dataVersion(sqlite::Connection& connection) {
-  auto& statement = connection.cached("PRAGMA data_version");
-  sqlite::Cursor rows(statement);
-  return rows.next() ? rows->int64(0) : -1;
-}
-
 }  // namespace
 
 RememberedDay::Metrics RememberedDay::metricsOf(const EventsOfDay& day) {
@@ -307,10 +301,10 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   std::vector<Date> pending;
   const auto compute = [&] {
     constexpr std::size_t kMonth = 31;
-    for (std::size_t from = 0; from < pending.size(); from += kMonth) {
-      const auto end = pending.begin() + static_cast<std::ptrdiff_t>(std::min(pending.size(), from + kMonth));
-      const std::vector<Date> run(pending.begin() + static_cast<std::ptrdiff_t>(from), end);
-      for (auto& events : EventsOfDay::ofDays(run, *shape.deviceIds)) {
+    const std::span<const Date> all(pending);
+    for (std::size_t from = 0; from < all.size(); from += kMonth) {
+      for (auto& events :
+           EventsOfDay::ofDays(all.subspan(from, std::min(kMonth, all.size() - from)), *shape.deviceIds)) {
         auto computed = std::make_shared<const EventsOfDay>(std::move(events));
         const auto& day =
             block->emplace_back(RememberedDay::metricsOf(*computed), shape.deviceIds, count == 1 ? computed : nullptr);
@@ -358,7 +352,7 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     // The kept days and those computed now come from one read: a write
     // between them could leave a row computed from events older than it.
     sqlite::Transaction read(connection, sqlite::Transaction::Behavior::deferred);
-    version = dataVersion(connection);
+    version = connection.dataVersion();
     auto kept = readKept(connection, shape, starts.front(), starts.back(), !inferredSleep);
     // Both in the order of days.
     auto next = kept.begin();
@@ -387,7 +381,7 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   try {
     sqlite::Transaction write(connection, sqlite::Transaction::Behavior::immediate);
     // Another connection wrote since the read: the days computed may miss it.
-    if (dataVersion(connection) != version) return result();
+    if (connection.dataVersion() != version) return result();
     keep(connection, shape, fresh);
     write.commit();
   } catch (const sqlite::Error&) {

@@ -189,8 +189,9 @@ DatabaseState::~DatabaseState() {
 
 DatabaseState& state() { return Environment::current().component<DatabaseState>(); }
 
-void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes) {
-  EventsOfDay changed = Database::eventsOfToday().appliedChange(changes);
+void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes,
+                         const std::optional<store::Commit>& commit) {
+  EventsOfDay changed = Database::eventsOfToday().appliedChange(changes, commit);
   Database::queue().safeSync([&changed] { setEventsOfToday(std::move(changed)); });
 }
 

@@ -31,16 +31,23 @@ std::optional<Record> latest(const std::vector<std::string>& deviceIds) {
   return Store::open().first<Record>(store::liveEvents(deviceIds).sorted("\"end\" DESC"));
 }
 
-// Adds a new record of this device and logs "✍️ Add <Class>: id start end";
-// the record as written.
+// Adds a new record of this device, logs "✍️ Add <Class>: id start end" and
+// carries it into today as `change` makes it; its id.
 template <class Record>
-Record addEvent(Date start, Date end, std::string_view function) {
+std::string addEvent(Date start, Date end, std::string_view function,
+                     EventsOfInterval::EventsChangeType (*change)(std::string, std::optional<DateInterval>)) {
   Record record(start, end);
-  Store::open().write([&record](WriteTransaction& t) { t.add(record, UpdatePolicy::all); });
+  std::optional<store::Commit> commit;
+  Store::open().write([&record, &commit](WriteTransaction& t) {
+    const store::Snapshot before = t.snapshot();
+    t.add(record, UpdatePolicy::all);
+    commit = store::Commit{before, t.snapshot()};
+  });
   log.info("✍️ Add " + std::string(Record::className) + ": " + *record.id + " " + start.description() + " " +
                end.description(),
            {.function = function});
-  return record;
+  updateEventsOfToday({change(*record.id, record.interval())}, commit);
+  return *record.id;
 }
 
 EventsOfInterval::EventsChangeType pickupChange(const std::string& id) {
@@ -88,17 +95,15 @@ double Database::getScreenTime(const std::string& deviceId) {
 }
 
 std::string Database::addPickup(Date start, Date end) {
-  const Pickup added = addEvent<Pickup>(start, end, "addPickup(start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::pickup(*added.id, added.interval())});
-  return *added.id;
+  return addEvent<Pickup>(start, end, "addPickup(start:end:)", &EventsOfInterval::EventsChangeType::pickup);
 }
 
 std::string Database::editPickup(const std::string& id, Date end) {
-  std::optional<DateInterval> written;
+  Written written;
   editLiveObject<Pickup>(id, {{"end", end}}, "✍️ Edit Pickup: " + id + " " + end.description(),
                          "editPickup(id:end:)", &written);
   // Also when nothing was written: the day is replaced all the same.
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::pickup(id, written)});
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::pickup(id, written.interval)}, written.commit);
   return id;
 }
 
@@ -136,9 +141,7 @@ std::optional<Walk> Database::getLatestWalk(const std::vector<std::string>& devi
 }
 
 std::string Database::addWalk(Date start, Date end) {
-  const Walk added = addEvent<Walk>(start, end, "addWalk(start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(*added.id, added.interval())});
-  return *added.id;
+  return addEvent<Walk>(start, end, "addWalk(start:end:)", &EventsOfInterval::EventsChangeType::walk);
 }
 
 std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& intervals) {
@@ -159,11 +162,11 @@ std::vector<std::string> Database::addWalks(const std::vector<DateInterval>& int
 }
 
 std::string Database::editWalk(const std::string& id, Date start, Date end) {
-  std::optional<DateInterval> written;
+  Written written;
   editLiveObject<Walk>(id, {{"start", start}, {"end", end}},
                        "✍️ Edit Walk: " + id + " " + start.description() + " " + end.description(),
                        "editWalk(id:start:end:)", &written);
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id, written)});
+  updateEventsOfToday({EventsOfInterval::EventsChangeType::walk(id, written.interval)}, written.commit);
   return id;
 }
 
@@ -178,9 +181,7 @@ std::optional<Alive> Database::getLatestAlive(const std::vector<std::string>& de
 }
 
 std::string Database::addAlive(Date start, Date end) {
-  const Alive added = addEvent<Alive>(start, end, "addAlive(start:end:)");
-  updateEventsOfToday({EventsOfInterval::EventsChangeType::alive(*added.id, added.interval())});
-  return *added.id;
+  return addEvent<Alive>(start, end, "addAlive(start:end:)", &EventsOfInterval::EventsChangeType::alive);
 }
 
 // Unlike a walk's, an alive span's edit leaves today's older alive list as it is.

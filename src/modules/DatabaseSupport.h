@@ -61,31 +61,45 @@ DatabaseState& state();
 
 // Carries changes of the store into today without a rebuild. Read, apply,
 // install: no lock spans the three, so of two writers the later wins.
-void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes);
+// `commit` is the write that made exactly these changes, when there was one.
+void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes,
+                         const std::optional<store::Commit>& commit = std::nullopt);
 // Installs a new today and announces it; only through `queue`.
 void setEventsOfToday(EventsOfDay today);
 
+// What an edit wrote: the record's interval as written, if it has one, and
+// the write itself.
+struct Written {
+  std::optional<DateInterval> interval;
+  std::optional<store::Commit> commit;
+};
+
 // The edit frame: a record that cannot be read (the store does not open, the
 // id is unknown or soft-deleted) is skipped quietly; otherwise `assignments`
-// are written and `line` logged. Returns whether it wrote; `interval`, when
-// given, then receives the record's interval as written, if it has one.
+// are written and `line` logged. Returns whether it wrote; `written`, when
+// given, receives what it wrote.
 template <class Record>
 bool editLiveObject(std::string_view id, const std::vector<std::pair<std::string_view, store::QueryValue>>& assignments,
-                    const std::string& line, std::string_view function,
-                    std::optional<DateInterval>* interval = nullptr) {
+                    const std::string& line, std::string_view function, Written* written = nullptr) {
   auto store = store::orNoData([] { return std::optional<store::Store>(store::Store::open()); });
   if (!store) return false;
   // Reading the record and writing it, fused: the row changes only when it
   // exists and is not soft-deleted, which is the edit's own condition.
   bool edited = false;
   store->write([&](store::WriteTransaction& t) {
+    if (!written) {
+      edited = t.template updateObject<Record>(id, assignments, "isDeleted = 0");
+      return;
+    }
+    const store::Snapshot before = t.snapshot();
     edited = t.template updateObject<Record>(id, assignments, "isDeleted = 0");
     // Read in the same transaction: the row as this edit left it.
     if constexpr (requires(const Record& record) { record.interval(); }) {
-      if (edited && interval) {
-        if (const auto record = store->template object<Record>(id)) *interval = record->interval();
+      if (edited) {
+        if (const auto record = store->template object<Record>(id)) written->interval = record->interval();
       }
     }
+    written->commit = store::Commit{before, t.snapshot()};
   });
   if (edited) log.info(line, {.function = function});
   return edited;

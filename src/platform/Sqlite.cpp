@@ -116,6 +116,8 @@ std::span<const std::uint8_t> Statement::blobView(int column) const {
 std::string Statement::columnName(int column) const { return sqlite3_column_name(statement_, column); }
 
 Connection::Connection(const std::filesystem::path& file, OpenMode mode) : file_(file) {
+  static std::atomic<std::uint64_t> opened{0};
+  serial_ = ++opened;
   int flags = SQLITE_OPEN_NOMUTEX;
   switch (mode) {
     case OpenMode::readWriteCreate:
@@ -143,6 +145,7 @@ Connection::Connection(const std::filesystem::path& file, OpenMode mode) : file_
 Connection::Connection(Connection&& other) noexcept
     : file_(std::move(other.file_)),
       database_(other.database_),
+      serial_(other.serial_),
       cache_(std::move(other.cache_)),
       rowHook_(std::move(other.rowHook_)) {
   other.database_ = nullptr;
@@ -154,6 +157,7 @@ Connection& Connection::operator=(Connection&& other) noexcept {
     sqlite3_close_v2(database_);
     file_ = std::move(other.file_);
     database_ = other.database_;
+    serial_ = other.serial_;
     cache_ = std::move(other.cache_);
     rowHook_ = std::move(other.rowHook_);
     other.database_ = nullptr;
@@ -201,6 +205,12 @@ Statement& Connection::cached(std::string_view sql) {
 
 std::int64_t Connection::lastInsertRowId() const { return sqlite3_last_insert_rowid(database_); }
 int Connection::changes() const { return sqlite3_changes(database_); }
+std::int64_t Connection::totalChanges() const { return sqlite3_total_changes64(database_); }
+
+std::int64_t Connection::dataVersion() {
+  Cursor rows(cached("PRAGMA data_version"));
+  return rows.next() ? rows->int64(0) : -1;
+}
 
 int Connection::userVersion() {
   Statement statement = prepare("PRAGMA user_version");

@@ -6,9 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <fstream>
+#include <mutex>
 
 #include "tarnwell/platform/Environment.h"
 #include "tarnwell/platform/FatalError.h"
@@ -57,10 +57,38 @@ void logAppDetails() {
 }  // namespace
 
 struct AutoRotatingFileDestination::Writer {
+  // Lines wait this long on the queue, so that a burst of them, or a run of
+  // writes each logging one, costs the queue's thread one wake, one write
+  // and one flush. A flush, or this many lines, writes them at once.
+  static constexpr double kLatency = 0.5;
+  static constexpr std::size_t kBatch = 512;
+
+  struct Line {
+    LogRecord record;
+    std::string zone;
+  };
+
+  // Writes the lines waiting, in the order they came, and flushes the file.
+  void drain() {
+    std::lock_guard writing(fileMutex);
+    std::vector<Line> batch;
+    {
+      std::lock_guard guard(linesMutex);
+      batch.swap(lines);
+      scheduled = false;
+    }
+    if (batch.empty() || !logger) return;
+    for (const auto& line : batch) logger->log(spdlog::level::info, formatLogRecord(line.record, line.zone));
+    logger->flush();
+  }
+
   std::shared_ptr<spdlog::logger> logger;
-  // Lines handed to the queue and not yet written; the file is flushed when
-  // it drops to zero, so a burst costs one flush and a quiet log is on disk.
-  std::atomic<int> pending{0};
+  // Held while the file is written: one writer at a time, and batches in order.
+  std::mutex fileMutex;
+  std::mutex linesMutex;
+  std::vector<Line> lines;
+  // A drain is on the queue for the lines waiting.
+  bool scheduled = false;
 };
 
 AutoRotatingFileDestination::AutoRotatingFileDestination(Options options)
@@ -90,22 +118,33 @@ AutoRotatingFileDestination::AutoRotatingFileDestination(Options options)
   }
 }
 
-AutoRotatingFileDestination::~AutoRotatingFileDestination() = default;
+// Lines still waiting reach the file: the queue drops a drain that was not due.
+AutoRotatingFileDestination::~AutoRotatingFileDestination() { writer_->drain(); }
 
 void AutoRotatingFileDestination::write(const LogRecord& record) {
   if (!writer_->logger) return;
-  ++writer_->pending;
-  // The caller pays for the copy only; the text is made on the log's queue.
-  queue_->async([writer = writer_, record, zone = Region::current().timeZoneId()] {
-    writer->logger->log(spdlog::level::info, formatLogRecord(record, zone));
-    if (--writer->pending == 0) writer->logger->flush();
-  });
+  // The caller pays for the copy only; the text is made when the line is written.
+  enum { none, later, now } drain = none;
+  {
+    std::lock_guard guard(writer_->linesMutex);
+    writer_->lines.push_back({record, Region::current().timeZoneId()});
+    if (writer_->lines.size() >= Writer::kBatch) {
+      drain = now;
+    } else if (!writer_->scheduled) {
+      drain = later;
+    }
+    writer_->scheduled = writer_->scheduled || drain != none;
+  }
+  if (drain == none) return;
+  auto run = [writer = writer_] { writer->drain(); };
+  if (drain == now) {
+    queue_->async(std::move(run));
+  } else {
+    queue_->asyncAfter(Writer::kLatency, std::move(run));
+  }
 }
 
-void AutoRotatingFileDestination::flush() {
-  if (!writer_->logger) return;
-  queue_->sync([writer = writer_] { writer->logger->flush(); });
-}
+void AutoRotatingFileDestination::flush() { writer_->drain(); }
 
 std::vector<std::filesystem::path> AutoRotatingFileDestination::archivedFileURLs() const {
   std::vector<std::filesystem::path> archives;

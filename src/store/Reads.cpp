@@ -84,7 +84,9 @@ NightEdges nightEdges(DateInterval lastBetween, DateInterval firstBetween, const
   Store store = Store::open();
   for (auto rows = store.select(sql, arguments); rows.next();) {
     if (rows->isNull(1)) continue;
-    readValue(*rows, 2, rows->int64(0) == 0 ? edges.lastEnd : edges.firstStart);
+    const bool isLast = rows->int64(0) == 0;
+    readValue(*rows, 1, isLast ? edges.lastId : edges.firstId);
+    readValue(*rows, 2, isLast ? edges.lastEnd : edges.firstStart);
   }
   return edges;
 }

@@ -416,6 +416,12 @@ WriteTransaction::WriteTransaction(Store& store, Origin origin, bool nested)
   store_.connection().cached(nested_ ? "SAVEPOINT write" : "BEGIN IMMEDIATE").execute();
 }
 
+Snapshot WriteTransaction::snapshot() {
+  auto& connection = store_.connection();
+  if (!dataVersion_) dataVersion_ = connection.dataVersion();
+  return {connection.serial(), *dataVersion_, connection.totalChanges()};
+}
+
 void WriteTransaction::commit() { store_.connection().cached(nested_ ? "RELEASE write" : "COMMIT").execute(); }
 
 void WriteTransaction::deliver(const std::vector<const ObserverToken*>& withoutNotifying) {

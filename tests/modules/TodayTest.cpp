@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+#include <thread>
+
 #include "support/DayFixture.h"
 #include "tarnwell/platform/NotificationCenter.h"
 
@@ -96,6 +99,65 @@ TEST_F(TodayTest, DeletingAnAppAnnouncesTodayUnchanged) {
   Database::deleteApp(safari);  // already gone: no change
   settle(1);
   EXPECT_EQ(changed(), 2);
+}
+
+// Today's night is read again only when a write may have moved it, yet
+// after every write it is the night a new read of the same events gives:
+// writes near the night and far from it, of other events, and behind the
+// library's back, on this thread's connection and on another's.
+TEST_F(TodayTest, TheLiveNightIsWhatReadingItAgainGives) {
+  using Change = EventsOfInterval::EventsChangeType;
+  std::mt19937 random(29);
+  const auto uniform = [&random](double low, double high) {
+    return std::uniform_real_distribution<double>(low, high)(random);
+  };
+  const auto addBehind = [](Date start, Date end) {
+    store::Store::open().write([&](auto& t) { t.add(Pickup(start, end)); });
+  };
+  Date noon = at("12:00");
+  std::vector<std::string> ids;
+  int compared = 0;
+  for (int step = 0; step < 400; ++step) {
+    const EventsOfDay before = Database::eventsOfToday();
+    if (before.inferredFirstPickupDate() && before.inferredLastPickupDate()) {
+      // Settled for good: a new day, with its night still to come.
+      noon = noon.addingDay(1);
+      env.clock().set(noon);
+      Database::refreshEventsOfToday();
+      settle();
+      continue;
+    }
+    const Date start =
+        uniform(0, 1) < 0.7 ? noon + uniform(-17 * 3600.0, 9 * 3600.0) : noon.addingDay(-200) + uniform(0, 86400.0);
+    const Date end = start + uniform(0, 3 * 3600.0);
+    std::vector<Change> changes;
+    switch (random() % 6) {
+      case 0:
+      case 1:
+        ids.push_back(Database::addPickup(start, end));
+        changes = {Change::pickup(ids.back())};
+        break;
+      case 2:
+        if (ids.empty()) continue;
+        changes = {Change::pickup(Database::editPickup(ids[random() % ids.size()], end))};
+        break;
+      case 3:
+        changes = {Change::walk(Database::addWalk(start, end))};
+        break;
+      case 4:
+        addBehind(start, end);
+        continue;  // seen at the next write
+      default:
+        std::thread([&] { addBehind(start, end); }).join();
+        continue;
+    }
+    const EventsOfDay reread = before.appliedChange(changes);
+    const EventsOfDay live = Database::eventsOfToday();
+    ASSERT_EQ(live.inferredLastPickupDate(), reread.inferredLastPickupDate()) << "step " << step;
+    ASSERT_EQ(live.inferredFirstPickupDate(), reread.inferredFirstPickupDate()) << "step " << step;
+    ++compared;
+  }
+  EXPECT_GT(compared, 200);
 }
 
 TEST_F(TodayTest, TheDayTimerFiresOneSecondAfterTheNextDaysStart) {

@@ -56,6 +56,22 @@ TEST_F(LoggerTest, TimesAreLocalAndQueuesNameTheirThread) {
             std::string::npos);
 }
 
+TEST_F(LoggerTest, LinesReachTheFileInHalfASecondWithoutAFlush) {
+  Logger::start();
+  Logger::flush();
+  log.info("first");
+  log.info("second");
+  const auto written = [] {
+    Logger::logQueue()->sync([] {});  // a drain that is due runs first
+    return contents(Logger::logFileURL());
+  };
+  EXPECT_EQ(written().find("first"), std::string::npos);
+  env.clock().advance(0.5);
+  const std::string text = written();
+  ASSERT_NE(text.find("first"), std::string::npos);
+  EXPECT_LT(text.find("first"), text.find("second"));
+}
+
 TEST_F(LoggerTest, AnExistingLogIsAppendedToAfterAMarker) {
   Logger::start();
   Logger::flush();

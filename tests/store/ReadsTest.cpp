@@ -115,6 +115,13 @@ DateInterval randomSpan(std::mt19937& random) {
   return DateInterval(std::min(a, b), std::max(a, b));
 }
 
+// The rows `statement` reads with this device and the span's ends bound to ?1, ?2 and ?3.
+sqlite::Cursor readMine(sqlite::Statement& statement, DateInterval span) {
+  statement.bind(1, Settings::deviceId()).bind(2, span.start().timeIntervalSinceReferenceDate());
+  statement.bind(3, span.end().timeIntervalSinceReferenceDate());
+  return sqlite::Cursor(statement);
+}
+
 // The night's edges and the last pickup come from reads of one index range
 // each; they must be what one read of the rows touching the span finds.
 TEST_F(ReadsTest, TheNightsEdgesAreWhatOneReadOfEachSpanFinds) {
@@ -125,11 +132,9 @@ TEST_F(ReadsTest, TheNightsEdgesAreWhatOneReadOfEachSpanFinds) {
       "(start BETWEEN ?2 AND ?3 OR \"end\" BETWEEN ?2 AND ?3) ORDER BY \"end\" DESC, rowid DESC LIMIT 1");
   for (int i = 0; i < 300; ++i) {
     const DateInterval lastBetween = randomSpan(random), firstBetween = randomSpan(random);
-    lastRead.bind(1, Settings::deviceId()).bind(2, lastBetween.start().timeIntervalSinceReferenceDate());
-    lastRead.bind(3, lastBetween.end().timeIntervalSinceReferenceDate());
     std::optional<std::string> lastId;
     std::optional<Date> lastEnd;
-    for (sqlite::Cursor rows(lastRead); rows.next();) {
+    for (auto rows = readMine(lastRead, lastBetween); rows.next();) {
       if (rows->isNull(0)) continue;
       lastId = rows->text(0);
       if (!rows->isNull(1)) lastEnd = Date::fromTimeIntervalSinceReferenceDate(rows->real(1));
@@ -138,8 +143,10 @@ TEST_F(ReadsTest, TheNightsEdgesAreWhatOneReadOfEachSpanFinds) {
     EXPECT_EQ(last ? last->id : std::nullopt, lastId) << i;
     const auto edges = store::nightEdges(lastBetween, firstBetween, me());
     EXPECT_EQ(edges.lastEnd, lastEnd) << i;
+    EXPECT_EQ(edges.lastId, lastId) << i;
     const auto first = store::firstPickup(firstBetween, me());
     EXPECT_EQ(edges.firstStart, first ? first->start : std::nullopt) << i;
+    EXPECT_EQ(edges.firstId, first ? first->id : std::nullopt) << i;
   }
 }
 
@@ -155,9 +162,7 @@ TEST_F(ReadsTest, ASpansEventsAreWhatOneReadOfEitherEndFinds) {
   for (int i = 0; i < 200; ++i) {
     const DateInterval span = randomSpan(random);
     std::vector<Row> expected, found;
-    oneRead.bind(1, Settings::deviceId()).bind(2, span.start().timeIntervalSinceReferenceDate());
-    oneRead.bind(3, span.end().timeIntervalSinceReferenceDate());
-    for (sqlite::Cursor rows(oneRead); rows.next();) {
+    for (auto rows = readMine(oneRead, span); rows.next();) {
       const Date start = Date::fromTimeIntervalSinceReferenceDate(rows->real(1));
       const Date end = Date::fromTimeIntervalSinceReferenceDate(rows->real(2));
       if (start < end) expected.emplace_back(rows->text(0), DateInterval(start, end));

@@ -15,7 +15,9 @@
 
 #pragma once
 
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,7 @@
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/records/FocusData.h"
 #include "tarnwell/settings/SleepDataSource.h"
+#include "tarnwell/store/Snapshot.h"
 
 namespace tarnwell {
 
@@ -38,12 +41,17 @@ class EventsOfDay : public ItemLikeEventsOfDay {
   EventsOfDay(Date date, const std::optional<std::vector<std::string>>& deviceIds);
   // The days of `dates`, consecutive and in order, each as the constructor
   // makes it; their events come from one read. Memory grows with the run.
-  static std::vector<EventsOfDay> ofDays(const std::vector<Date>& dates, const std::vector<std::string>& deviceIds);
+  static std::vector<EventsOfDay> ofDays(std::span<const Date> dates, const std::vector<std::string>& deviceIds);
 
   // A new value with the change applied. The night stands when both of its
   // ends are known; otherwise it is resolved again from the changed events.
+  // `commit`, when given, is the write that made exactly these changes: if
+  // the night was last read from the file as that write found it, and no
+  // change is a pickup at the night's edges or in the windows they are
+  // looked for in, the edges are known without reading them again.
   EventsOfDay appliedChange(const EventsOfInterval::EventsChangeType& change) const;
-  EventsOfDay appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes) const;
+  EventsOfDay appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes,
+                            const std::optional<store::Commit>& commit = std::nullopt) const;
 
   // The calendar day's first instant, without the start-of-day shift.
   Date startOfDay() const override { return startOfDay_; }
@@ -103,10 +111,15 @@ class EventsOfDay : public ItemLikeEventsOfDay {
  private:
   EventsOfDay(Date startOfDay, EventsOfInterval events, std::optional<SleepDataWithDataSource> sleeps);
 
-  // Decides the night's two ends from the events.
+  struct NightRead;
+
   // Reads the nights of a sleep application other than the built-in one, then
   // resolves the night.
   void settle(const SleepDataSource& source);
+  // Reads the pickups at the night's edges; `at` is the file the read sees
+  // at least, which only a read right after a write knows.
+  void readNight(store::Snapshot at = {});
+  // Decides the night's two ends from the edges read and the day's breaks.
   void resolveNight();
   // The ends as the health-store path alone gives them.
   std::optional<Date> healthFirstPickupDate() const;
@@ -119,6 +132,8 @@ class EventsOfDay : public ItemLikeEventsOfDay {
   std::optional<SleepDataWithDataSource> sleepsWithSource_;
   std::optional<Date> firstPickupDate_;
   std::optional<Date> lastPickupDate_;
+  // Shared by copies; replaced, never changed.
+  std::shared_ptr<const NightRead> night_;
 };
 
 }  // namespace tarnwell

@@ -134,6 +134,13 @@ class Connection {
 
   std::int64_t lastInsertRowId() const;
   int changes() const;
+  // Rows this connection has inserted, updated or deleted since it opened,
+  // triggers included, whether or not their transactions committed.
+  std::int64_t totalChanges() const;
+  // Changes when another connection commits to the file; never for this one's own commits.
+  std::int64_t dataVersion();
+  // Unique among the connections of this process, for as long as it runs.
+  std::uint64_t serial() const { return serial_; }
 
   int userVersion();
   void setUserVersion(int version);
@@ -157,6 +164,7 @@ class Connection {
  private:
   std::filesystem::path file_;
   sqlite3* database_ = nullptr;
+  std::uint64_t serial_ = 0;
   std::map<std::string, std::unique_ptr<Statement>, std::less<>> cache_;
   std::unique_ptr<std::function<void(bool, std::string_view)>> rowHook_;
 };

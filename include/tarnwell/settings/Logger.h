@@ -4,6 +4,7 @@
 // logged: it gives `log` its only destination, a file that rotates at
 // 2 MiB and keeps 3 archives ("console.1.log" newest to "console.3.log"),
 // written on the logger's own queue so that no caller waits for the disk.
+// A line reaches the file within half a second, or at Logger::flush().
 // Debug lines are written in beta builds only.
 
 #pragma once
@@ -22,7 +23,8 @@ namespace tarnwell {
 
 // A log file that moves itself aside when the next line would pass
 // `maxFileSize`, keeping at most `targetMaxLogFiles` archives. Lines are
-// formatted on the caller's thread and written on `queue`.
+// gathered for half a second and written together on `queue`, in the order
+// they came; flush() and the destructor write those waiting at once.
 class AutoRotatingFileDestination final : public LogDestination {
  public:
   struct Options {

@@ -117,6 +117,9 @@ std::optional<Pickup> lastPickup(DateInterval between, const std::vector<std::st
 struct NightEdges {
   std::optional<Date> lastEnd;
   std::optional<Date> firstStart;
+  // The pickups they are the end and the start of.
+  std::optional<std::string> lastId;
+  std::optional<std::string> firstId;
 };
 NightEdges nightEdges(DateInterval lastBetween, DateInterval firstBetween, const std::vector<std::string>& deviceIds);
 

@@ -39,6 +39,7 @@
 #include "tarnwell/platform/Sqlite.h"
 #include "tarnwell/store/Outbox.h"
 #include "tarnwell/store/Schema.h"
+#include "tarnwell/store/Snapshot.h"
 
 namespace tarnwell::store {
 
@@ -260,6 +261,9 @@ class WriteTransaction {
   std::vector<std::string> remove(const Query& where);
 
   sqlite::Connection& connection() { return store_.connection(); }
+  // The file as this transaction sees it now: taken before its first
+  // statement, the state it found; after its last, the state it commits.
+  Snapshot snapshot();
 
   // For a writer that inserts rows with statements of its own, which the
   // transaction does not see (a bulk import): the last rowid of the class
@@ -303,6 +307,8 @@ class WriteTransaction {
   Store& store_;
   Origin origin_;
   bool nested_;
+  // Read once: no other connection commits while the transaction holds the file.
+  std::optional<std::int64_t> dataVersion_;
   std::vector<ChangeSet> changes_;
 };
 
