@@ -75,7 +75,7 @@ struct AutoRotatingFileDestination::Writer {
     {
       std::lock_guard guard(linesMutex);
       batch.swap(lines);
-      scheduled = false;
+      scheduled = hurried = false;
     }
     if (batch.empty() || !logger) return;
     for (const auto& line : batch) logger->log(spdlog::level::info, formatLogRecord(line.record, line.zone));
@@ -87,8 +87,9 @@ struct AutoRotatingFileDestination::Writer {
   std::mutex fileMutex;
   std::mutex linesMutex;
   std::vector<Line> lines;
-  // A drain is on the queue for the lines waiting.
+  // A drain is on the queue for the lines waiting; and one that runs at once.
   bool scheduled = false;
+  bool hurried = false;
 };
 
 AutoRotatingFileDestination::AutoRotatingFileDestination(Options options)
@@ -124,24 +125,18 @@ AutoRotatingFileDestination::~AutoRotatingFileDestination() { writer_->drain(); 
 void AutoRotatingFileDestination::write(const LogRecord& record) {
   if (!writer_->logger) return;
   // The caller pays for the copy only; the text is made when the line is written.
-  enum { none, later, now } drain = none;
+  bool later = false, now = false;
   {
     std::lock_guard guard(writer_->linesMutex);
     writer_->lines.push_back({record, Region::current().timeZoneId()});
-    if (writer_->lines.size() >= Writer::kBatch) {
-      drain = now;
-    } else if (!writer_->scheduled) {
-      drain = later;
-    }
-    writer_->scheduled = writer_->scheduled || drain != none;
+    later = !writer_->scheduled;
+    now = writer_->lines.size() >= Writer::kBatch && !writer_->hurried;
+    writer_->scheduled = true;
+    writer_->hurried = writer_->hurried || now;
   }
-  if (drain == none) return;
-  auto run = [writer = writer_] { writer->drain(); };
-  if (drain == now) {
-    queue_->async(std::move(run));
-  } else {
-    queue_->asyncAfter(Writer::kLatency, std::move(run));
-  }
+  const auto drain = [writer = writer_] { writer->drain(); };
+  if (now) queue_->async(drain);
+  if (later) queue_->asyncAfter(Writer::kLatency, drain);
 }
 
 void AutoRotatingFileDestination::flush() { writer_->drain(); }
