@@ -119,26 +119,30 @@ struct EventsOfDay::NightRead {
   }
 };
 
-EventsOfDay EventsOfDay::appliedChange(const EventsOfInterval::EventsChangeType& change) const {
+EventsOfDay EventsOfDay::appliedChange(const EventsOfInterval::EventsChangeType& change) const& {
   return appliedChange(std::vector<EventsOfInterval::EventsChangeType>{change});
 }
 
 EventsOfDay EventsOfDay::appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes,
-                                       const std::optional<store::Commit>& commit) const {
-  EventsOfDay changed = *this;
-  changed.eventsOfInterval_.apply(changes);
+                                       const std::optional<store::Commit>& commit) const& {
+  return EventsOfDay(*this).appliedChange(changes, commit);
+}
+
+EventsOfDay EventsOfDay::appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes,
+                                       const std::optional<store::Commit>& commit) && {
+  eventsOfInterval_.apply(changes);
   // A settled night is not reopened by a live update.
-  if (changed.firstPickupDate_ && changed.lastPickupDate_) return changed;
+  if (firstPickupDate_ && lastPickupDate_) return std::move(*this);
   if (commit && night_ && night_->isOf(commit->before) && night_->standsAfter(changes)) {
     auto night = std::make_shared<NightRead>(*night_);
     night->at = commit->after;
-    changed.night_ = std::move(night);
+    night_ = std::move(night);
   } else {
     // Read after the commit, so the file holds at least what it left.
-    changed.readNight(commit ? commit->after : store::Snapshot{});
+    readNight(commit ? commit->after : store::Snapshot{});
   }
-  changed.resolveNight();
-  return changed;
+  resolveNight();
+  return std::move(*this);
 }
 
 void EventsOfDay::readNight(store::Snapshot at) {

@@ -191,8 +191,17 @@ DatabaseState& state() { return Environment::current().component<DatabaseState>(
 
 void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes,
                          const std::optional<store::Commit>& commit) {
-  EventsOfDay changed = Database::eventsOfToday().appliedChange(changes, commit);
-  Database::queue().safeSync([&changed] { setEventsOfToday(std::move(changed)); });
+  Database::queue().safeSync([&] {
+    auto& today = state().eventsOfToday;
+    if (!today) today.emplace(Date::now(), std::nullopt);
+    try {
+      *today = std::move(*today).appliedChange(changes, commit);
+    } catch (...) {
+      today.reset();  // half changed: the next reader builds it anew
+      throw;
+    }
+    Database::notifyEventsOfTodayChanged();
+  });
 }
 
 void setEventsOfToday(EventsOfDay today) {

@@ -59,9 +59,9 @@ struct DatabaseState {
 
 DatabaseState& state();
 
-// Carries changes of the store into today without a rebuild. Read, apply,
-// install: no lock spans the three, so of two writers the later wins.
-// `commit` is the write that made exactly these changes, when there was one.
+// Carries changes of the store into today without a rebuild, in place and
+// under `queue`, so that the changes of two writers both arrive. `commit` is
+// the write that made exactly these changes, when there was one.
 void updateEventsOfToday(const std::vector<EventsOfInterval::EventsChangeType>& changes,
                          const std::optional<store::Commit>& commit = std::nullopt);
 // Installs a new today and announces it; only through `queue`.

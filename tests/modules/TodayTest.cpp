@@ -160,6 +160,16 @@ TEST_F(TodayTest, TheLiveNightIsWhatReadingItAgainGives) {
   EXPECT_GT(compared, 200);
 }
 
+TEST_F(TodayTest, EveryPickupOfTwoWritingThreadsReachesToday) {
+  const auto write = [this](int first) {
+    for (int i = first; i < first + 25; ++i) Database::addPickup(at("09:00") + i * 120.0, at("09:01") + i * 120.0);
+  };
+  std::thread other(write, 0);
+  write(25);
+  other.join();
+  EXPECT_EQ(Database::eventsOfToday().pickupTimes(), 50);
+}
+
 TEST_F(TodayTest, TheDayTimerFiresOneSecondAfterTheNextDaysStart) {
   env.clock().set(at("23:00"));
   Database::setupRefreshEventsOfTodayTimer();

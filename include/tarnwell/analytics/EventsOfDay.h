@@ -49,9 +49,12 @@ class EventsOfDay : public ItemLikeEventsOfDay {
   // the night was last read from the file as that write found it, and no
   // change is a pickup at the night's edges or in the windows they are
   // looked for in, the edges are known without reading them again.
-  EventsOfDay appliedChange(const EventsOfInterval::EventsChangeType& change) const;
+  // On a value about to be dropped, the change is made in place, without a copy.
+  EventsOfDay appliedChange(const EventsOfInterval::EventsChangeType& change) const&;
   EventsOfDay appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes,
-                            const std::optional<store::Commit>& commit = std::nullopt) const;
+                            const std::optional<store::Commit>& commit = std::nullopt) const&;
+  EventsOfDay appliedChange(const std::vector<EventsOfInterval::EventsChangeType>& changes,
+                            const std::optional<store::Commit>& commit = std::nullopt) &&;
 
   // The calendar day's first instant, without the start-of-day shift.
   Date startOfDay() const override { return startOfDay_; }

@@ -200,9 +200,8 @@ class Database {
 
   // The day of now, for the default devices: built on first use, then kept
   // up to date by every event write, and rebuilt a second after each day's
-  // start. Read and replaced whole through `queue`, so a reader never sees
-  // half a value; of two concurrent updates the later wins and the next one
-  // repairs the loss.
+  // start. Read and changed only through `queue`, so a reader never sees
+  // half a value, and each of two concurrent updates arrives.
   static EventsOfDay eventsOfToday();
   // Rebuilds today on `queue`, then posts dateOfTodayDidChange on the main queue.
   static Promise<void> refreshEventsOfToday();
