@@ -60,7 +60,8 @@ DateComponents meanClockTime(const std::vector<EventsOfDays::Day>& days, Read re
 
 }  // namespace
 
-EventsOfDays::EventsOfDays(std::vector<Day> eventsOfDays) : eventsOfDays_(std::move(eventsOfDays)) {}
+EventsOfDays::EventsOfDays(std::vector<Day> eventsOfDays)
+    : eventsOfDays_(std::make_shared<const std::vector<Day>>(std::move(eventsOfDays))) {}
 
 EventsOfDays::EventsOfDays(Date start, int count) : start_(start), count_(count) {
   auto& entries = cache().entries;
@@ -73,8 +74,9 @@ EventsOfDays::EventsOfDays(Date start, int count) : start_(start), count_(count)
     }
   }
   if (!found) {
-    const auto days = RememberedDays::days(start, count);
-    eventsOfDays_.assign(days.begin(), days.end());
+    auto days = RememberedDays::days(start, count);
+    eventsOfDays_ = std::make_shared<const std::vector<Day>>(std::make_move_iterator(days.begin()),
+                                                             std::make_move_iterator(days.end()));
   }
   entries.push_back(*this);
 }
@@ -82,24 +84,24 @@ EventsOfDays::EventsOfDays(Date start, int count) : start_(start), count_(count)
 void EventsOfDays::clearCaches() { cache().entries.clear(); }
 
 EventsOfDays::Sum<double> EventsOfDays::screenTime() const {
-  return sumOf<double>(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.screenTime(); });
+  return sumOf<double>(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.screenTime(); });
 }
 
 EventsOfDays::Sum<int> EventsOfDays::pickupTimes() const {
-  return sumOf<int>(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.pickupTimes(); });
+  return sumOf<int>(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.pickupTimes(); });
 }
 
 EventsOfDays::Sum<double> EventsOfDays::walkingLife() const {
-  return sumOf<double>(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.walkingLife(); });
+  return sumOf<double>(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.walkingLife(); });
 }
 
 EventsOfDays::Sum<double> EventsOfDays::indoorLife() const {
-  return sumOf<double>(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.indoorLife(); });
+  return sumOf<double>(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.indoorLife(); });
 }
 
 std::optional<double> EventsOfDays::longestPickup() const {
   std::optional<double> longest;
-  for (const auto& day : eventsOfDays_) {
+  for (const auto& day : *eventsOfDays_) {
     const auto value = day->longestPickup();
     if (value && (!longest || *value > *longest)) longest = value;
   }
@@ -107,11 +109,11 @@ std::optional<double> EventsOfDays::longestPickup() const {
 }
 
 double EventsOfDays::averageCheckingEvery() const {
-  return meanOf(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.checkingEvery(); });
+  return meanOf(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.checkingEvery(); });
 }
 
 double EventsOfDays::averageBestBreak() const {
-  return meanOf(eventsOfDays_, [](const ItemLikeEventsOfDay& day) -> std::optional<double> {
+  return meanOf(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) -> std::optional<double> {
     const auto interval = day.bestBreak();
     if (!interval) return std::nullopt;
     return interval->duration();
@@ -119,7 +121,7 @@ double EventsOfDays::averageBestBreak() const {
 }
 
 double EventsOfDays::averageContinuouslyUsage() const {
-  return meanOf(eventsOfDays_, [](const ItemLikeEventsOfDay& day) -> std::optional<double> {
+  return meanOf(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) -> std::optional<double> {
     const auto interval = day.continuouslyUsage();
     if (!interval) return std::nullopt;
     return interval->duration();
@@ -127,15 +129,15 @@ double EventsOfDays::averageContinuouslyUsage() const {
 }
 
 double EventsOfDays::averageSleepTime() const {
-  return meanOf(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.sleepTime(); });
+  return meanOf(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.sleepTime(); });
 }
 
 DateComponents EventsOfDays::averageFirstPickup() const {
-  return meanClockTime(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.firstPickupDateComponents(); });
+  return meanClockTime(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.firstPickupDateComponents(); });
 }
 
 DateComponents EventsOfDays::averageLastPickup() const {
-  return meanClockTime(eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.lastPickupDateComponents(); });
+  return meanClockTime(*eventsOfDays_, [](const ItemLikeEventsOfDay& day) { return day.lastPickupDateComponents(); });
 }
 
 }  // namespace tarnwell

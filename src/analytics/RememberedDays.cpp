@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstdio>
+#include <cstring>
 #include <span>
 
 #include "tarnwell/analytics/EventsOfDay.h"
@@ -52,8 +53,9 @@ void putWord(std::vector<std::uint8_t>& bytes, std::uint64_t word) {
 }
 
 std::uint64_t word(const std::uint8_t* bytes) {
-  std::uint64_t value = 0;
-  for (int i = 7; i >= 0; --i) value = (value << 8) | bytes[i];
+  std::uint64_t value;
+  std::memcpy(&value, bytes, sizeof value);
+  if constexpr (std::endian::native == std::endian::big) value = __builtin_bswap64(value);
   return value;
 }
 
@@ -197,15 +199,18 @@ void bindKey(sqlite::Statement& statement, const Shape& shape) {
   statement.bind(6, kComputation);
 }
 
-// The kept days from `first` to `last` (calendar starts), by start; their
+// The kept days of `starts` (calendar starts, ascending, not empty), by start; their
 // sleep application's nights only `withSleeps`, the only reader of them.
-std::vector<Kept> readKept(sqlite::Connection& connection, const Shape& shape, Date first, Date last, bool withSleeps) {
+std::vector<Kept> readKept(sqlite::Connection& connection, const Shape& shape, std::span<const Date> starts,
+                           bool withSleeps) {
   auto& statement = connection.cached(std::string("SELECT \"dayStart\", \"shapedFrom\", \"shapedTo\", \"sleeps\", "
                                                   "\"metrics\" FROM \"") +
                                       kTable + "\" WHERE " + keyCondition() + " AND \"dayStart\" BETWEEN ?7 AND ?8");
   bindKey(statement, shape);
-  statement.bind(7, first.timeIntervalSinceReferenceDate()).bind(8, last.timeIntervalSinceReferenceDate());
+  statement.bind(7, starts.front().timeIntervalSinceReferenceDate());
+  statement.bind(8, starts.back().timeIntervalSinceReferenceDate());
   std::vector<Kept> kept;
+  kept.reserve(starts.size());
   for (sqlite::Cursor rows(statement); rows.next();) {
     const auto& row = *rows;
     const auto shaping = interval(row.real(1), row.real(2));
@@ -353,7 +358,7 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     // between them could leave a row computed from events older than it.
     sqlite::Transaction read(connection, sqlite::Transaction::Behavior::deferred);
     version = connection.dataVersion();
-    auto kept = readKept(connection, shape, starts.front(), starts.back(), !inferredSleep);
+    auto kept = readKept(connection, shape, starts, !inferredSleep);
     // Both in the order of days.
     auto next = kept.begin();
     for (const Date start : starts) {

@@ -97,7 +97,15 @@ namespace {
 // later days weigh more than earlier ones. Users have always been shown this
 // figure, so it is kept rather than replaced by the mean.
 std::vector<StatisticsDataPoint> collapseIntoMonths(const std::vector<StatisticsDataPoint>& points,
-                                                    bool showsTotalValue) {
+                                                    bool showsTotalValue, const DateInterval& year) {
+  // The year's months from one walk of the calendar. A point outside them
+  // (no year's metric gives one) finds its own month.
+  const std::vector<Date> starts = year.start().startsOfMonths(13);
+  const auto spanOf = [&starts](Date date) -> std::pair<Date, Date> {
+    const auto next = std::upper_bound(starts.begin(), starts.end(), date);
+    if (next != starts.begin() && next != starts.end()) return {*(next - 1), *next};
+    return {date.startOfMonth(), date.endOfMonth() + 1.0};
+  };
   std::vector<StatisticsDataPoint> months;
   // Each month's span, from its start to the next month's.
   std::vector<std::pair<Date, Date>> spans;
@@ -107,7 +115,7 @@ std::vector<StatisticsDataPoint> collapseIntoMonths(const std::vector<Statistics
     });
     if (found == spans.end()) {
       months.push_back(point);
-      spans.emplace_back(point.date.startOfMonth(), point.date.endOfMonth() + 1.0);
+      spans.push_back(spanOf(point.date));
       continue;
     }
     const auto month = months.begin() + (found - spans.begin());
@@ -193,7 +201,7 @@ StatisticsData::StatisticsData(Date chartDate, StatisticsDateRange chartRange,
 
   const std::vector<StatisticsDataPoint> points = type.getPoints(date, range);
   const std::vector<StatisticsDataPoint> working =
-      range == StatisticsDateRange::year ? collapseIntoMonths(points, type.showsTotalValue()) : points;
+      range == StatisticsDateRange::year ? collapseIntoMonths(points, type.showsTotalValue(), interval) : points;
 
   std::string baselineSuffix;
   if (baseline) baselineSuffix = " · " + baselineWord(baselineType) + " " + type.valueFormatter(*baseline);

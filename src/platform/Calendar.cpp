@@ -205,6 +205,21 @@ std::vector<Date> Date::startsOfDays(int count) const {
   return starts;
 }
 
+std::vector<Date> Date::startsOfMonths(int count) const {
+  std::vector<Date> starts;
+  if (count <= 0) return starts;
+  starts.reserve(static_cast<std::size_t>(count));
+  starts.push_back(startOfMonth());
+  icu::Calendar& c = at(starts.back());
+  for (int i = 1; i < count; ++i) {
+    UErrorCode status = U_ZERO_ERROR;
+    c.add(UCAL_MONTH, 1, status);
+    setTimeOfDay(c, 0, 0, 0);
+    starts.push_back(timeOf(c));
+  }
+  return starts;
+}
+
 Date Date::startOfWeek() const {
   // The weekday the locale's weeks start on: 1 Sunday, 2 Monday, 7 Saturday.
   UErrorCode status = U_ZERO_ERROR;

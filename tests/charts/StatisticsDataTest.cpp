@@ -110,6 +110,17 @@ TEST_F(StatisticsDataTest, YearHalvesEachMonthUnlessItAddsUp) {
   year = build(StatisticsDateRange::year);
   EXPECT_EQ(year.entries[0].y, 70);
   EXPECT_EQ(year.totalValue, 75);
+
+  // Months keep the order they first appear in, and a point outside the year
+  // still makes a month of its own.
+  metric.points.push_back({at("2026-11-30T00:00:00"), 2, std::nullopt});
+  metric.points.insert(metric.points.begin(), {at("2025-12-31T12:00:00"), 3, std::nullopt});
+  year = build(StatisticsDateRange::year);
+  ASSERT_EQ(year.entries.size(), 3u);
+  EXPECT_EQ(year.entries[0].labelString, "Dec 31, Wednesday");
+  EXPECT_EQ(year.entries[0].y, 3);
+  EXPECT_EQ(year.entries[1].y, 72);
+  EXPECT_EQ(year.entries[2].xAxisString, "Dec");
 }
 
 TEST_F(StatisticsDataTest, EntriesAndTheirTexts) {

@@ -159,9 +159,10 @@ TEST(CalendarModelTest, DaysAgreeWithCivilDates) {
   }
 }
 
-// A run of day starts is the day-by-day answer, also in zones whose clocks
-// change at midnight (Santiago, Havana) and by half an hour (Lord Howe).
-TEST(CalendarModelTest, RunsOfDayStartsAgreeWithDayByDay) {
+// Runs of day and month starts are the one-at-a-time answers, also in zones
+// whose clocks change at midnight (Santiago, Havana) and by half an hour
+// (Lord Howe).
+TEST(CalendarModelTest, RunsOfStartsAgreeWithOneAtATime) {
   for (const char* zone : {"Europe/Berlin", "America/Santiago", "America/Havana", "Australia/Lord_Howe", "UTC"}) {
     testing::TestEnvironment env({.timeZone = zone});
     const Date first = *Date::parseISO8601("2023-12-30T17:00:00Z");
@@ -169,6 +170,12 @@ TEST(CalendarModelTest, RunsOfDayStartsAgreeWithDayByDay) {
     ASSERT_EQ(starts.size(), 3u * 366);
     for (int i = 0; i < 3 * 366; ++i) {
       ASSERT_EQ(starts[static_cast<std::size_t>(i)], first.addingDay(i).startOfDay()) << zone << ", day " << i;
+    }
+    const auto months = first.startsOfMonths(37);
+    ASSERT_EQ(months.size(), 37u);
+    Date month = first.startOfMonth();
+    for (std::size_t i = 0; i < months.size(); month = month.endOfMonth() + 1.0, ++i) {
+      ASSERT_EQ(months[i], month) << zone << ", month " << i;
     }
   }
 }

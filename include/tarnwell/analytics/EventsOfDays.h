@@ -44,7 +44,7 @@ class EventsOfDays {
   const std::optional<Date>& start() const { return start_; }
   const std::optional<int>& count() const { return count_; }
   // By day, ascending.
-  const std::vector<Day>& eventsOfDays() const { return eventsOfDays_; }
+  const std::vector<Day>& eventsOfDays() const { return *eventsOfDays_; }
 
   Sum<double> screenTime() const;
   Sum<int> pickupTimes() const;
@@ -66,7 +66,8 @@ class EventsOfDays {
  private:
   std::optional<Date> start_;
   std::optional<int> count_;
-  std::vector<Day> eventsOfDays_;
+  // Shared by the copies of a run, the cache's among them.
+  std::shared_ptr<const std::vector<Day>> eventsOfDays_;
 };
 
 }  // namespace tarnwell

@@ -84,6 +84,10 @@ class Date {
   // The starts of `count` days from this instant's day: addingDay(i).startOfDay()
   // for each i, in one walk of the calendar.
   std::vector<Date> startsOfDays(int count) const;
+  // The starts of `count` months from this instant's month: for each i the
+  // start of the month i months on, as startOfMonth() gives it, in one walk
+  // of the calendar.
+  std::vector<Date> startsOfMonths(int count) const;
   // The week starts on the locale's first weekday, except that a Monday
   // locale starts on Sunday when weekStartsFromMonday is false and
   // a Sunday locale on Monday when it is true; a Saturday locale is left be.
