@@ -5,11 +5,13 @@
 #include "tarnwell/analytics/RememberedDays.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <random>
 
 #include "support/DayFixture.h"
 #include "tarnwell/health/HealthManager.h"
+#include "tarnwell/platform/BusyTimeout.h"
 #include "tarnwell/platform/Region.h"
 
 namespace tarnwell {
@@ -166,6 +168,36 @@ TEST_F(RememberedDaysTest, AWriteFromAnotherConnectionDropsTheDaysItTouches) {
   other.execute("UPDATE Pickup SET \"end\" = \"end\" + 600");
   EXPECT_EQ(keptRows(), 0u);
   EXPECT_EQ(*RememberedDays::days(at("12:00"), 1).front()->screenTime(), *before->screenTime() + 600.0);
+}
+
+// A write from another connection that lands after the days were read but
+// before they are kept: what was computed from the older events is not kept.
+TEST_F(RememberedDaysTest, DaysReadBeforeAnotherConnectionsWriteAreNotKept) {
+  pickup("08:00", "08:30");
+  env.clock().set(at("+23:00"));
+  sqlite::Connection other(store::Store::open().file());
+  other.execute("BEGIN IMMEDIATE");
+  other.execute("UPDATE Pickup SET \"end\" = \"end\" + 600");
+  // The keep waits for the other writer, which commits while it waits.
+  struct Waiting {
+    sqlite::Connection& other;
+    bool committed = false;
+  } waiting{other};
+  sqlite3_busy_handler(
+      store::Store::open().connection().handle(),
+      [](void* context, int) {
+        auto& w = *static_cast<Waiting*>(context);
+        if (!w.committed) w.other.execute("COMMIT");
+        w.committed = true;
+        return 1;
+      },
+      &waiting);
+  const auto computed = RememberedDays::days(at("12:00"), 1).front();
+  store::Store::open().connection().setBusyTimeout(storeBusyTimeout());
+  ASSERT_TRUE(waiting.committed) << "the days were kept without waiting for the other writer";
+  EXPECT_EQ(*computed->screenTime(), 1800.0) << "read before the other write";
+  EXPECT_EQ(keptRows(), 0u);
+  EXPECT_EQ(*RememberedDays::days(at("12:00"), 1).front()->screenTime(), 2400.0);
 }
 
 TEST_F(RememberedDaysTest, AKeptDayFollowsTheSleepApplicationsNights) {
