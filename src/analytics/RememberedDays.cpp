@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <span>
 
 #include "tarnwell/analytics/EventsOfDay.h"
@@ -29,7 +30,7 @@ constexpr double kSettledAfter = 60.0;
 constexpr char kTable[] = "DayMetrics";
 
 // A day's metrics as stored: a mask of the values present, then the values,
-// each a little-endian IEEE double, in the order of kValues.
+// each a little-endian IEEE double, in the order of pack's list.
 constexpr std::size_t kValues = 14;
 using Values = std::array<std::optional<double>, kValues>;
 
@@ -41,11 +42,6 @@ std::optional<double> seconds(const std::optional<Date>& date) {
 std::optional<Date> date(const std::optional<double>& seconds) {
   if (!seconds) return std::nullopt;
   return Date::fromTimeIntervalSinceReferenceDate(*seconds);
-}
-
-std::optional<DateInterval> interval(const std::optional<double>& start, const std::optional<double>& end) {
-  if (!start || !end) return std::nullopt;
-  return DateInterval(Date::fromTimeIntervalSinceReferenceDate(*start), Date::fromTimeIntervalSinceReferenceDate(*end));
 }
 
 void putWord(std::vector<std::uint8_t>& bytes, std::uint64_t word) {
@@ -90,26 +86,35 @@ std::vector<std::uint8_t> pack(const RememberedDay::Metrics& m) {
   return bytes;
 }
 
-// Nothing when the bytes are not a packed day.
+// Nothing when the bytes are not a packed day: a row of another version, or
+// one damaged on disk, is computed again rather than trusted.
 std::optional<RememberedDay::Metrics> unpack(Date startOfDay, std::span<const std::uint8_t> bytes) {
   if (bytes.size() != 8 * (kValues + 1)) return std::nullopt;
-  Values v;
   const std::uint64_t mask = word(bytes.data());
-  for (std::size_t i = 0; i < kValues; ++i) {
-    if (mask & (std::uint64_t{1} << i)) v[i] = std::bit_cast<double>(word(bytes.data() + 8 * (i + 1)));
-  }
-  widgets::ScreenTimeToday day{startOfDay,
-                               v[0],
-                               v[1] ? std::optional<int>(static_cast<int>(*v[1])) : std::nullopt,
-                               v[2],
-                               v[3],
-                               v[4],
-                               date(v[6]),
-                               date(v[7]),
-                               v[5],
-                               interval(v[10], v[11]),
-                               interval(v[12], v[13])};
-  return RememberedDay::Metrics{std::move(day), date(v[8]), date(v[9])};
+  const auto value = [&](std::size_t i) -> std::optional<double> {
+    if (!(mask >> i & 1)) return std::nullopt;
+    return std::bit_cast<double>(word(bytes.data() + 8 * (i + 1)));
+  };
+  bool valid = true;
+  const auto span = [&](std::size_t startIndex) -> std::optional<DateInterval> {
+    const auto start = value(startIndex), end = value(startIndex + 1);
+    if (!start || !end) return std::nullopt;
+    if (!(*start <= *end)) {
+      valid = false;
+      return std::nullopt;
+    }
+    return DateInterval(Date::fromTimeIntervalSinceReferenceDate(*start),
+                        Date::fromTimeIntervalSinceReferenceDate(*end));
+  };
+  const auto count = value(1);
+  if (count && !(*count >= 0 && *count <= std::numeric_limits<int>::max())) return std::nullopt;
+  RememberedDay::Metrics metrics{
+      widgets::ScreenTimeToday{startOfDay, value(0),
+                               count ? std::optional<int>(static_cast<int>(*count)) : std::nullopt, value(2), value(3),
+                               value(4), date(value(6)), date(value(7)), value(5), span(10), span(12)},
+      date(value(8)), date(value(9))};
+  if (!valid) return std::nullopt;
+  return metrics;
 }
 
 // The event tables whose rows shape days, by their start and end.
@@ -181,10 +186,18 @@ DateInterval shapingSpan(const EventsOfDay& day) {
 
 bool isSettled(double shapedTo, Date now) { return shapedTo + kSettledAfter <= now.timeIntervalSinceReferenceDate(); }
 
+// A day to keep.
 struct Kept {
   RememberedDay::Metrics metrics;
   // The span of event times that can change the day.
   DateInterval shaping;
+  std::string sleeps;
+};
+
+// A kept day as read: the start of its span only matters to the triggers.
+struct Read {
+  RememberedDay::Metrics metrics;
+  double shapedTo;
   std::string sleeps;
 };
 
@@ -201,22 +214,21 @@ void bindKey(sqlite::Statement& statement, const Shape& shape) {
 
 // The kept days of `starts` (calendar starts, ascending, not empty), by start; their
 // sleep application's nights only `withSleeps`, the only reader of them.
-std::vector<Kept> readKept(sqlite::Connection& connection, const Shape& shape, std::span<const Date> starts,
+std::vector<Read> readKept(sqlite::Connection& connection, const Shape& shape, std::span<const Date> starts,
                            bool withSleeps) {
-  auto& statement = connection.cached(std::string("SELECT \"dayStart\", \"shapedFrom\", \"shapedTo\", \"sleeps\", "
-                                                  "\"metrics\" FROM \"") +
-                                      kTable + "\" WHERE " + keyCondition() + " AND \"dayStart\" BETWEEN ?7 AND ?8");
+  auto& statement =
+      connection.cached(std::string("SELECT \"dayStart\", \"shapedTo\", \"sleeps\", \"metrics\" FROM \"") + kTable +
+                        "\" WHERE " + keyCondition() + " AND \"dayStart\" BETWEEN ?7 AND ?8");
   bindKey(statement, shape);
   statement.bind(7, starts.front().timeIntervalSinceReferenceDate());
   statement.bind(8, starts.back().timeIntervalSinceReferenceDate());
-  std::vector<Kept> kept;
+  std::vector<Read> kept;
   kept.reserve(starts.size());
   for (sqlite::Cursor rows(statement); rows.next();) {
     const auto& row = *rows;
-    const auto shaping = interval(row.real(1), row.real(2));
-    auto metrics = unpack(Date::fromTimeIntervalSinceReferenceDate(row.real(0)), row.blobView(4));
-    if (!shaping || !metrics) continue;  // not a row this version wrote: computed again
-    kept.push_back({std::move(*metrics), *shaping, withSleeps ? row.text(3) : std::string()});
+    auto metrics = unpack(Date::fromTimeIntervalSinceReferenceDate(row.real(0)), row.blobView(3));
+    if (!metrics) continue;  // not a row this version wrote: computed again
+    kept.push_back({std::move(*metrics), row.real(1), withSleeps ? row.text(2) : std::string()});
   }
   return kept;
 }
@@ -330,8 +342,8 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   // A kept day stands while the clock cannot change it and the sleep
   // application's nights are the ones it was computed from.
   const bool inferredSleep = shape.source.isBuiltIn();
-  const auto stands = [&](const Kept& kept) {
-    if (!isSettled(kept.shaping.end().timeIntervalSinceReferenceDate(), now)) return false;
+  const auto stands = [&](const Read& kept) {
+    if (!isSettled(kept.shapedTo, now)) return false;
     if (inferredSleep) return true;
     const Date spanStart = kept.metrics.day.startOfDay + shape.shift;
     return kept.sleeps == sleepsText(HealthManager::shared().getSleepData(shape.source, spanStart));
@@ -340,9 +352,6 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
   std::optional<store::Store> store;
   try {
     store.emplace(store::Store::open());
-    auto& table = store->connection().cached("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?1");
-    table.bind(1, kTable);
-    if (!sqlite::Cursor(table).next()) store.reset();
   } catch (const sqlite::Error&) {
     store.reset();
   }
@@ -375,7 +384,8 @@ std::vector<RememberedDays::Day> RememberedDays::days(Date date, int count,
     compute();
     read.commit();
   } catch (const sqlite::Error&) {
-    // Inside another transaction, or a store that fails: computed alone.
+    // Inside another transaction, a store without the table (read-only and
+    // older than it), or a store that fails: computed alone.
     block->clear();
     fresh.clear();
     pending = starts;

@@ -7,8 +7,10 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "platform/Civil.h"
 #include "platform/Icu.h"
 #include "platform/RegionImpl.h"
 #include "platform/RegionalCache.h"
@@ -170,37 +172,73 @@ Date Date::addingDay(int days) const {
   return addingDays(*this, days);
 }
 
+namespace {
+
+// A stretch of time in which the zone's offset stays the same: there, the
+// start of a later day is the start of this one plus whole days of 86400
+// seconds, and the calendar need not be asked.
+class SteadyOffset {
+ public:
+  explicit SteadyOffset(Date from) : zone_(dynamic_cast<const icu::BasicTimeZone*>(&calendar().getTimeZone())) {
+    moveTo(from);
+  }
+
+  // Starts the stretch that holds `from`.
+  void moveTo(Date from) {
+    from_ = from.toUDate();
+    until_ = -std::numeric_limits<UDate>::infinity();
+    if (!zone_) return;
+    std::int32_t raw = 0, saved = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    zone_->getOffset(from_, false, raw, saved, status);
+    if (U_FAILURE(status)) return;
+    offset_ = raw + saved;
+    icu::TimeZoneTransition transition;
+    until_ = zone_->getNextTransition(from_, false, transition) ? transition.getTime()
+                                                                : std::numeric_limits<UDate>::infinity();
+  }
+
+  // The wall-clock date of the stretch's start, in the proleptic Gregorian
+  // calendar the region's calendar keeps, when that start is a midnight.
+  std::optional<civil::Civil> midnight() const {
+    if (!(until_ > from_)) return std::nullopt;
+    const civil::Civil wall = civil::fromUnixSeconds((from_ + offset_) / 1000.0);
+    if (wall.hour != 0 || wall.minute != 0 || wall.second != 0 || wall.millisecond != 0) return std::nullopt;
+    return wall;
+  }
+
+  // `days` whole days after the stretch's start, while still inside it.
+  std::optional<Date> after(std::int64_t days) const {
+    const UDate later = from_ + static_cast<double>(days) * 86400000.0;
+    if (later < until_) return Date::fromUDate(later);
+    return std::nullopt;
+  }
+
+ private:
+  const icu::BasicTimeZone* zone_;
+  UDate from_ = 0, until_ = 0;
+  double offset_ = 0;
+};
+
+}  // namespace
+
 std::vector<Date> Date::startsOfDays(int count) const {
   std::vector<Date> starts;
   if (count <= 0) return starts;
   starts.reserve(static_cast<std::size_t>(count));
   starts.push_back(startOfDay());
-  // Between two changes of the zone's offset, a day that starts at midnight
-  // lasts 86400 seconds, and the next starts at midnight too: the calendar
-  // is asked only across a change.
-  const auto* zone = dynamic_cast<const icu::BasicTimeZone*>(&calendar().getTimeZone());
-  const auto nextChange = [zone](Date after) {
-    icu::TimeZoneTransition transition;
-    if (zone && zone->getNextTransition(after.toUDate(), false, transition)) return transition.getTime();
-    return zone ? std::numeric_limits<UDate>::infinity() : -std::numeric_limits<UDate>::infinity();
-  };
-  const auto atMidnight = [zone](Date date) {
-    std::int32_t raw = 0, saved = 0;
-    UErrorCode status = U_ZERO_ERROR;
-    zone->getOffset(date.toUDate(), false, raw, saved, status);
-    return U_SUCCESS(status) && std::fmod(date.toUDate() + raw + saved, 86400000.0) == 0.0;
-  };
-  UDate change = nextChange(starts.back());
-  bool midnight = zone && atMidnight(starts.back());
+  SteadyOffset steady(starts.back());
+  bool midnight = steady.midnight().has_value();
+  std::int64_t days = 0;
   for (int i = 1; i < count; ++i) {
-    const Date next = starts.back() + 86400.0;
-    if (midnight && next.toUDate() < change) {
-      starts.push_back(next);
+    if (const auto next = midnight ? steady.after(++days) : std::nullopt) {
+      starts.push_back(*next);
       continue;
     }
     starts.push_back(starts.back().addingDay(1));
-    change = nextChange(starts.back());
-    midnight = zone && atMidnight(starts.back());
+    steady.moveTo(starts.back());
+    midnight = steady.midnight().has_value();
+    days = 0;
   }
   return starts;
 }
@@ -210,12 +248,30 @@ std::vector<Date> Date::startsOfMonths(int count) const {
   if (count <= 0) return starts;
   starts.reserve(static_cast<std::size_t>(count));
   starts.push_back(startOfMonth());
-  icu::Calendar& c = at(starts.back());
+  SteadyOffset steady(starts.back());
+  auto wall = steady.midnight();
+  std::int64_t days = 0;
   for (int i = 1; i < count; ++i) {
+    if (wall) {
+      // The wall date moves a month on; the stretch counts days from its start.
+      const std::int64_t year = wall->year + (wall->month == 12 ? 1 : 0);
+      const unsigned month = wall->month == 12 ? 1 : wall->month + 1;
+      days += civil::daysFromCivil(year, month, 1) - civil::daysFromCivil(wall->year, wall->month, 1);
+      if (const auto next = steady.after(days)) {
+        starts.push_back(*next);
+        wall->year = year;
+        wall->month = month;
+        continue;
+      }
+    }
+    icu::Calendar& c = at(starts.back());
     UErrorCode status = U_ZERO_ERROR;
     c.add(UCAL_MONTH, 1, status);
     setTimeOfDay(c, 0, 0, 0);
     starts.push_back(timeOf(c));
+    steady.moveTo(starts.back());
+    wall = steady.midnight();
+    days = 0;
   }
   return starts;
 }

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "platform/Icu.h"
 #include "platform/RegionImpl.h"
@@ -17,6 +18,29 @@ namespace tarnwell {
 
 namespace date_formatting {
 namespace {
+
+// A pattern's formatter and the texts it made lately. A chart, a widget or
+// the report labels the same few instants again on every build, and ICU's
+// format costs about a microsecond; the text of an instant never changes
+// while the region stays the same.
+struct Pattern {
+  // Enough for the days of a year and a few months, in a few kilobytes.
+  static constexpr std::size_t kRemembered = 512;
+
+  std::unique_ptr<icu::SimpleDateFormat> formatter;
+  std::unordered_map<UDate, std::string> made;
+
+  std::string format(UDate date) {
+    if (const auto found = made.find(date); found != made.end()) return found->second;
+    icu::UnicodeString text;
+    icu::FieldPosition position;
+    formatter->format(date, text, position);
+    std::string utf8 = icu_support::toUtf8(text);
+    if (made.size() >= kRemembered) made.clear();
+    made.emplace(date, utf8);
+    return utf8;
+  }
+};
 
 // The formatters of the default region, one per pattern, with Gregorian
 // names and eras even where the locale's own calendar is another. Applying
@@ -36,36 +60,30 @@ class Formatters {
     base_->adoptCalendar(calendar.release());
   }
 
-  icu::SimpleDateFormat& of(std::string_view pattern) {
+  Pattern& of(std::string_view pattern) {
     auto found = byPattern_.find(pattern);
     if (found == byPattern_.end()) {
       std::unique_ptr<icu::SimpleDateFormat> made(base_->clone());
       if (!made) fatalError("No copy of a date formatter");
       made->applyPattern(icu_support::fromUtf8(pattern));
-      found = byPattern_.emplace(std::string(pattern), std::move(made)).first;
+      found = byPattern_.emplace(std::string(pattern), Pattern{std::move(made), {}}).first;
     }
-    return *found->second;
+    return found->second;
   }
 
  private:
   std::unique_ptr<icu::SimpleDateFormat> base_;
-  std::map<std::string, std::unique_ptr<icu::SimpleDateFormat>, std::less<>> byPattern_;
+  std::map<std::string, Pattern, std::less<>> byPattern_;
 };
 
-icu::SimpleDateFormat& formatter(std::string_view pattern) {
+Pattern& formatter(std::string_view pattern) {
   return regional::perThread<Formatters>([](const Region& region) { return std::make_unique<Formatters>(region); })
       .of(pattern);
 }
 
 }  // namespace
 
-std::string format(Date date, std::string_view pattern) {
-  icu::SimpleDateFormat& f = formatter(pattern);
-  icu::UnicodeString text;
-  icu::FieldPosition position;
-  f.format(date.toUDate(), text, position);
-  return icu_support::toUtf8(text);
-}
+std::string format(Date date, std::string_view pattern) { return formatter(pattern).format(date.toUDate()); }
 
 std::string formatFromTemplate(Date date, std::string_view fromTemplate) {
   const auto pattern = Date::defaultRegion().dateFormat(fromTemplate);

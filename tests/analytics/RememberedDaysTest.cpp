@@ -7,7 +7,10 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <bit>
+#include <cmath>
 #include <random>
+#include <tuple>
 
 #include "support/DayFixture.h"
 #include "tarnwell/health/HealthManager.h"
@@ -198,6 +201,48 @@ TEST_F(RememberedDaysTest, DaysReadBeforeAnotherConnectionsWriteAreNotKept) {
   EXPECT_EQ(*computed->screenTime(), 1800.0) << "read before the other write";
   EXPECT_EQ(keptRows(), 0u);
   EXPECT_EQ(*RememberedDays::days(at("12:00"), 1).front()->screenTime(), 2400.0);
+}
+
+// A store without the table (an older one opened read-only, say) computes
+// every day from its events and keeps none.
+TEST_F(RememberedDaysTest, AStoreWithoutTheTableComputesEveryDay) {
+  pickup("08:00", "08:30");
+  env.clock().set(at("+23:00"));
+  store::Store::open().connection().execute("DROP TABLE \"DayMetrics\"");
+  const auto days = RememberedDays::days(at("-12:00"), 2);
+  ASSERT_EQ(days.size(), 2u);
+  EXPECT_EQ(days[1]->metrics(), RememberedDay::metricsOf(today()));
+  EXPECT_EQ(*days[1]->screenTime(), 1800.0);
+  auto tables = store::Store::open().select("SELECT count(*) FROM sqlite_schema WHERE name = 'DayMetrics'");
+  ASSERT_TRUE(tables.next());
+  EXPECT_EQ(tables->int64(0), 0);
+}
+
+// A kept row damaged on disk is computed again, never trusted or fatal.
+TEST_F(RememberedDaysTest, ADamagedRowIsComputedAgain) {
+  pickup("08:00", "08:30");
+  env.clock().set(at("+23:00"));
+  RememberedDays::day(day());
+  ASSERT_EQ(keptRows(), 1u);
+  const auto damage = [](std::size_t value, double number, std::size_t size = 120) {
+    std::vector<std::uint8_t> bytes(size, 0);
+    for (std::size_t i = 0; i < 8 && i < size; ++i) bytes[i] = 0xff;  // every value present
+    const auto word = std::bit_cast<std::uint64_t>(number);
+    for (std::size_t i = 0; i < 8 && 8 * (value + 1) + i < size; ++i) {
+      bytes[8 * (value + 1) + i] = static_cast<std::uint8_t>(word >> (8 * i));
+    }
+    auto& update = store::Store::open().connection().cached("UPDATE \"DayMetrics\" SET \"metrics\" = ?1");
+    update.bind(1, std::span<const std::uint8_t>(bytes)).execute();
+    update.reset();
+  };
+  // A best break ending before it starts, a count of pickups no int holds,
+  // a row cut short.
+  for (const auto& [value, number, size] :
+       {std::tuple{11u, -5.0, 120u}, {1u, 1e300, 120u}, {1u, NAN, 120u}, {0u, 60.0, 64u}}) {
+    damage(value, number, size);
+    EXPECT_EQ(RememberedDays::day(day())->metrics(), RememberedDay::metricsOf(today())) << value << " " << number;
+    EXPECT_EQ(*RememberedDays::day(day())->screenTime(), 1800.0);
+  }
 }
 
 TEST_F(RememberedDaysTest, AKeptDayFollowsTheSleepApplicationsNights) {

@@ -163,19 +163,25 @@ TEST(CalendarModelTest, DaysAgreeWithCivilDates) {
 // whose clocks change at midnight (Santiago, Havana) and by half an hour
 // (Lord Howe).
 TEST(CalendarModelTest, RunsOfStartsAgreeWithOneAtATime) {
+  // Zones whose clocks change at midnight and by half an hour; local mean
+  // time and the Julian calendar before 1582; years past the zones' rules.
   for (const char* zone : {"Europe/Berlin", "America/Santiago", "America/Havana", "Australia/Lord_Howe", "UTC"}) {
     testing::TestEnvironment env({.timeZone = zone});
-    const Date first = *Date::parseISO8601("2023-12-30T17:00:00Z");
-    const auto starts = first.startsOfDays(3 * 366);
-    ASSERT_EQ(starts.size(), 3u * 366);
-    for (int i = 0; i < 3 * 366; ++i) {
-      ASSERT_EQ(starts[static_cast<std::size_t>(i)], first.addingDay(i).startOfDay()) << zone << ", day " << i;
-    }
-    const auto months = first.startsOfMonths(37);
-    ASSERT_EQ(months.size(), 37u);
-    Date month = first.startOfMonth();
-    for (std::size_t i = 0; i < months.size(); month = month.endOfMonth() + 1.0, ++i) {
-      ASSERT_EQ(months[i], month) << zone << ", month " << i;
+    for (const char* from :
+         {"2023-12-30T17:00:00Z", "1581-11-15T12:00:00Z", "1891-06-03T23:30:00Z", "2098-02-27T05:00:00Z"}) {
+      const Date first = *Date::parseISO8601(from);
+      const auto starts = first.startsOfDays(3 * 366);
+      ASSERT_EQ(starts.size(), 3u * 366);
+      for (int i = 0; i < 3 * 366; ++i) {
+        ASSERT_EQ(starts[static_cast<std::size_t>(i)], first.addingDay(i).startOfDay())
+            << zone << from << ", day " << i;
+      }
+      const auto months = first.startsOfMonths(37);
+      ASSERT_EQ(months.size(), 37u);
+      Date month = first.startOfMonth();
+      for (std::size_t i = 0; i < months.size(); month = month.endOfMonth() + 1.0, ++i) {
+        ASSERT_EQ(months[i], month) << zone << from << ", month " << i;
+      }
     }
   }
 }
