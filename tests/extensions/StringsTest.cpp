@@ -145,6 +145,11 @@ TEST_F(StringsTest, CaptionsFollowTheLocale) {
   EXPECT_EQ(getWeekdayAbbreviationString(sunday), "Today");
   EXPECT_EQ(getWeekdayAbbreviationString(sunday - 86400), "Sat");
 
+  // A text once made for an instant is not the instant's text in another zone.
+  EXPECT_EQ(getTimeString(sunday, true), "11:00");
+  Date::setDefaultRegion(Region("Asia/Tokyo", "en_US"));
+  EXPECT_EQ(getTimeString(sunday, true), "20:00");
+
   // A change of region reaches formatters made before it.
   Date::setDefaultRegion(Region("Europe/Berlin", "de_DE"));
   EXPECT_EQ(getDateAndMonthString(sunday), "22. Nov.");
