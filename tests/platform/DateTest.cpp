@@ -19,6 +19,12 @@ TEST(DateTest, ScalesMeetAtTheReferenceDate) {
   EXPECT_EQ(Date().description(), "2001-01-01 00:00:00 +0000");
   EXPECT_EQ(Date::fromTimeIntervalSinceReferenceDate(-1).description(), "2000-12-31 23:59:59 +0000");
   EXPECT_EQ(Date::fromTimeIntervalSinceReferenceDate(0.999).description(), "2001-01-01 00:00:00 +0000");
+  // The years of four digits and those around them.
+  EXPECT_EQ(utc("0000-01-01T00:00:00Z").description(), "0000-01-01 00:00:00 +0000");
+  EXPECT_EQ((utc("0000-01-01T00:00:00Z") - 1).description(), "-001-12-31 23:59:59 +0000");
+  EXPECT_EQ(utc("9999-12-31T23:59:59Z").description(), "9999-12-31 23:59:59 +0000");
+  EXPECT_EQ((utc("9999-12-31T23:59:59Z") + 1).description(), "10000-01-01 00:00:00 +0000");
+  EXPECT_EQ(utc("1987-06-05T04:03:02Z").description(), "1987-06-05 04:03:02 +0000");
 }
 
 TEST(DateTest, ISO8601TextCarriesTheZonesOffset) {
