@@ -54,3 +54,17 @@ endfunction()
 function(tarnwell_unity_build target)
   set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 12)
 endfunction()
+
+# A library of the kit: its public headers under include/ (found in the
+# source tree while building and in the prefix once installed), and code that
+# can also go into the shared library.
+function(tarnwell_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "INCLUDE" "")
+  if(NOT arg_INCLUDE)
+    set(arg_INCLUDE "${PROJECT_SOURCE_DIR}/include")
+  endif()
+  target_include_directories(${target} PUBLIC
+    "$<BUILD_INTERFACE:${arg_INCLUDE}>"
+    "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
+  set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+endfunction()
