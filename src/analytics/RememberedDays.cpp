@@ -91,30 +91,24 @@ std::vector<std::uint8_t> pack(const RememberedDay::Metrics& m) {
 std::optional<RememberedDay::Metrics> unpack(Date startOfDay, std::span<const std::uint8_t> bytes) {
   if (bytes.size() != 8 * (kValues + 1)) return std::nullopt;
   const std::uint64_t mask = word(bytes.data());
-  const auto value = [&](std::size_t i) -> std::optional<double> {
-    if (!(mask >> i & 1)) return std::nullopt;
-    return std::bit_cast<double>(word(bytes.data() + 8 * (i + 1)));
+  Values v;
+  for (std::size_t i = 0; i < kValues; ++i) {
+    if (mask >> i & 1) v[i] = std::bit_cast<double>(word(bytes.data() + 8 * (i + 1)));
+  }
+  const auto span = [&v](std::size_t start) -> std::optional<DateInterval> {
+    if (!v[start] || !v[start + 1]) return std::nullopt;
+    return DateInterval(Date::fromTimeIntervalSinceReferenceDate(*v[start]),
+                        Date::fromTimeIntervalSinceReferenceDate(*v[start + 1]));
   };
-  bool valid = true;
-  const auto span = [&](std::size_t startIndex) -> std::optional<DateInterval> {
-    const auto start = value(startIndex), end = value(startIndex + 1);
-    if (!start || !end) return std::nullopt;
-    if (!(*start <= *end)) {
-      valid = false;
-      return std::nullopt;
-    }
-    return DateInterval(Date::fromTimeIntervalSinceReferenceDate(*start),
-                        Date::fromTimeIntervalSinceReferenceDate(*end));
-  };
-  const auto count = value(1);
-  if (count && !(*count >= 0 && *count <= std::numeric_limits<int>::max())) return std::nullopt;
-  RememberedDay::Metrics metrics{
-      widgets::ScreenTimeToday{startOfDay, value(0),
-                               count ? std::optional<int>(static_cast<int>(*count)) : std::nullopt, value(2), value(3),
-                               value(4), date(value(6)), date(value(7)), value(5), span(10), span(12)},
-      date(value(8)), date(value(9))};
-  if (!valid) return std::nullopt;
-  return metrics;
+  // pack never writes a count no int holds, nor an interval ending before it starts.
+  const auto reversed = [&v](std::size_t start) { return v[start] && v[start + 1] && !(*v[start] <= *v[start + 1]); };
+  if ((v[1] && !(*v[1] >= 0 && *v[1] <= std::numeric_limits<int>::max())) || reversed(10) || reversed(12)) {
+    return std::nullopt;
+  }
+  return RememberedDay::Metrics{
+      widgets::ScreenTimeToday{startOfDay, v[0], v[1] ? std::optional<int>(static_cast<int>(*v[1])) : std::nullopt,
+                               v[2], v[3], v[4], date(v[6]), date(v[7]), v[5], span(10), span(12)},
+      date(v[8]), date(v[9])};
 }
 
 // The event tables whose rows shape days, by their start and end.
