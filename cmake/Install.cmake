@@ -19,12 +19,14 @@ if(TARNWELL_SHARED)
   # The shared library is made of the static libraries' own objects (built
   # position-independent for it), linked against the libraries they use.
   add_library(TarnwellShared SHARED)
-  foreach(library IN LISTS kit_libraries)
+  # With the C interface and the commands it runs.
+  foreach(library IN LISTS kit_libraries ITEMS TarnwellC tarnwell_host tarnwell_import)
     target_sources(TarnwellShared PRIVATE "$<TARGET_OBJECTS:${library}>")
   endforeach()
   target_link_libraries(TarnwellShared
     PUBLIC nlohmann_json::nlohmann_json Threads::Threads
-    PRIVATE SQLite::SQLite3 ICU::uc ICU::i18n PkgConfig::UUID PkgConfig::PQXX spdlog::spdlog)
+    PRIVATE SQLite::SQLite3 ICU::uc ICU::i18n PkgConfig::UUID PkgConfig::PQXX spdlog::spdlog
+            PkgConfig::CHART_DRAWING CLI11::CLI11)
   target_include_directories(TarnwellShared PUBLIC
     "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
     "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/widget_shared/include>"

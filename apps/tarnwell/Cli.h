@@ -7,6 +7,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -46,6 +47,24 @@ struct GlobalOptions {
 
 // What the chosen subcommand does once the Environment is installed.
 using Action = std::function<void()>;
+
+// Where the commands print: the standard output, or what a Session
+// captures while it runs a command for a library host.
+std::ostream& standardOutput();
+
+// While alive, what the commands print on this thread goes to `text()`.
+class CapturedOutput {
+ public:
+  CapturedOutput();
+  ~CapturedOutput();
+  CapturedOutput(const CapturedOutput&) = delete;
+  CapturedOutput& operator=(const CapturedOutput&) = delete;
+  std::string text() const;
+
+ private:
+  std::ostringstream stream_;
+  std::ostream* before_;
+};
 
 class Output {
  public:
@@ -211,6 +230,37 @@ bool waitForPushes(std::chrono::milliseconds timeout);
 // The cloud's part of launch() and finishRun().
 void resumeLaunch();
 void endLaunch();
+// Told by the commands that change which cloud this installation signed in
+// to: a launch joins its cloud once, so a Session launches again.
+void signedInCloudChanged();
+// Whether that happened since the last call.
+bool takeSignedInCloudChanged();
+// The cloud this process joined is left, as a launch ends for good.
+void leaveJoinedCloud();
+
+// The Environment of one installation as the global options describe it.
+// InputError for a container that cannot be used, a zone or locale ICU does
+// not know, or a --now that is not an instant.
+std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options);
+
+// The app starts: the Environment of `options` is installed, the log and
+// the health manager start. The store starts with launch().
+void startApp(const GlobalOptions& options);
+// The log drains and the Environment goes, every thread joined.
+void stopApp();
+
+// Every command of the host, their options written into `options` and the
+// chosen one's work into `action`. The global options are main's own.
+void addCommands(CLI::App& app, const GlobalOptions& options, Action& action);
+
+// The index of the first argument that is not valid UTF-8, if any: every
+// text the store keeps is UTF-8, and one that is not would make the next
+// launch set the whole store aside.
+std::optional<std::size_t> firstNonUtf8(const std::vector<std::string>& arguments);
+
+// The one line a host reports for a failed command: the store's failures
+// in a sentence (what holds it, never its SQL), others as they say.
+std::string describeFailure(const std::exception& error);
 
 // When `command` is chosen, `action` becomes: `parse` the input, start the
 // store, hand what `parse` returned to `body`. Bad input never opens the store.

@@ -178,6 +178,7 @@ void signInToServer(const GlobalOptions& options, CloudServer server) {
   }
   UserDefaults::standard().set(kCloudServerKey, server.url());
   UserDefaults::standard().removeObject(kCloudFolderKey);
+  signedInCloudChanged();
   Output(options).print(
       {{"server", server.url()}, {"deviceId", Settings::deviceId()}, {"ready", ready}},
       "Signed in to the cloud at " + server.url() +
@@ -193,6 +194,7 @@ void signInToFolder(const GlobalOptions& options, const std::string& target) {
   }
   UserDefaults::standard().set(kCloudFolderKey, folder.string());
   UserDefaults::standard().removeObject(kCloudServerKey);
+  signedInCloudChanged();
   Output(options).print({{"folder", folder.string()}, {"deviceId", Settings::deviceId()}},
                         "Signed in to the cloud in " + folder.string());
 }
@@ -204,6 +206,7 @@ void initServer(const GlobalOptions& options) {
   try {
     const bool existed = CloudEmulator::serverHoldsCloud(*server);
     thisDevice(*CloudEmulator::connect(*server, true, cloudQueue()))->setAccountStatus(CKAccountStatus::available);
+    signedInCloudChanged();
     Output(options).print({{"server", server->url()}, {"schema", server->schemaName()}, {"made", !existed}},
                           existed ? "The cloud of " + server->user + " at " + server->url() + " was there already"
                                   : "Made the cloud of " + server->user + " at " + server->url());
@@ -321,6 +324,8 @@ std::size_t deliverWaitingPushes() {
   }
 }
 
+void leaveJoinedCloud() { joinedCloud().reset(); }
+
 bool waitForPushes(std::chrono::milliseconds timeout) {
   const auto cloud = joinedCloud();
   if (!cloud) throw InputError("this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
@@ -361,6 +366,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
     }
     UserDefaults::standard().removeObject(kCloudFolderKey);
     UserDefaults::standard().removeObject(kCloudServerKey);
+    signedInCloudChanged();
     Output(options).print({{"folder", nullptr}}, "Signed out");
   });
 
@@ -374,6 +380,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       refuse("status", a->status, "couldNotDetermine, available, restricted, noAccount or temporarilyUnavailable");
     }
     thisDevice(*signedInCloud("cloud account"))->setAccountStatus(*status);
+    signedInCloudChanged();
     Output(options).print({{"accountStatus", a->status}}, "The account status reads " + a->status);
   });
 

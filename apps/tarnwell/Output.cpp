@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,11 +18,25 @@
 
 namespace tarnwell::cli {
 
+namespace {
+
+thread_local std::ostream* capturedOutput = nullptr;
+
+}  // namespace
+
+std::ostream& standardOutput() { return capturedOutput ? *capturedOutput : std::cout; }
+
+CapturedOutput::CapturedOutput() : before_(capturedOutput) { capturedOutput = &stream_; }
+
+CapturedOutput::~CapturedOutput() { capturedOutput = before_; }
+
+std::string CapturedOutput::text() const { return stream_.str(); }
+
 void Output::print(const nlohmann::ordered_json& value, const std::string& text) const {
   if (options_.json) {
-    std::cout << value.dump() << '\n';
+    standardOutput() << value.dump() << '\n';
   } else {
-    std::cout << text << '\n';
+    standardOutput() << text << '\n';
   }
 }
 
@@ -121,6 +136,7 @@ namespace {
 constexpr double kSettleHorizon = 1.0;
 
 bool launched = false;
+bool cloudChanged = false;
 
 void drainDueWork() {
   while (drainQueues() > 0) {
@@ -130,6 +146,8 @@ void drainDueWork() {
 }  // namespace
 
 void launch() {
+  // A Session runs many commands in one launch.
+  if (launched) return;
   joinSignedInCloud([](const nlohmann::json& userInfo) { CloudService::handleRemoteNotification(userInfo); });
   // The app publishes for its widgets wherever the store announces a change.
   WidgetDatabase::connectToDatabase();
@@ -154,6 +172,23 @@ void settleOperations() {
 void finishRun() {
   settleOperations();
   if (launched) endLaunch();
+  launched = false;
+}
+
+void signedInCloudChanged() { cloudChanged = true; }
+
+bool takeSignedInCloudChanged() { return std::exchange(cloudChanged, false); }
+
+std::optional<std::size_t> firstNonUtf8(const std::vector<std::string>& arguments) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (!g_utf8_validate(arguments[i].data(), static_cast<gssize>(arguments[i].size()), nullptr)) return i;
+  }
+  return std::nullopt;
+}
+
+std::string describeFailure(const std::exception& error) {
+  if (const auto* store = dynamic_cast<const sqlite::Error*>(&error)) return Database::describeFailure(*store);
+  return error.what();
 }
 
 Progress::Progress(std::string what) : what_(std::move(what)), terminal_(::isatty(STDERR_FILENO) != 0) {}

@@ -169,7 +169,7 @@ void watch(const GlobalOptions& options, std::optional<double> seconds) {
   const auto deadline =
       seconds ? Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*seconds))
               : Clock::time_point::max();
-  if (!options.json) std::cout << "Watching for pushes" << (seconds ? "" : " until interrupted") << std::endl;
+  if (!options.json) standardOutput() << "Watching for pushes" << (seconds ? "" : " until interrupted") << std::endl;
   std::size_t pushes = 0;
   while (!interrupted && Clock::now() < deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
@@ -179,7 +179,7 @@ void watch(const GlobalOptions& options, std::optional<double> seconds) {
     pushes += delivered;
     settleOperations();
     if (!options.json) {
-      std::cout << "Heard " << delivered << (delivered == 1 ? " push" : " pushes") << std::endl;
+      standardOutput() << "Heard " << delivered << (delivered == 1 ? " push" : " pushes") << std::endl;
     }
   }
   std::signal(SIGINT, SIG_DFL);
