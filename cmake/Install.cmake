@@ -48,6 +48,10 @@ if(TARNWELL_SHARED)
   string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
   configure_file(cmake/tarnwell.pc.in "${CMAKE_CURRENT_BINARY_DIR}/tarnwell.pc" @ONLY)
   install(FILES "${CMAKE_CURRENT_BINARY_DIR}/tarnwell.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+
+  # The Python package, over the shared library beside it.
+  install(DIRECTORY python/tarnwell DESTINATION "${CMAKE_INSTALL_LIBDIR}/python"
+    PATTERN __pycache__ EXCLUDE)
 endif()
 
 install(DIRECTORY include/ widget_shared/include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")

@@ -18,6 +18,8 @@ case "${1:-}" in
       postgresql
       # The browser test of the report
       chromium chromium-driver python3-selenium
+      # The Python package's tests, with the data frames it returns
+      python3-pytest python3-pandas
     )
     ;;
   *) echo "bootstrap.sh: unknown argument \"$1\" (--tests or nothing)" >&2; exit 2 ;;

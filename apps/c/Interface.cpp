@@ -3,20 +3,89 @@
 // in any language gets the checks and the JSON of `tarnwell --json`.
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Session.h"
 #include "tarnwell/c/tarnwell.h"
 #include "tarnwell/modules/Database.h"
 
+namespace {
+
+// The thread an installation's session lives on. The main queue belongs to
+// the thread that made it, and a host calls from whichever thread it likes
+// (a phone app's main thread, a worker, Python's): each call is handed here
+// and waited for, so the session sees one thread and the caller sees a call.
+class SessionThread {
+ public:
+  SessionThread() : thread_([this] { serve(); }) {}
+
+  ~SessionThread() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    ready_.notify_all();
+    thread_.join();
+  }
+
+  SessionThread(const SessionThread&) = delete;
+  SessionThread& operator=(const SessionThread&) = delete;
+
+  // Runs `work` here; what it threw is thrown to the caller.
+  void perform(const std::function<void()>& work) {
+    std::exception_ptr failure;
+    {
+      std::lock_guard lock(mutex_);
+      work_ = [&] {
+        try {
+          work();
+        } catch (...) {
+          failure = std::current_exception();
+        }
+      };
+    }
+    ready_.notify_all();
+    std::unique_lock lock(mutex_);
+    finished_.wait(lock, [&] { return !work_; });
+    if (failure) std::rethrow_exception(failure);
+  }
+
+ private:
+  void serve() {
+    std::unique_lock lock(mutex_);
+    while (true) {
+      ready_.wait(lock, [this] { return stopping_ || work_; });
+      if (!work_) return;
+      lock.unlock();
+      work_();
+      lock.lock();
+      work_ = nullptr;
+      finished_.notify_all();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable ready_, finished_;
+  std::function<void()> work_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace
+
 struct tarnwell_installation {
+  SessionThread thread;
   std::unique_ptr<tarnwell::cli::Session> session;
 };
 
@@ -88,40 +157,57 @@ nlohmann::json parseJSON(const char* text, const char* name, bool object) {
 }
 
 // A JSON value as a command line's word: text as it is, other values as JSON.
-std::string word(const nlohmann::json& value) {
-  return value.is_string() ? value.get<std::string>() : value.dump();
+std::string word(const nlohmann::json& value) { return value.is_string() ? value.get<std::string>() : value.dump(); }
+
+// "--name=value": a value that starts with "-" stays a value.
+std::string option(const std::string& name, const std::string& value) { return "--" + name + "=" + value; }
+
+// The command `words` with its options, then its positional values after
+// "--", so that no value a caller hands in can be taken for an option.
+Arguments line(Arguments words, const Arguments& options, const Arguments& positionals) {
+  words.insert(words.end(), options.begin(), options.end());
+  words.push_back("--");
+  words.insert(words.end(), positionals.begin(), positionals.end());
+  return words;
 }
 
-// "focusId" as the option "--focus-id".
-std::string optionName(const std::string& key) {
-  std::string name = "--";
+// "focusId" as the option name "focus-id"; InputError for a key that names
+// no option.
+std::string optionName(const std::string& key, const char* object) {
+  std::string name;
   for (const char c : key) {
     if (c >= 'A' && c <= 'Z') {
       name += '-';
       name += static_cast<char>(c - 'A' + 'a');
-    } else {
+    } else if (c >= 'a' && c <= 'z') {
       name += c;
+    } else {
+      throw InputError(std::string(object) + " has the key \"" + key + "\", which names no option");
     }
+  }
+  if (name.empty() || name.front() == '-') {
+    throw InputError(std::string(object) + " has the key \"" + key + "\", which names no option");
   }
   return name;
 }
 
-// The object's keys as options after `arguments`: true is a flag, false
-// and null leave the option out, anything else is its value. `positional`
-// keys, in that order, go first, unnamed; each of them is required.
-Arguments withOptions(Arguments arguments, const nlohmann::json& object, const std::vector<std::string>& positional,
-                      const char* name) {
+// The command `words` with the JSON object `object` as its options: true is
+// a flag, false and null leave the option out, anything else is its value.
+// The `positional` keys, each required, are its positional values in order.
+Arguments fromObject(Arguments words, const nlohmann::json& object, const std::vector<std::string>& positional,
+                     const char* name) {
+  Arguments options, positionals;
   for (const auto& key : positional) {
     if (!object.contains(key) || object[key].is_null()) throw InputError(std::string(name) + " has no \"" + key + "\"");
-    arguments.push_back(word(object[key]));
+    positionals.push_back(word(object[key]));
   }
   for (const auto& [key, value] : object.items()) {
     if (std::find(positional.begin(), positional.end(), key) != positional.end()) continue;
+    const std::string option = optionName(key, name);
     if (value.is_null() || (value.is_boolean() && !value.get<bool>())) continue;
-    arguments.push_back(optionName(key));
-    if (!value.is_boolean()) arguments.push_back(word(value));
+    options.push_back(value.is_boolean() ? "--" + option : ::option(option, word(value)));
   }
-  return arguments;
+  return line(std::move(words), options, positionals);
 }
 
 // Runs `body` on the session of the open installation `installation`; the
@@ -132,7 +218,8 @@ tarnwell_status answer(tarnwell_installation* installation, char** out,
   std::lock_guard lock(callLock());
   return guarded([&] {
     if (!installation || installation != openInstallation) throw InputError("the installation is NULL or closed");
-    const std::string answer = body(*installation->session);
+    std::string answer;
+    installation->thread.perform([&] { answer = body(*installation->session); });
     if (!out) return;
     char* copy = static_cast<char*>(std::malloc(answer.size() + 1));
     if (!copy) throw std::bad_alloc();
@@ -167,10 +254,12 @@ void requireRecord(const std::string& kind, const std::string& id) {
   if (!found) throw NotFound("no " + kind + " has the id " + id);
 }
 
-Arguments range(Arguments arguments, const char* from, const char* to) {
-  if (from) arguments.insert(arguments.end(), {"--from", from});
-  if (to) arguments.insert(arguments.end(), {"--to", to});
-  return arguments;
+// The options of a stretch of time, each end open when NULL.
+Arguments range(const char* from, const char* to) {
+  Arguments options;
+  if (from) options.push_back(option("from", from));
+  if (to) options.push_back(option("to", to));
+  return options;
 }
 
 }  // namespace
@@ -195,14 +284,19 @@ tarnwell_status tarnwell_open(const char* options_json, tarnwell_installation** 
       if (!value.is_string()) throw InputError("option \"" + key + "\" is not text");
       const std::string text = value.get<std::string>();
       if (tarnwell::cli::firstNonUtf8({text})) throw InputError("option \"" + key + "\" is not valid UTF-8");
-      if (key == "container") options.container = text;
-      else if (key == "timeZone") options.timeZone = text;
-      else if (key == "locale") options.locale = text;
-      else if (key == "now") options.now = text;
-      else throw InputError("unknown option \"" + key + "\" (container, timeZone, locale or now)");
+      if (key == "container")
+        options.container = text;
+      else if (key == "timeZone")
+        options.timeZone = text;
+      else if (key == "locale")
+        options.locale = text;
+      else if (key == "now")
+        options.now = text;
+      else
+        throw InputError("unknown option \"" + key + "\" (container, timeZone, locale or now)");
     }
     auto installation = std::make_unique<tarnwell_installation>();
-    installation->session = std::make_unique<Session>(std::move(options));
+    installation->thread.perform([&] { installation->session = std::make_unique<Session>(std::move(options)); });
     openInstallation = installation.release();
     *out = openInstallation;
   });
@@ -215,9 +309,10 @@ tarnwell_status tarnwell_close(tarnwell_installation* installation) {
     if (installation != openInstallation) throw InputError("the installation is not open");
     openInstallation = nullptr;
     const std::unique_ptr<tarnwell_installation> closing(installation);
-    // The session's destructor cannot report; its end is asked for here.
-    auto session = std::move(closing->session);
-    session.reset();
+    closing->thread.perform([&] {
+      closing->session->end();
+      closing->session.reset();
+    });
   });
 }
 
@@ -226,9 +321,7 @@ tarnwell_status tarnwell_set_now(tarnwell_installation* installation, const char
   return guarded([&] {
     if (!installation || installation != openInstallation) throw InputError("the installation is NULL or closed");
     const std::string text = required(now, "now");
-    const auto date = tarnwell::Date::parseISO8601(text, tarnwell::Region::current().timeZoneId());
-    if (!date) throw InputError("now: \"" + text + "\" is not an ISO 8601 date or time");
-    installation->session->setNow(tarnwell::cli::checkInstant(text, *date));
+    installation->thread.perform([&] { installation->session->setNow(tarnwell::cli::parseInstant(text)); });
   });
 }
 
@@ -248,7 +341,7 @@ tarnwell_status tarnwell_run(tarnwell_installation* installation, const char* ar
 tarnwell_status tarnwell_add_event(tarnwell_installation* installation, const char* kind, const char* start,
                                    const char* end, char** out) {
   return call(installation, out, [&] {
-    return Arguments{eventKind(kind), "add", required(start, "start"), required(end, "end")};
+    return line({eventKind(kind), "add"}, {}, {required(start, "start"), required(end, "end")});
   });
 }
 
@@ -256,15 +349,15 @@ tarnwell_status tarnwell_edit_event(tarnwell_installation* installation, const c
                                     const char* start, const char* end) {
   return call(installation, nullptr, [&] {
     const std::string what = eventKind(kind);
-    Arguments arguments{what, "edit", required(id, "id")};
+    Arguments values{required(id, "id")};
     if (what == "pickup") {
       if (start) throw InputError("a pickup keeps its start: pass NULL");
     } else {
-      arguments.push_back(required(start, "start"));
+      values.push_back(required(start, "start"));
     }
-    arguments.push_back(required(end, "end"));
-    requireRecord(what, arguments[2]);
-    return arguments;
+    values.push_back(required(end, "end"));
+    requireRecord(what, id);
+    return line({what, "edit"}, {}, values);
   });
 }
 
@@ -273,21 +366,24 @@ tarnwell_status tarnwell_delete_event(tarnwell_installation* installation, const
     const std::string what = eventKind(kind);
     if (what != "pickup") throw InputError(what + " spans are merged as they come and cannot be deleted");
     requireRecord(what, required(id, "id"));
-    return Arguments{what, "delete", id};
+    return line({what, "delete"}, {}, {id});
   });
 }
 
 tarnwell_status tarnwell_list_events(tarnwell_installation* installation, const char* kind, const char* from,
                                      const char* to, char** out) {
-  return call(installation, out, [&] { return range({eventKind(kind), "list"}, from, to); });
+  return call(installation, out, [&] { return line({eventKind(kind), "list"}, range(from, to), {}); });
+}
+
+tarnwell_status tarnwell_import_file(tarnwell_installation* installation, const char* path, const char* format,
+                                     char** out) {
+  return call(installation, out, [&] {
+    return line({"import"}, {option("format", format ? format : "tarnwell")}, {required(path, "path")});
+  });
 }
 
 tarnwell_status tarnwell_day(tarnwell_installation* installation, const char* date, char** out) {
-  return call(installation, out, [&] {
-    Arguments arguments{"day"};
-    if (date) arguments.push_back(date);
-    return arguments;
-  });
+  return call(installation, out, [&] { return line({"day"}, {}, date ? Arguments{date} : Arguments{}); });
 }
 
 tarnwell_status tarnwell_days(tarnwell_installation* installation, const char* first, const char* last, char** out) {
@@ -296,13 +392,16 @@ tarnwell_status tarnwell_days(tarnwell_installation* installation, const char* f
     const tarnwell::Date from = tarnwell::cli::parseInstant(firstText).startOfDay();
     const tarnwell::Date to = tarnwell::cli::parseInstant(lastText).startOfDay();
     if (to < from) throw InputError("last: \"" + lastText + "\" is before first");
-    constexpr int kMostDays = 3660;
+    // Days of 23 to 25 hours: the span's seconds bound the count closely
+    // enough to refuse before any day is read.
+    constexpr double kMostDays = 3660;
+    if (to.timeIntervalSince(from) > (kMostDays - 1) * 86400 + 3600) {
+      throw InputError("at most 3660 days are read at once");
+    }
     std::string days = "[";
-    int count = 0;
     for (tarnwell::Date day = from; day <= to; day = day.addingDay(1)) {
-      if (++count > kMostDays) throw InputError("at most 3660 days are read at once");
-      if (count > 1) days += ',';
-      days += session.run({"day", day.iso8601()});
+      if (day != from) days += ',';
+      days += session.run(line({"day"}, {}, {day.iso8601()}));
     }
     return days + "]";
   });
@@ -310,34 +409,33 @@ tarnwell_status tarnwell_days(tarnwell_installation* installation, const char* f
 
 tarnwell_status tarnwell_summary(tarnwell_installation* installation, const char* from, int count, char** out) {
   return call(installation, out, [&] {
-    return Arguments{"summary", "--from", required(from, "from"), "--count", std::to_string(count)};
+    return line({"summary"}, {option("from", required(from, "from")), option("count", std::to_string(count))}, {});
   });
 }
 
 tarnwell_status tarnwell_chart(tarnwell_installation* installation, const char* metric, const char* range,
                                const char* date, char** out) {
   return call(installation, out, [&] {
-    Arguments arguments{"chart", required(metric, "metric"), "--range", required(range, "range")};
-    if (date) arguments.insert(arguments.end(), {"--date", date});
-    return arguments;
+    Arguments options{option("range", required(range, "range"))};
+    if (date) options.push_back(option("date", date));
+    return line({"chart"}, options, {required(metric, "metric")});
   });
 }
 
 tarnwell_status tarnwell_streaks(tarnwell_installation* installation, char** out) {
-  return call(installation, out, [] { return Arguments{"streaks"}; });
+  return call(installation, out, [] { return line({"streaks"}, {}, {}); });
 }
 
 tarnwell_status tarnwell_list_tags(tarnwell_installation* installation, int archived, char** out) {
   return call(installation, out, [&] {
-    Arguments arguments{"tag", "list"};
-    if (archived) arguments.push_back("--archived");
-    return arguments;
+    return line({"tag", "list"}, archived ? Arguments{"--archived"} : Arguments{}, {});
   });
 }
 
 tarnwell_status tarnwell_add_tag(tarnwell_installation* installation, const char* tag_json, char** out) {
-  return call(installation, out,
-              [&] { return withOptions({"tag", "add"}, parseJSON(tag_json, "tag", true), {"title"}, "tag"); });
+  return call(installation, out, [&] {
+    return fromObject({"tag", "add"}, parseJSON(tag_json, "tag", true), {"title"}, "tag");
+  });
 }
 
 tarnwell_status tarnwell_edit_tag(tarnwell_installation* installation, const char* id, const char* tag_json,
@@ -347,107 +445,98 @@ tarnwell_status tarnwell_edit_tag(tarnwell_installation* installation, const cha
     // A flag when adding, a value when editing: false turns it off.
     if (json.contains("mindful") && json["mindful"].is_boolean()) json["mindful"] = json["mindful"].dump();
     requireRecord("tag", required(id, "id"));
-    return withOptions({"tag", "edit", id}, json, {}, "tag");
+    json["id"] = id;
+    return fromObject({"tag", "edit"}, json, {"id"}, "tag");
   });
 }
 
 tarnwell_status tarnwell_delete_tag(tarnwell_installation* installation, const char* id, const char* migrate_to) {
   return call(installation, nullptr, [&] {
     requireRecord("tag", required(id, "id"));
-    Arguments arguments{"tag", "delete", id};
-    if (migrate_to) arguments.insert(arguments.end(), {"--migrate-to", migrate_to});
-    return arguments;
+    return line({"tag", "delete"}, migrate_to ? Arguments{option("migrate-to", migrate_to)} : Arguments{}, {id});
   });
 }
 
 tarnwell_status tarnwell_add_focus(tarnwell_installation* installation, const char* focus_json, char** out) {
   return call(installation, out, [&] {
-    return withOptions({"focus", "add"}, parseJSON(focus_json, "focus", true), {"start", "end"}, "focus");
+    return fromObject({"focus", "add"}, parseJSON(focus_json, "focus", true), {"start", "end"}, "focus");
   });
 }
 
 tarnwell_status tarnwell_list_focuses(tarnwell_installation* installation, const char* from, const char* to,
                                       char** out) {
-  return call(installation, out, [&] { return range({"focus", "list"}, from, to); });
+  return call(installation, out, [&] { return line({"focus", "list"}, range(from, to), {}); });
 }
 
 tarnwell_status tarnwell_delete_focus(tarnwell_installation* installation, const char* id) {
   return call(installation, nullptr, [&] {
     requireRecord("focus", required(id, "id"));
-    return Arguments{"focus", "delete", id};
+    return line({"focus", "delete"}, {}, {id});
   });
 }
 
 tarnwell_status tarnwell_settings(tarnwell_installation* installation, char** out) {
-  return call(installation, out, [] { return Arguments{"settings", "list"}; });
+  return call(installation, out, [] { return line({"settings", "list"}, {}, {}); });
 }
 
 tarnwell_status tarnwell_set_setting(tarnwell_installation* installation, const char* name, const char* value,
                                      char** out) {
   return call(installation, out, [&] {
-    return Arguments{"settings", "set", required(name, "name"), required(value, "value")};
+    return line({"settings", "set"}, {}, {required(name, "name"), required(value, "value")});
   });
 }
 
 tarnwell_status tarnwell_set_sleep_source(tarnwell_installation* installation, const char* bundle, const char* name) {
   return call(installation, nullptr, [&] {
-    const nlohmann::json source = bundle ? nlohmann::json{{"bundleIdentifier", bundle}, {"name", required(name, "name")}}
-                                         : nlohmann::json(nullptr);
-    return Arguments{"settings", "set", "defaultSleepDataSource", source.dump()};
+    const nlohmann::json source = bundle
+                                      ? nlohmann::json{{"bundleIdentifier", bundle}, {"name", required(name, "name")}}
+                                      : nlohmann::json(nullptr);
+    return line({"settings", "set"}, {}, {"defaultSleepDataSource", source.dump()});
   });
 }
 
 tarnwell_status tarnwell_cloud_sign_in(tarnwell_installation* installation, const char* cloud, char** out) {
-  return call(installation, out, [&] { return Arguments{"cloud", "sign-in", required(cloud, "cloud")}; });
+  return call(installation, out, [&] { return line({"cloud", "sign-in"}, {}, {required(cloud, "cloud")}); });
 }
 
 tarnwell_status tarnwell_cloud_sign_out(tarnwell_installation* installation) {
-  return call(installation, nullptr, [] { return Arguments{"cloud", "sign-out"}; });
+  return call(installation, nullptr, [] { return line({"cloud", "sign-out"}, {}, {}); });
 }
 
 tarnwell_status tarnwell_sync_pull(tarnwell_installation* installation, char** out) {
-  return call(installation, out, [] { return Arguments{"sync", "pull"}; });
+  return call(installation, out, [] { return line({"sync", "pull"}, {}, {}); });
 }
 
 tarnwell_status tarnwell_sync_push(tarnwell_installation* installation, char** out) {
-  return call(installation, out, [] { return Arguments{"sync", "push"}; });
+  return call(installation, out, [] { return line({"sync", "push"}, {}, {}); });
 }
 
 tarnwell_status tarnwell_sync_status(tarnwell_installation* installation, char** out) {
-  return call(installation, out, [] { return Arguments{"sync", "status"}; });
+  return call(installation, out, [] { return line({"sync", "status"}, {}, {}); });
 }
 
 tarnwell_status tarnwell_widget_summaries(tarnwell_installation* installation, char** out) {
-  return call(installation, out, [] { return Arguments{"widgets", "show"}; });
+  return call(installation, out, [] { return line({"widgets", "show"}, {}, {}); });
 }
 
 tarnwell_status tarnwell_build_link(tarnwell_installation* installation, const char* link_json, char** out) {
   return call(installation, out,
-              [&] { return withOptions({"link"}, parseJSON(link_json, "link", true), {"case"}, "link"); });
+              [&] { return fromObject({"link"}, parseJSON(link_json, "link", true), {"case"}, "link"); });
 }
 
 tarnwell_status tarnwell_read_link(tarnwell_installation* installation, const char* url, char** out) {
-  return call(installation, out, [&] { return Arguments{"link", "parse", required(url, "url")}; });
+  return call(installation, out, [&] { return line({"link"}, {}, {"parse", required(url, "url")}); });
 }
 
 tarnwell_status tarnwell_handle_intent(tarnwell_installation* installation, const char* name,
                                        const char* parameters_json, char** out) {
   return call(installation, out, [&] {
-    Arguments arguments{"intent", "handle", required(name, "name")};
+    Arguments options;
     if (parameters_json) {
       const auto parameters = parseJSON(parameters_json, "parameters", true);
-      for (const auto& [key, value] : parameters.items()) {
-        arguments.insert(arguments.end(), {"--param", key + "=" + word(value)});
-      }
+      for (const auto& [key, value] : parameters.items()) options.push_back(option("param", key + "=" + word(value)));
     }
-    return arguments;
-  });
-}
-
-tarnwell_status tarnwell_import_file(tarnwell_installation* installation, const char* path, const char* format,
-                                     char** out) {
-  return call(installation, out, [&] {
-    return Arguments{"import", required(path, "path"), "--format", format ? std::string(format) : "tarnwell"};
+    return line({"intent", "handle"}, options, {required(name, "name")});
   });
 }
 

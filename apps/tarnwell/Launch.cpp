@@ -42,7 +42,8 @@ std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
       options.container ? std::optional<std::filesystem::path>(*options.container) : std::nullopt);
   const Region system = Region::system();
   try {
-    configuration.region = Region(options.timeZone.value_or(system.timeZoneId()), options.locale.value_or(system.localeId()));
+    configuration.region =
+        Region(options.timeZone.value_or(system.timeZoneId()), options.locale.value_or(system.localeId()));
   } catch (const std::invalid_argument& error) {
     throw InputError(error.what());
   }

@@ -10,9 +10,14 @@ Session::Session(GlobalOptions options) : options_(std::move(options)) {
   open();
 }
 
+void Session::end() {
+  if (std::exchange(ended_, true)) return;
+  close();
+}
+
 Session::~Session() {
   try {
-    close();
+    end();
   } catch (...) {
     // What the queues still had failed; the commands that asked for it
     // were answered, and a destructor has no one to tell.
@@ -42,6 +47,7 @@ void Session::close() {
 }
 
 std::string Session::run(const std::vector<std::string>& arguments) {
+  if (ended_) throw InputError("the installation was closed");
   if (const auto bad = firstNonUtf8(arguments)) {
     throw InputError("argument " + std::to_string(*bad + 1) + " is not valid UTF-8");
   }

@@ -26,7 +26,10 @@ class Session {
   // InputError for bad options, a store that had to be set aside and such.
   explicit Session(GlobalOptions options);
   // Ends the launch as a process's exit does: what the commands left to the
-  // queues runs first.
+  // queues runs first. Throws what failed there; the launch is over all the
+  // same. Once only.
+  void end();
+  // Ends the launch unless end() did; a failure there goes unreported.
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -46,6 +49,7 @@ class Session {
   void close();
 
   GlobalOptions options_;
+  bool ended_ = false;
 };
 
 }  // namespace tarnwell::cli

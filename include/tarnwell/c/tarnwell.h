@@ -58,14 +58,14 @@ typedef enum tarnwell_status {
 typedef struct tarnwell_installation tarnwell_installation;
 
 /* "0.1.0": the library's version. Static text. */
-const char *tarnwell_version(void);
+const char* tarnwell_version(void);
 
 /* The message of the last call on this thread that did not return
  * TARNWELL_OK, "" after one that did. Valid until this thread's next call. */
-const char *tarnwell_last_error(void);
+const char* tarnwell_last_error(void);
 
 /* Releases text the library handed out. NULL is ignored. */
-void tarnwell_free(char *text);
+void tarnwell_free(char* text);
 
 /* Opens the installation that `options_json` describes, launching the app
  * there, and sets `*out` to it. Every key is optional:
@@ -75,60 +75,60 @@ void tarnwell_free(char *text);
  *    "now": "2026-11-25T20:00:00Z"}              (pins the clock; see
  *                                                 tarnwell_set_now)
  * NULL is {}. */
-tarnwell_status tarnwell_open(const char *options_json, tarnwell_installation **out);
+tarnwell_status tarnwell_open(const char* options_json, tarnwell_installation** out);
 
 /* Lets what the calls set going finish (announcements, widget summaries,
  * cloud sends), ends the launch and releases `installation`. NULL is
  * ignored. The handle is gone even when this fails. */
-tarnwell_status tarnwell_close(tarnwell_installation *installation);
+tarnwell_status tarnwell_close(tarnwell_installation* installation);
 
 /* Moves the pinned clock: the host's own clock, injected. Only for an
  * installation opened with "now". */
-tarnwell_status tarnwell_set_now(tarnwell_installation *installation, const char *now);
+tarnwell_status tarnwell_set_now(tarnwell_installation* installation, const char* now);
 
 /* Any command of the command line, as a JSON array of its words without
  * the program's name (["day", "2026-11-25"]); `*out` is what it printed. */
-tarnwell_status tarnwell_run(tarnwell_installation *installation, const char *arguments_json, char **out);
+tarnwell_status tarnwell_run(tarnwell_installation* installation, const char* arguments_json, char** out);
 
 /* Events. `kind` is "pickup", "walk" or "alive" (the monitor ran).
  * Adding gives the record as JSON; editing moves its ends (a pickup keeps
  * its start: pass NULL); only pickups can be deleted. Listing gives the
  * records with a start or end between `from` and `to`, either NULL for no
  * bound. */
-tarnwell_status tarnwell_add_event(tarnwell_installation *installation, const char *kind, const char *start,
-                                   const char *end, char **out);
-tarnwell_status tarnwell_edit_event(tarnwell_installation *installation, const char *kind, const char *id,
-                                    const char *start, const char *end);
-tarnwell_status tarnwell_delete_event(tarnwell_installation *installation, const char *kind, const char *id);
-tarnwell_status tarnwell_list_events(tarnwell_installation *installation, const char *kind, const char *from,
-                                     const char *to, char **out);
+tarnwell_status tarnwell_add_event(tarnwell_installation* installation, const char* kind, const char* start,
+                                   const char* end, char** out);
+tarnwell_status tarnwell_edit_event(tarnwell_installation* installation, const char* kind, const char* id,
+                                    const char* start, const char* end);
+tarnwell_status tarnwell_delete_event(tarnwell_installation* installation, const char* kind, const char* id);
+tarnwell_status tarnwell_list_events(tarnwell_installation* installation, const char* kind, const char* from,
+                                     const char* to, char** out);
 
 /* Reads the events of a CSV file into the installation: `format` "tarnwell"
  * (kind,start,end rows; NULL means it) or "aware" (the AWARE framework's
  * screen events). Gives what was read, as `tarnwell import --json`. */
-tarnwell_status tarnwell_import_file(tarnwell_installation *installation, const char *path, const char *format,
-                                     char **out);
+tarnwell_status tarnwell_import_file(tarnwell_installation* installation, const char* path, const char* format,
+                                     char** out);
 
 /* Every metric of the day of `date` (NULL: today), its night and its hours,
  * as `tarnwell day --json`. */
-tarnwell_status tarnwell_day(tarnwell_installation *installation, const char *date, char **out);
+tarnwell_status tarnwell_day(tarnwell_installation* installation, const char* date, char** out);
 
 /* The days from the day of `first` to the day of `last`, both included
  * (at most 3660), as a JSON array of what tarnwell_day gives. */
-tarnwell_status tarnwell_days(tarnwell_installation *installation, const char *first, const char *last, char **out);
+tarnwell_status tarnwell_days(tarnwell_installation* installation, const char* first, const char* last, char** out);
 
 /* Totals and averages of `count` days from the day of `from`, as
  * `tarnwell summary --json`. */
-tarnwell_status tarnwell_summary(tarnwell_installation *installation, const char *from, int count, char **out);
+tarnwell_status tarnwell_summary(tarnwell_installation* installation, const char* from, int count, char** out);
 
 /* The chart model of `metric` ("screenTime", "pickups", ..., "focus",
  * "failedTimes" or "tag:ID") for the "day", "week", "month" or "year" of
  * `date` (NULL: now), as `tarnwell chart --json`. */
-tarnwell_status tarnwell_chart(tarnwell_installation *installation, const char *metric, const char *range,
-                               const char *date, char **out);
+tarnwell_status tarnwell_chart(tarnwell_installation* installation, const char* metric, const char* range,
+                               const char* date, char** out);
 
 /* Days in a row the screen-time, pickup and sleep goals were kept. */
-tarnwell_status tarnwell_streaks(tarnwell_installation *installation, char **out);
+tarnwell_status tarnwell_streaks(tarnwell_installation* installation, char** out);
 
 /* Focus tags and sessions. A tag's fields, all optional but the title on
  * adding: {"title", "emoji", "color": "#rrggbb", "goal": ">=SECONDS" or
@@ -137,54 +137,54 @@ tarnwell_status tarnwell_streaks(tarnwell_installation *installation, char **out
  * {"start", "end" (required), "tag", "goal", "progress", "type", "mode":
  * "easy" or "strict", "id"}. Deleting a tag moves its sessions to the tag
  * `migrate_to`, or deletes them when it is NULL. */
-tarnwell_status tarnwell_list_tags(tarnwell_installation *installation, int archived, char **out);
-tarnwell_status tarnwell_add_tag(tarnwell_installation *installation, const char *tag_json, char **out);
-tarnwell_status tarnwell_edit_tag(tarnwell_installation *installation, const char *id, const char *tag_json,
-                                  char **out);
-tarnwell_status tarnwell_delete_tag(tarnwell_installation *installation, const char *id, const char *migrate_to);
-tarnwell_status tarnwell_add_focus(tarnwell_installation *installation, const char *focus_json, char **out);
-tarnwell_status tarnwell_list_focuses(tarnwell_installation *installation, const char *from, const char *to,
-                                      char **out);
-tarnwell_status tarnwell_delete_focus(tarnwell_installation *installation, const char *id);
+tarnwell_status tarnwell_list_tags(tarnwell_installation* installation, int archived, char** out);
+tarnwell_status tarnwell_add_tag(tarnwell_installation* installation, const char* tag_json, char** out);
+tarnwell_status tarnwell_edit_tag(tarnwell_installation* installation, const char* id, const char* tag_json,
+                                  char** out);
+tarnwell_status tarnwell_delete_tag(tarnwell_installation* installation, const char* id, const char* migrate_to);
+tarnwell_status tarnwell_add_focus(tarnwell_installation* installation, const char* focus_json, char** out);
+tarnwell_status tarnwell_list_focuses(tarnwell_installation* installation, const char* from, const char* to,
+                                      char** out);
+tarnwell_status tarnwell_delete_focus(tarnwell_installation* installation, const char* id);
 
 /* Settings by property name ("defaultScreenTimeGoal", ...). The value is
  * text as the command line takes it ("18000", "true", "null" clears an
  * optional one). */
-tarnwell_status tarnwell_settings(tarnwell_installation *installation, char **out);
-tarnwell_status tarnwell_set_setting(tarnwell_installation *installation, const char *name, const char *value,
-                                     char **out);
+tarnwell_status tarnwell_settings(tarnwell_installation* installation, char** out);
+tarnwell_status tarnwell_set_setting(tarnwell_installation* installation, const char* name, const char* value,
+                                     char** out);
 
 /* Where the night comes from: the application `bundle` that writes sleep
  * to the health store, shown as `name`; NULL `bundle` is the inference from
  * phone use. */
-tarnwell_status tarnwell_set_sleep_source(tarnwell_installation *installation, const char *bundle, const char *name);
+tarnwell_status tarnwell_set_sleep_source(tarnwell_installation* installation, const char* bundle, const char* name);
 
 /* The cloud: a folder the user's installations share, or a server
  * "postgresql://USER@HOST:PORT/DB" (its password from PGPASSFILE). The
  * sign-in takes effect at once. Pull fetches what the other devices wrote;
  * push sends every record; status gives the account, the sync state and
  * the changes not yet sent. */
-tarnwell_status tarnwell_cloud_sign_in(tarnwell_installation *installation, const char *cloud, char **out);
-tarnwell_status tarnwell_cloud_sign_out(tarnwell_installation *installation);
-tarnwell_status tarnwell_sync_pull(tarnwell_installation *installation, char **out);
-tarnwell_status tarnwell_sync_push(tarnwell_installation *installation, char **out);
-tarnwell_status tarnwell_sync_status(tarnwell_installation *installation, char **out);
+tarnwell_status tarnwell_cloud_sign_in(tarnwell_installation* installation, const char* cloud, char** out);
+tarnwell_status tarnwell_cloud_sign_out(tarnwell_installation* installation);
+tarnwell_status tarnwell_sync_pull(tarnwell_installation* installation, char** out);
+tarnwell_status tarnwell_sync_push(tarnwell_installation* installation, char** out);
+tarnwell_status tarnwell_sync_status(tarnwell_installation* installation, char** out);
 
 /* What the home screen's widgets read: every published summary. */
-tarnwell_status tarnwell_widget_summaries(tarnwell_installation *installation, char **out);
+tarnwell_status tarnwell_widget_summaries(tarnwell_installation* installation, char** out);
 
 /* Deep links. Building takes {"case": "viewScreenTime", ...} with the
  * options of `tarnwell link` by their names ("type", "range", "tag",
  * "focusId", "widgetFamily", "standby": true, ...) and gives {"url",
  * "action"}; reading gives what the app takes from the link. */
-tarnwell_status tarnwell_build_link(tarnwell_installation *installation, const char *link_json, char **out);
-tarnwell_status tarnwell_read_link(tarnwell_installation *installation, const char *url, char **out);
+tarnwell_status tarnwell_build_link(tarnwell_installation* installation, const char* link_json, char** out);
+tarnwell_status tarnwell_read_link(tarnwell_installation* installation, const char* url, char** out);
 
 /* Handles the shortcut intent `name` ("StartToFocusIntent", ...) with
  * `parameters_json`, an object of its parameters (NULL: none), and gives
  * the handler's answer. */
-tarnwell_status tarnwell_handle_intent(tarnwell_installation *installation, const char *name,
-                                       const char *parameters_json, char **out);
+tarnwell_status tarnwell_handle_intent(tarnwell_installation* installation, const char* name,
+                                       const char* parameters_json, char** out);
 
 #ifdef __cplusplus
 }
