@@ -32,6 +32,8 @@ if(TARNWELL_SHARED)
     "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/widget_shared/include>"
     "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
   target_compile_features(TarnwellShared PUBLIC cxx_std_20)
+  # A symbol left undefined fails the link here, not in a program that loads it.
+  target_link_options(TarnwellShared PRIVATE -Wl,--no-undefined)
   # 0.x: every minor version may change the interface, so it is in the SONAME.
   set_target_properties(TarnwellShared PROPERTIES
     OUTPUT_NAME tarnwell

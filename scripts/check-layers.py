@@ -47,10 +47,17 @@ def layer_line(area):
     return "// Layers, bottom to top: " + " → ".join(names) + "."
 
 
+# The C interface's header is a host's, as apps/ are: it stands above every
+# layer and includes none of them.
+HOSTS = {"c"}
+
+
 def area_of(path):
     parts = path.split("/")
     if parts[0] == "widget_shared":
         return "widgets"
+    if parts[0] == "include" and len(parts) > 3 and parts[2] in HOSTS:
+        return None
     if parts[0] == "include" and len(parts) > 3:
         return parts[2]
     if parts[0] == "src" and len(parts) > 2:

@@ -23,10 +23,20 @@ fi
 # The areas whose code runs on more than one thread. Records, analytics,
 # charts, widgets and extensions compute on plain values, and the host's
 # tests run the host in processes of its own: those are for the second build.
-areas=(platform healthkit cloudkit settings store sync health modules)
+# The C interface (c) hands every call to its session's own thread.
+areas=(platform healthkit cloudkit settings store sync health modules c)
 scripts/build.sh tsan "${areas[@]/%/_tests}"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  ctest --test-dir build/tsan -j "$jobs" -L "$(IFS='|'; echo "${areas[*]}")" --output-on-failure
+  ctest --test-dir build/tsan -j "$jobs" -L "^($(IFS='|'; echo "${areas[*]}"))\$" --output-on-failure
+
+# The library as its users take it: built alone, installed into a fresh
+# prefix, the examples in C, C++ and Python built and run against it; then
+# the Python package's tests on the same build, with Debian's Python and
+# its pytest and pandas.
+scripts/build.sh release
+scripts/examples.sh build/release
+TARNWELL_LIBRARY="$PWD/build/release/libtarnwell.so" TARNWELL_BINARY="$PWD/build/release/apps/tarnwell/tarnwell" \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
 
 scripts/build.sh asan
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
