@@ -84,6 +84,8 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
       command, action, [arguments] { return openImport(arguments->file); },
       [&options, arguments](std::unique_ptr<std::ifstream>& in) {
         std::size_t pickups = 0, walks = 0, alives = 0, rows = 0, skipped = 0, unclosed = 0;
+        // From the first event's start to the last one's end: the days the import touched.
+        std::optional<DateInterval> span;
         const auto& device = arguments->device;
         std::error_code sizeError;
         const auto size = static_cast<double>(std::filesystem::file_size(arguments->file, sizeError));
@@ -93,6 +95,9 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
           Progress progress("import " + arguments->file);
           ImportReader reader(arguments->format == "aware" ? ImportFormat::aware : ImportFormat::tarnwell,
                               {[&](const ImportedEvent& event) {
+                                 span = span ? DateInterval(std::min(span->start(), event.start),
+                                                            std::max(span->end(), event.end))
+                                             : DateInterval(event.start, event.end);
                                  switch (event.kind) {
                                    case ImportedKind::pickup:
                                      insert<Pickup>(t, event, device);
@@ -143,6 +148,7 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
             {"skipped", skipped},
             {"unclosed", unclosed},
             {"deviceId", device.value_or(Settings::deviceId())},
+            {"span", optionalJSON(span)},
         };
         std::string text = "Imported " + std::to_string(pickups) + " pickups, " + std::to_string(walks) +
                            " walks and " + std::to_string(alives) + " alive spans from " + std::to_string(rows) +

@@ -1,10 +1,9 @@
 """An installation: one app's data, opened in this process."""
 
-import csv
 import ctypes
 import json
 import os
-from datetime import date, datetime, timedelta, timezone
+from datetime import date, datetime, timedelta
 
 from . import _frames
 from ._library import InvalidArgument, Status, answer, call
@@ -53,24 +52,6 @@ def _word(value):
     if isinstance(value, (list, tuple)):
         return ",".join(map(_word, value))
     return json.dumps(value)
-
-
-def _aware_span(path):
-    """The first unlock and the last lock or screen off of an AWARE screen file."""
-    first = last = None
-    with open(path, newline="", encoding="utf-8", errors="replace") as rows:
-        for row in csv.DictReader(rows):
-            try:
-                milliseconds, status = float(row["timestamp"]), row["screen_status"].strip()
-            except (KeyError, TypeError, ValueError, AttributeError):
-                continue  # a row the library skipped too
-            if status == "3":
-                first = milliseconds if first is None else min(first, milliseconds)
-            elif status in ("0", "2"):
-                last = milliseconds if last is None else max(last, milliseconds)
-    if first is None or last is None:
-        return None
-    return tuple(datetime.fromtimestamp(each / 1000, timezone.utc) for each in (first, last))
 
 
 class Installation:
@@ -174,12 +155,10 @@ class Installation:
     def import_aware(self, path):
         """Imports an AWARE screen CSV file, then gives the days its pickups
         cover, as days() does."""
-        read = self.import_file(path, "aware")
-        # The answer counts what was read, not when: the file tells.
-        span = _aware_span(path) if read["pickups"] else None
+        span = self.import_file(path, "aware")["span"]
         if span is None:
             return self._days([])
-        return self.days(*span)
+        return self.days(span["start"], span["end"])
 
     # Metrics.
 

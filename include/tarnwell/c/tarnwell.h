@@ -21,8 +21,9 @@
  * On failure `*out` is set to NULL. Text returned as `const char *` is the
  * library's and stays valid as that function's comment says.
  *
- * Threads. Any thread may call; calls are serialised, each runs to its end
- * (the work it sets going included) before the next begins. A process
+ * Threads. Any thread may call; calls take turns, each running to its end
+ * (the work it sets going included) on the installation's own thread
+ * before the next begins. A process
  * holds one open installation at a time: the library's platform (clock,
  * queues, folders) is one per process, as an app's is. Opening a second
  * while one is open is TARNWELL_BUSY.
@@ -79,7 +80,8 @@ tarnwell_status tarnwell_open(const char* options_json, tarnwell_installation** 
 
 /* Lets what the calls set going finish (announcements, widget summaries,
  * cloud sends), ends the launch and releases `installation`. NULL is
- * ignored. The handle is gone even when this fails. */
+ * ignored. The handle is gone even when this fails. Close before the
+ * process exits: an installation left open is not closed for the host. */
 tarnwell_status tarnwell_close(tarnwell_installation* installation);
 
 /* Moves the pinned clock: the host's own clock, injected. Only for an
@@ -105,7 +107,8 @@ tarnwell_status tarnwell_list_events(tarnwell_installation* installation, const 
 
 /* Reads the events of a CSV file into the installation: `format` "tarnwell"
  * (kind,start,end rows; NULL means it) or "aware" (the AWARE framework's
- * screen events). Gives what was read, as `tarnwell import --json`. */
+ * screen events). Gives what was read, as `tarnwell import --json`: the
+ * counts, and "span", from the first event's start to the last one's end. */
 tarnwell_status tarnwell_import_file(tarnwell_installation* installation, const char* path, const char* format,
                                      char** out);
 
