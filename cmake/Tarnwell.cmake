@@ -26,6 +26,8 @@ function(tarnwell_generate_strings folder output)
   set(index 0)
   foreach(file IN LISTS languages)
     get_filename_component(language "${file}" NAME_WE)
+    # Read at configure time: an edited file must configure again.
+    set_property(DIRECTORY "${PROJECT_SOURCE_DIR}" APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${file}")
     file(READ "${file}" json)
     string(APPEND definitions "constexpr char kStrings${index}[] = R\"tarnwell_strings(${json})tarnwell_strings\";\n")
     string(APPEND entries "    {\"${language}\", kStrings${index}},\n")

@@ -18,6 +18,7 @@
 #include "tarnwell/platform/Base64.h"
 #include "tarnwell/platform/Date.h"
 #include "tarnwell/platform/Environment.h"
+#include "tarnwell/platform/Localization.h"
 #include "tarnwell/platform/Promise.h"
 #include "tarnwell/platform/WidgetCenter.h"
 #include "tarnwell/records/Properties.h"
@@ -30,6 +31,13 @@ struct StatisticsData;
 }  // namespace tarnwell
 
 namespace tarnwell::cli {
+
+// The host's own words in the user's language: the table "Host" of the
+// string resources, looked up as the library's texts are.
+inline std::string words(std::string_view key) { return localized(key, "Host"); }
+inline std::string words(std::string_view key, std::initializer_list<FormatArgument> arguments) {
+  return localizedFormat(key, arguments, "Host");
+}
 
 // Bad input from the user: printed as one line, exit status 1, nothing written.
 class InputError : public std::runtime_error {

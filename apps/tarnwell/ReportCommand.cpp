@@ -152,27 +152,28 @@ std::shared_ptr<const StatisticsDataType> metric(ScreenTimeDataType::Case value)
 void heading(Page& page, const Days& days) {
   const std::string name = AppInfo::displayName();
   const std::string range = dayText(days.first) + " – " + dayText(days.last);
-  page.html +=
-      "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>" +
-      h(name + " report, " + range) + "</title>\n<style>" + kStyle + "</style>\n</head>\n<body>\n<main>\n";
+  page.html += "<!DOCTYPE html>\n<html lang=\"" + h(Environment::current().region().languageCode()) +
+               "\">\n<head>\n<meta charset=\"utf-8\">\n"
+               "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>" +
+               h(words("Report.Title", {name}) + ", " + range) + "</title>\n<style>" + kStyle +
+               "</style>\n</head>\n<body>\n<main>\n";
   const std::string deviceId = Settings::deviceId();
   const auto device = Database::getDevice(deviceId);
   std::string devices = (device && device->name ? *device->name + " (" + deviceId + ")" : deviceId);
   for (const auto& related : Database::getDevicesRelatedToCurrentDevice().value_or(std::vector<std::string>{})) {
     if (related == deviceId) continue;
     const auto other = Database::getDevice(related);
-    devices += ", with " + (other && other->name ? *other->name + " (" + related + ")" : related);
+    devices += ", " + words("Report.With", {other && other->name ? *other->name + " (" + related + ")" : related});
   }
-  page.html += "<header>\n<h1>" + h(name + " report") + "</h1>\n<p class=\"range\">" + h(range) +
-               "</p>\n<p class=\"meta device\">Device " + h(devices) + " · " +
+  page.html += "<header>\n<h1>" + h(words("Report.Title", {name})) + "</h1>\n<p class=\"range\">" + h(range) +
+               "</p>\n<p class=\"meta device\">" + h(words("Report.Device", {devices})) + " · " +
                h(Environment::current().region().timeZoneId()) + "</p>\n</header>\n";
 }
 
 // Night by night: the one inferred from phone use, as `day` reads it, and
 // where a sleep application is chosen, that application's beside it.
 void nights(Page& page, const Days& days) {
-  page.html += "<h3>Night by night</h3>\n";
+  page.html += "<h3>" + h(words("Report.NightByNight")) + "</h3>\n";
   const SleepDataSource source = Settings::defaultSleepDataSource();
   std::vector<std::vector<std::string>> rows;
   if (source.isBuiltIn()) {
@@ -180,10 +181,11 @@ void nights(Page& page, const Days& days) {
       rows.push_back({shortDayText(day->startOfDay()), wallTime(day->lastPickupDate()),
                       wallTime(day->firstPickupDate()), length(day->sleepTime())});
     }
-    page.html +=
-        "<p class=\"note\">Inferred from phone use: the last pickup before the night, the first after it, "
-        "and the time asleep between them.</p>\n";
-    page.table("nights", {"Morning", "Last pickup", "First pickup", "Sleep"}, rows);
+    page.html += "<p class=\"note\">" + h(words("Report.Nights.Inferred")) + "</p>\n";
+    page.table(
+        "nights",
+        {words("Report.Morning"), words("Report.LastPickup"), words("Report.FirstPickup"), words("Report.Sleep")},
+        rows);
     return;
   }
   const std::string app = source.displayName();
@@ -192,7 +194,7 @@ void nights(Page& page, const Days& days) {
     recorded = recordedSleeps(source.bundleIdentifier, DateInterval(days.first.addingDay(-1), days.last.addingDay(1)),
                               "report");
   } catch (const InputError& error) {
-    page.html += "<p class=\"note\">" + h(app + "'s nights could not be read: " + error.what()) + "</p>\n";
+    page.html += "<p class=\"note\">" + h(words("Report.Nights.Unreadable", {app, error.what()})) + "</p>\n";
   }
   const auto comparison = SleepComparison::compare(days.all, recorded);
   for (const auto& night : comparison.nights) {
@@ -203,19 +205,19 @@ void nights(Page& page, const Days& days) {
                     theirs ? wallTime(theirs->start()) : "-", theirs ? wallTime(theirs->end()) : "-",
                     theirs ? length(night.recordedAsleep) : "-"});
   }
-  page.html += "<p class=\"note\">Inferred from phone use (last pickup to first pickup), beside the night " + h(app) +
-               " recorded (first to last moment asleep, and the time asleep).</p>\n";
+  page.html += "<p class=\"note\">" + h(words("Report.Nights.Compared", {app})) + "</p>\n";
   page.table("nights",
-             {"Morning", "Last pickup", "First pickup", "Night", app + " asleep", app + " awake", app + " sleep"},
+             {words("Report.Morning"), words("Report.LastPickup"), words("Report.FirstPickup"), words("Report.Night"),
+              words("Report.AppAsleep", {app}), words("Report.AppAwake", {app}), words("Report.AppSleep", {app})},
              rows);
 }
 
 // "Goal reached 3 days in a row", from the run `tag streak` prints.
 std::string runText(const TagStreak& streak) {
-  const std::string what = streak.kind == "streak" ? "Goal reached"
-                           : streak.kind == "fail" ? "Limit broken"
-                                                   : "Focused";
-  return what + " " + std::to_string(streak.days) + (streak.days == 1 ? " day" : " days in a row");
+  const std::string what = words(streak.kind == "streak" ? "Report.Run.GoalReached"
+                                 : streak.kind == "fail" ? "Report.Run.LimitBroken"
+                                                         : "Report.Run.Focused");
+  return words(streak.days == 1 ? "Report.Run.OneDay" : "Report.Run.Days", {what, streak.days});
 }
 
 // The focus charts, then every tag in use with its goal and streak.
@@ -228,8 +230,10 @@ void focus(Page& page, const Days& days) {
     page.html += "<h3>" + h((tag->emoji ? *tag->emoji + " " : std::string()) + tag->displayTitle()) + "</h3>\n";
     const auto goal = tag->focusGoal();
     const auto streak = tagStreak(id, days.at);
-    page.html += "<p class=\"meta tag\">" + h(goal ? "Goal " + goal->localizedDescription() : "No goal") + " · " +
-                 h(streak ? runText(*streak) : "No run of days") + "</p>\n";
+    const std::string goalText =
+        goal ? localized("Statistics.Chart.Goal") + " " + goal->localizedDescription() : words("Report.NoGoal");
+    page.html += "<p class=\"meta tag\">" + h(goalText) + " · " + h(streak ? runText(*streak) : words("Report.NoRun")) +
+                 "</p>\n";
     page.chart(std::make_shared<FocusDataType>(FocusDataType::tag(id)), StatisticsDateRange::week, days.at);
   }
 }
@@ -240,35 +244,35 @@ std::string report(const Days& days) {
   Page page;
   heading(page, days);
 
-  page.section("day", "The day: " + dayText(days.last));
+  page.section("day", words("Report.TheDay", {dayText(days.last)}));
   for (const auto value : {Case::screenTime, Case::pickups}) page.chart(metric(value), Range::day, days.at);
   for (const auto& [range, title] :
-       {std::pair{Range::week, "The week"}, std::pair{Range::month, "The month"}, std::pair{Range::year, "The year"}}) {
-    page.section(std::string(rawValue(range)), title);
+       {std::pair{Range::week, "Report.TheWeek"}, std::pair{Range::month, "Report.TheMonth"},
+        std::pair{Range::year, "Report.TheYear"}}) {
+    page.section(std::string(rawValue(range)), words(title));
     for (const auto value : {Case::screenTime, Case::pickups}) page.chart(metric(value), range, days.at);
   }
 
-  page.section("nights", "Nights");
+  page.section("nights", words("Report.Nights"));
   page.chart(metric(Case::sleepTime), Range::week, days.at);
   page.chart(metric(Case::sleepTime), Range::month, days.at);
   page.chart(metric(Case::lastPickup), Range::week, days.at);
   page.chart(metric(Case::firstPickup), Range::week, days.at);
   nights(page, days);
 
-  page.section("focus", "Focus");
+  page.section("focus", localized("Focus.Focus"));
   focus(page, days);
 
-  page.section("summary", "Summary: " + dayText(days.first) + " – " + dayText(days.last));
+  page.section("summary", words("Report.Summary", {dayText(days.first) + " – " + dayText(days.last)}));
   std::vector<std::vector<std::string>> rows;
   for (const auto& [label, value] : summarizeDays(days.first, static_cast<int>(days.all.size())).rows) {
     rows.push_back({label, value});
   }
-  page.table("summary", {"Of the days", "Total or average"}, rows);
+  page.table("summary", {words("Report.OfTheDays"), words("Report.TotalOrAverage")}, rows);
   page.close();
 
-  page.html += "<footer>\n<p class=\"meta\">Made " + h(Date::now().iso8601()) +
-               " by tarnwell report. Days without data count in no average.</p>\n</footer>\n</main>\n</body>\n"
-               "</html>\n";
+  page.html += "<footer>\n<p class=\"meta\">" + h(words("Report.Footer", {Date::now().iso8601()})) +
+               "</p>\n</footer>\n</main>\n</body>\n</html>\n";
   return page.html;
 }
 
