@@ -438,19 +438,48 @@ std::string escapeMarkup(std::string_view text) {
   return out;
 }
 
+namespace {
+
+// An hourly chart's extremes are hours, but the model names a point by its
+// day, which every hour of the chart shares, and captions it as a day. The
+// hour of the entry that holds the extreme is shown instead, under the
+// caption the metric has for a stretch of time. `last` picks the last entry
+// of that value (the maximum's), otherwise the first (the minimum's).
+void nameTheHour(const StatisticsData& chart, std::string& description, std::string& label, double value, bool last) {
+  if (chart.range != StatisticsDateRange::day) return;
+  const StatisticsChartEntry* found = nullptr;
+  for (const auto& entry : chart.entries) {
+    if (entry.y == value && (last || !found)) found = &entry;
+  }
+  // A label of its own (the span of a break, say) already tells the time.
+  if (!found || label != found->labelString) return;
+  label = found->xAxisString;
+  for (const auto& [day, time] : {std::pair{"Timeline.TheLongest.Day", "Timeline.TheLongest.Time"},
+                                  std::pair{"Timeline.TheShortest.Day", "Timeline.TheShortest.Time"}}) {
+    const std::string dayCaption = localized(day);
+    if (description.ends_with(dayCaption)) {
+      description.replace(description.size() - dayCaption.size(), dayCaption.size(), localized(time));
+    }
+  }
+}
+
+}  // namespace
+
 std::vector<ChartFigure> chartFigures(const StatisticsData& chart) {
   const auto& type = *chart.dataType;
   // Without a value there is no average; the model's 0 would read as
   // midnight on an axis of clock times.
   std::vector<ChartFigure> out{{chart.averageLabel(), hasData(chart) ? type.valueFormatter(chart.averageValue) : "-"}};
   if (type.showsTotalValue()) out.push_back({chart.totalLabel(), type.valueFormatter(chart.totalValue)});
-  const auto extreme = [&](const std::string& description, const std::optional<std::string>& label,
-                           const std::optional<double>& value) {
+  const auto extreme = [&](std::string description, const std::optional<std::string>& label,
+                           const std::optional<double>& value, bool maximum) {
     if (!label || *label == "-" || !value) return;
-    out.push_back({description + " · " + *label, type.valueFormatter(*value)});
+    std::string named = *label;
+    nameTheHour(chart, description, named, *value, maximum);
+    out.push_back({description + " · " + named, type.valueFormatter(*value)});
   };
-  extreme(chart.maximumDescription(), chart.maximumLabel, chart.maximumValue);
-  extreme(chart.minimumDescription(), chart.minimumLabel, chart.minimumValue);
+  extreme(chart.maximumDescription(), chart.maximumLabel, chart.maximumValue, true);
+  extreme(chart.minimumDescription(), chart.minimumLabel, chart.minimumValue, false);
   return out;
 }
 
