@@ -2,6 +2,7 @@
 // the three streaks and the totals of a run of days.
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <tuple>
@@ -21,7 +22,8 @@ namespace {
 struct ChartArguments {
   std::string metric, range = "week";
   std::optional<std::string> date, from, svg, png;
-  int count = 7;
+  // Read as text, so that "-1" and "abc" are refused by the same reader.
+  std::string count = "7";
 };
 
 // A metric by its identifier: a usage metric, "focus", "failedTimes" or "tag:ID".
@@ -272,15 +274,20 @@ void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& actio
 
   auto* summary = app.add_subcommand("summary", "Totals and averages of a run of days");
   summary->add_option("--from", a->from, "ISO 8601 first day (default: 6 days ago)");
-  summary->add_option("--count", a->count, "Number of days (default: 7)");
+  summary->add_option("--count", a->count, "Number of days, 1 to 3660 (default: 7)");
   onRun(
       summary, action,
       [a] {
-        if (a->count < 0 || a->count > 3660) refuse("--count", std::to_string(a->count), "a number of days, 0 to 3660");
-        return a->from ? parseInstant(*a->from) : Date::now().startOfDay().addingDay(-6);
+        // No days have no averages: a count of 0 would print made-up zeros.
+        int count = 0;
+        const auto [end, error] = std::from_chars(a->count.data(), a->count.data() + a->count.size(), count);
+        if (error != std::errc() || end != a->count.data() + a->count.size() || count < 1 || count > 3660) {
+          refuse("--count", a->count, "a number of days, 1 to 3660");
+        }
+        return std::pair(a->from ? parseInstant(*a->from) : Date::now().startOfDay().addingDay(-6), count);
       },
-      [&options, a](Date from) {
-        const View view = summaryView(from, a->count);
+      [&options](std::pair<Date, int> input) {
+        const View view = summaryView(input.first, input.second);
         Output(options).print(view.json, view.text);
       });
 }

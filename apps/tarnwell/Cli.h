@@ -14,6 +14,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "Limits.h"
 #include "tarnwell/cloudkit/Records.h"
 #include "tarnwell/platform/Base64.h"
 #include "tarnwell/platform/Date.h"
@@ -107,16 +108,6 @@ nlohmann::ordered_json optionalJSON(const std::optional<T>& value) {
   }
 }
 
-// The longest stretches a record may span. Sensors and timers never make
-// longer ones, so a longer span is a typing mistake that every day it
-// covers would then show: pickups, walks, focus sessions and sleep samples
-// last at most a day, alive spans (the monitor running) at most 31 days.
-inline constexpr double kOneDay = 24 * 3600;
-inline constexpr double kLongestAliveSpan = 31 * kOneDay;
-// A number of seconds the host takes when nothing tighter applies: ten
-// years, which every clock and timer converts without overflow.
-inline constexpr double kLongestSeconds = 3650 * kOneDay;
-
 // An ISO 8601 instant in the current region's zone, from 1970-01-01 up to
 // 2100-01-01 (UTC); InputError otherwise. Years beyond are typing mistakes,
 // and the analytics would walk every day up to them.
@@ -170,7 +161,14 @@ std::vector<std::string> deviceIdsOrDefault(const std::vector<std::string>& aske
 void writeFileAtomically(const std::string& option, const std::filesystem::path& file, std::string_view bytes);
 
 // The lines joined by line feeds, or `empty` when there are none.
-std::string joinLines(const std::vector<std::string>& lines, const std::string& empty = "(none)");
+std::string joinLines(const std::vector<std::string>& lines, const std::string& empty = words("List.None"));
+
+// Columns line up however wide the words of the user's language are: a
+// character of Chinese or Japanese takes two columns of a terminal, an
+// accented letter one (though two bytes), a combining mark none.
+std::size_t columnsOf(const std::string& text);
+// `text` padded with blanks to `columns`, or followed by one when it is as wide.
+std::string padded(const std::string& text, std::size_t columns);
 
 // Prints the rows of `ids` that `read` finds (soft-deleted ones are not):
 // a JSON array of toJSON(row), or toLine(row) one after the other.

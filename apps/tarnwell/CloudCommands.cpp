@@ -155,7 +155,7 @@ void signInToServer(const GlobalOptions& options, CloudServer server) {
   if (auto password = passFilePassword(server)) {
     server.password = std::move(*password);
   } else if (::isatty(STDIN_FILENO)) {
-    server.password = askPassword("Password for " + server.url() + ": ");
+    server.password = askPassword(words("Cloud.PasswordPrompt", {server.url()}));
   }
   bool ready = false;
   try {
@@ -179,10 +179,9 @@ void signInToServer(const GlobalOptions& options, CloudServer server) {
   UserDefaults::standard().set(kCloudServerKey, server.url());
   UserDefaults::standard().removeObject(kCloudFolderKey);
   signedInCloudChanged();
-  Output(options).print(
-      {{"server", server.url()}, {"deviceId", Settings::deviceId()}, {"ready", ready}},
-      "Signed in to the cloud at " + server.url() +
-          (ready ? "" : "; it holds no cloud for " + server.user + " yet: run `tarnwell cloud init-server`"));
+  Output(options).print({{"server", server.url()}, {"deviceId", Settings::deviceId()}, {"ready", ready}},
+                        ready ? words("Cloud.SignedIn.Server", {server.url()})
+                              : words("Cloud.SignedIn.ServerWithoutCloud", {server.url(), server.user}));
 }
 
 void signInToFolder(const GlobalOptions& options, const std::string& target) {
@@ -196,7 +195,7 @@ void signInToFolder(const GlobalOptions& options, const std::string& target) {
   UserDefaults::standard().removeObject(kCloudServerKey);
   signedInCloudChanged();
   Output(options).print({{"folder", folder.string()}, {"deviceId", Settings::deviceId()}},
-                        "Signed in to the cloud in " + folder.string());
+                        words("Cloud.SignedIn.Folder", {folder.string()}));
 }
 
 void initServer(const GlobalOptions& options) {
@@ -207,9 +206,9 @@ void initServer(const GlobalOptions& options) {
     const bool existed = CloudEmulator::serverHoldsCloud(*server);
     thisDevice(*CloudEmulator::connect(*server, true, cloudQueue()))->setAccountStatus(CKAccountStatus::available);
     signedInCloudChanged();
-    Output(options).print({{"server", server->url()}, {"schema", server->schemaName()}, {"made", !existed}},
-                          existed ? "The cloud of " + server->user + " at " + server->url() + " was there already"
-                                  : "Made the cloud of " + server->user + " at " + server->url());
+    Output(options).print(
+        {{"server", server->url()}, {"schema", server->schemaName()}, {"made", !existed}},
+        words(existed ? "Cloud.InitServer.Existed" : "Cloud.InitServer.Made", {server->user, server->url()}));
   } catch (const CloudFolderError& error) {
     throw InputError(error.what());
   }
@@ -270,6 +269,15 @@ CloudFault parseFault(const CloudArguments& a) {
   return fault;
 }
 
+std::string faultText(const CloudFault& fault) {
+  const bool one = fault.times == 1;
+  if (!fault.on) {
+    return words(one ? "Cloud.Fault.One" : "Cloud.Fault.Many", {fault.times, fault.code});
+  }
+  return words(one ? "Cloud.Fault.OneOfKind" : "Cloud.Fault.ManyOfKind",
+               {fault.times, std::string(name(*fault.on)), fault.code});
+}
+
 }  // namespace
 
 void printCloudRecords(const GlobalOptions& options, const std::vector<CKRecord>& records) {
@@ -287,7 +295,7 @@ void printCloudRecords(const GlobalOptions& options, const std::vector<CKRecord>
                    {"zone", record.recordID().zoneID.zoneName},
                    {"fields", std::move(fields)}});
   }
-  Output(options).print(all, joinLines(lines));
+  Output(options).print(all, joinLines(lines, words("List.None")));
 }
 
 std::optional<std::string> signedInCloudName() {
@@ -367,7 +375,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
     UserDefaults::standard().removeObject(kCloudFolderKey);
     UserDefaults::standard().removeObject(kCloudServerKey);
     signedInCloudChanged();
-    Output(options).print({{"folder", nullptr}}, "Signed out");
+    Output(options).print({{"folder", nullptr}}, words("Cloud.SignedOut"));
   });
 
   auto* account = cloud->add_subcommand("account", "Force what the account status reads for this installation");
@@ -381,7 +389,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
     }
     thisDevice(*signedInCloud("cloud account"))->setAccountStatus(*status);
     signedInCloudChanged();
-    Output(options).print({{"accountStatus", a->status}}, "The account status reads " + a->status);
+    Output(options).print({{"accountStatus", a->status}}, words("Cloud.AccountStatus", {a->status}));
   });
 
   auto* records = cloud->add_subcommand("records", "What the private database holds");
@@ -397,7 +405,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   onRunWithoutStore(fault, action, [&options, a] {
     if (a->code == "clear") {
       signedInCloud("cloud fault")->clearFaults();
-      return Output(options).print({{"faults", nlohmann::ordered_json::array()}}, "No faults");
+      return Output(options).print({{"faults", nlohmann::ordered_json::array()}}, words("Cloud.Fault.None"));
     }
     const CloudFault parsed = parseFault(*a);
     signedInCloud("cloud fault")->addFault(parsed);
@@ -405,22 +413,21 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
                            {"retryAfter", parsed.retryAfter ? nlohmann::ordered_json(*parsed.retryAfter) : nullptr},
                            {"times", parsed.times},
                            {"on", parsed.on ? nlohmann::ordered_json(name(*parsed.on)) : nullptr}},
-                          "The next " + std::to_string(parsed.times) + " operations" +
-                              (parsed.on ? " of kind " + std::string(name(*parsed.on)) : "") + " fail with code " +
-                              std::to_string(parsed.code));
+                          faultText(parsed));
   });
 
   auto* expire = cloud->add_subcommand("expire-tokens", "Every change token handed out so far expires");
   onRunWithoutStore(expire, action, [&options] {
     signedInCloud("cloud expire-tokens")->expireTokens();
-    Output(options).print({{"expired", true}}, "Every change token handed out so far has expired");
+    Output(options).print({{"expired", true}}, words("Cloud.TokensExpired"));
   });
 
   auto* dropPushes = cloud->add_subcommand("drop-pushes", "The next N pushes never arrive");
   dropPushes->add_option("count", a->count, "How many")->required()->check(CLI::NonNegativeNumber);
   onRunWithoutStore(dropPushes, action, [&options, a] {
     signedInCloud("cloud drop-pushes")->dropPushes(a->count);
-    Output(options).print({{"dropPushes", a->count}}, "The next " + std::to_string(a->count) + " pushes are dropped");
+    Output(options).print({{"dropPushes", a->count}},
+                          words(a->count == 1 ? "Cloud.DropPushes.One" : "Cloud.DropPushes.Many", {a->count}));
   });
 
   // Both backings keep these switches in the cloud itself, so a server takes
@@ -429,8 +436,9 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   dropCompletions->add_option("count", a->count, "How many")->required()->check(CLI::NonNegativeNumber);
   onRunWithoutStore(dropCompletions, action, [&options, a] {
     signedInCloud("cloud drop-completions")->dropCompletions(a->count);
-    Output(options).print({{"dropCompletions", a->count}},
-                          "The next " + std::to_string(a->count) + " operations call no completion");
+    Output(options).print(
+        {{"dropCompletions", a->count}},
+        words(a->count == 1 ? "Cloud.DropCompletions.One" : "Cloud.DropCompletions.Many", {a->count}));
   });
 
   auto* deleteZone = cloud->add_subcommand("delete-zone", "The user deletes a zone of the private database");
@@ -440,7 +448,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
     zone.zoneName = a->zone;
     if (zone.isDefault()) refuse("zone", a->zone, "a zone other than the default one");
     signedInCloud("cloud delete-zone")->deleteZone(CKDatabaseScope::privateScope, zone);
-    Output(options).print({{"deletedZone", a->zone}}, "Zone " + a->zone + " deleted");
+    Output(options).print({{"deletedZone", a->zone}}, words("Cloud.ZoneDeleted", {a->zone}));
   });
 }
 

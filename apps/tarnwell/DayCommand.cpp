@@ -33,6 +33,14 @@ std::string wallTime(std::optional<Date> date, Date day) {
   return date->isSameDay(day) ? time : iso.substr(0, 10) + " " + time;
 }
 
+// When the night fell asleep, only if the day has a night: without one the
+// library answers 04:00, a placeholder that must not read as a measurement.
+std::optional<Date> asleepAt(const EventsOfDay& day) {
+  const auto slept = day.sleepTime();
+  if (!slept || *slept <= 0) return std::nullopt;
+  return day.asleepAt();
+}
+
 std::string span(const DateInterval& interval, Date day) {
   return wallTime(interval.start(), day) + " - " + wallTime(interval.end(), day) + " (" + clock(interval.duration()) +
          ")";
@@ -69,7 +77,7 @@ nlohmann::ordered_json dayJSON(const EventsOfDay& day) {
       {"lastPickupDate", optionalJSON(day.lastPickupDate())},
       {"sleepTime", optionalJSON(day.sleepTime())},
       {"sleeps", intervalsJSON(day.sleeps())},
-      {"asleepAt", day.asleepAt().iso8601()},
+      {"asleepAt", optionalJSON(asleepAt(day))},
       {"breaks", intervalsJSON(day.breaks())},
       {"pickups", intervalsJSON(day.pickups())},
       {"walks", intervalsJSON(day.walks())},
@@ -106,7 +114,7 @@ std::string dayText(const EventsOfDay& day) {
   row("Best break", day.bestBreak() ? span(*day.bestBreak(), date) : "-");
   row("Last pickup", wallTime(day.lastPickupDate(), date));
   row("First pickup", wallTime(day.firstPickupDate(), date));
-  row("Asleep at", wallTime(day.asleepAt(), date));
+  row("Asleep at", wallTime(asleepAt(day), date));
   // The night's pieces follow on lines of their own; without a night there are none.
   const auto sleeps = day.sleeps();
   // Whose night it is matters only when there is one.

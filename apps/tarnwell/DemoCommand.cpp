@@ -205,7 +205,8 @@ std::string suggestions(const GlobalOptions& options, Date day) {
 
 void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action) {
   auto arguments = std::make_shared<DemoArguments>();
-  auto* demo = app.add_subcommand("demo", "Fill a fresh installation with a made-up history, then show today");
+  auto* demo = app.add_subcommand(
+      "demo", "Fill a fresh installation with a made-up history, then show yesterday, its week and the streaks");
   demo->add_option("--days", arguments->days, "Days of history, today included (default 14)")
       ->check(CLI::Range(1, 3660));
   demo->add_option("--seed", arguments->seed, "Seed of the made-up history (default 20261122)");

@@ -67,18 +67,19 @@ std::string tagLine(const Tag& tag) {
   std::string text = tag.id.value_or("-") + "  ";
   if (tag.emoji) text += *tag.emoji + " ";
   text += tag.displayTitle() + "  " + tag.colorHex + "  " + localizedDescription(tag.type());
-  if (const auto goal = tag.focusGoal()) text += "  goal " + goal->localizedDescription();
-  if (tag.syncToMindfulness) text += "  mindful";
-  if (tag.isArchived) text += "  archived";
+  if (const auto goal = tag.focusGoal()) text += "  " + words("Tag.Line.Goal", {goal->localizedDescription()});
+  if (tag.syncToMindfulness) text += "  " + words("Tag.Line.Mindful");
+  if (tag.isArchived) text += "  " + words("Tag.Line.Archived");
   return text;
 }
 
 std::string focusLine(const Focus& focus) {
-  std::string text = focus.id.value_or("-") + "  " + (focus.start ? focus.start->iso8601() : "-") + "  " +
-                     (focus.end ? focus.end->iso8601() : "-") + "  " + focus.tagId.value_or("(no tag)") + "  " +
-                     getTimeIntervalString(focus.progress, false, true) + " of " +
-                     getTimeIntervalString(focus.goal, false, true);
-  if (focus.failed()) text += "  failed";
+  std::string text =
+      focus.id.value_or("-") + "  " + (focus.start ? focus.start->iso8601() : "-") + "  " +
+      (focus.end ? focus.end->iso8601() : "-") + "  " + focus.tagId.value_or(words("Focus.Line.NoTag")) + "  " +
+      words("Focus.Line.Progress",
+            {getTimeIntervalString(focus.progress, true, true), getTimeIntervalString(focus.goal, true, true)});
+  if (focus.failed()) text += "  " + words("Focus.Line.Failed");
   return text;
 }
 
@@ -206,7 +207,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
       streak, action, [a] { return parseInstantOrNow(a->date); },
       [&options, a](Date date) {
         const auto run = tagStreak(requireTag(a->id), date);
-        if (!run) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, "none");
+        if (!run) return Output(options).print({{"tagId", a->id}, {"combo", nullptr}}, words("Tag.Streak.None"));
         Output(options).print({{"tagId", a->id}, {"combo", {{"kind", run->kind}, {"days", run->days}}}}, run->text());
       });
 
@@ -219,7 +220,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
         const auto value = Database::getGoalProgress(requireTag(a->id), date);
         const bool finite = value && std::isfinite(*value);
         Output(options).print({{"tagId", a->id}, {"progress", finite ? nlohmann::ordered_json(*value) : nullptr}},
-                              !value   ? "no goal"
+                              !value   ? words("Tag.Progress.NoGoal")
                               : finite ? std::to_string(std::lround(*value * 100)) + "%"
                                        : "-");
       });
@@ -314,7 +315,8 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
           const std::size_t before = Database::getFocuses().size();
           Database::clearFocuses();
           const std::size_t removed = before - Database::getFocuses().size();
-          Output(options).print({{"removed", removed}}, "removed " + std::to_string(removed));
+          Output(options).print({{"removed", removed}},
+                                words("Focus.Clean.Removed", {static_cast<std::int64_t>(removed)}));
         });
 }
 
@@ -325,7 +327,13 @@ std::string requireTag(const std::string& id) {
   return id;
 }
 
-std::string TagStreak::text() const { return kind + " " + std::to_string(days) + (days == 1 ? " day" : " days"); }
+std::string TagStreak::text() const {
+  const bool one = days == 1;
+  const char* key = kind == "streak" ? (one ? "Tag.Streak.GoalReached.OneDay" : "Tag.Streak.GoalReached.Days")
+                    : kind == "fail" ? (one ? "Tag.Streak.LimitBroken.OneDay" : "Tag.Streak.LimitBroken.Days")
+                                     : (one ? "Tag.Streak.Focused.OneDay" : "Tag.Streak.Focused.Days");
+  return words(key, {days});
+}
 
 std::optional<TagStreak> tagStreak(const std::string& tagId, Date date) {
   const auto combo = Database::getFocusCombo(tagId, date);

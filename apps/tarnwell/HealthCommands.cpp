@@ -17,6 +17,7 @@
 #include "tarnwell/settings/Settings.h"
 
 namespace tarnwell::cli {
+
 namespace {
 
 struct HealthArguments {
@@ -80,7 +81,7 @@ SqliteHealthStore& installationStore() {
 // The sample's value as a person reads it, and as JSON.
 std::string valueText(const HKSample& sample) {
   if (sample.stateOfMind) {
-    std::string text = "valence " + formatDouble(sample.stateOfMind->valence);
+    std::string text = words("Health.Sample.Valence", {formatDouble(sample.stateOfMind->valence)});
     for (const auto label : sample.stateOfMind->labels) text += " " + std::string(name(label));
     for (const auto association : sample.stateOfMind->associations) text += " " + std::string(name(association));
     return text;
@@ -117,13 +118,13 @@ void printSamples(const GlobalOptions& options, const std::vector<HKSample>& sam
                    {"sourceName", sample.source.name},
                    {"sourceBundle", sample.source.bundleIdentifier},
                    {"metadata", sample.metadata}});
-    std::string line = typeWord(sample.sampleType) + "  " + valueText(sample) + "  " + sample.startDate.iso8601() +
-                       " to " + sample.endDate.iso8601() + "  " + sample.source.name + " (" +
-                       sample.source.bundleIdentifier + ")";
+    std::string line = typeWord(sample.sampleType) + "  " + valueText(sample) + "  " +
+                       words("Health.Sample.Span", {sample.startDate.iso8601(), sample.endDate.iso8601()}) + "  " +
+                       sample.source.name + " (" + sample.source.bundleIdentifier + ")";
     if (!sample.metadata.is_null()) line += "  " + sample.metadata.dump();
     lines.push_back(std::move(line));
   }
-  Output(options).print(all, joinLines(lines));
+  Output(options).print(all, joinLines(lines, words("List.None")));
 }
 
 // An export names its sources but not their identifiers: a known sleep
@@ -163,7 +164,8 @@ void importExport(const GlobalOptions& options, const std::string& file) {
     throw InputError("health import: " + file + ", " + error.what() + "; nothing was imported");
   }
   Output(options).print({{"imported", count}, {"file", file}},
-                        "Imported " + std::to_string(count) + " sleep and mindful records from " + file);
+                        words(count == 1 ? "Health.Import.OneRecord" : "Health.Import.Records",
+                              {static_cast<std::int64_t>(count), file}));
 }
 
 // What another application does to write: ask, then save. Either failure
@@ -193,7 +195,7 @@ void showSources(const GlobalOptions& options) {
         {{"name", source.name}, {"bundleIdentifier", source.bundleIdentifier}, {"displayName", source.displayName()}});
     lines.push_back(source.displayName() + "  (" + source.bundleIdentifier + ")");
   }
-  Output(options).print(all, joinLines(lines));
+  Output(options).print(all, joinLines(lines, words("List.None")));
 }
 
 void saveStateOfMind(const GlobalOptions& options, const HealthArguments& a) {
@@ -222,14 +224,14 @@ void saveStateOfMind(const GlobalOptions& options, const HealthArguments& a) {
   for (const auto& sample : saved) {
     if (sample.stateOfMind) states.push_back(sample);
   }
-  if (states.empty()) return Output(options).print(nullptr, "No state of mind for the focus " + a.id);
+  if (states.empty()) return Output(options).print(nullptr, words("Health.StateOfMind.None", {a.id}));
   const HKStateOfMind& state = *states.front().stateOfMind;
   std::vector<std::string> labelTitles;
   for (const auto label : state.labels) labelTitles.push_back(title(label));
   nlohmann::ordered_json labels = nlohmann::ordered_json::array(), associations = nlohmann::ordered_json::array();
   for (const auto label : state.labels) labels.push_back(name(label));
   for (const auto association : state.associations) associations.push_back(name(association));
-  std::string text = "Valence " + formatDouble(state.valence);
+  std::string text = words("Health.StateOfMind.Valence", {formatDouble(state.valence)});
   for (const auto& title : labelTitles) text += ", " + title;
   if (!state.associations.empty()) text += "; " + associationsDescription(state.associations);
   Output(options).print({{"focusId", a.id},
@@ -270,7 +272,10 @@ void compareSleep(const GlobalOptions& options, const HealthArguments& a) {
   const auto comparison = SleepComparison::compare(days, recordedSleeps(bundle, span, "sleep compare"));
 
   nlohmann::ordered_json nights = nlohmann::ordered_json::array();
-  std::vector<std::string> lines{"Day         Inferred       Recorded       Asleep  Awake  Length  (minutes off)"};
+  std::vector<std::string> lines{padded(words("Sleep.Compare.Day"), 12) + padded(words("Sleep.Compare.Inferred"), 15) +
+                                 padded(words("Sleep.Compare.Recorded"), 15) + words("Sleep.Compare.Asleep") + "  " +
+                                 words("Sleep.Compare.Awake") + "  " + words("Sleep.Compare.Length") + "  " +
+                                 words("Sleep.Compare.MinutesOff")};
   for (const auto& night : comparison.nights) {
     nlohmann::ordered_json row{{"day", night.day.iso8601().substr(0, 10)}};
     const auto both = night.inferred && night.recorded;
@@ -303,12 +308,12 @@ void compareSleep(const GlobalOptions& options, const HealthArguments& a) {
                                   {"durationMinutes", e.durationMinutes}};
   };
   const auto errorLine = [](const std::string& what, const SleepErrors& e) {
-    return what + ": asleep " + minutes(e.asleepMinutes * 60) + ", awake " + minutes(e.awakeMinutes * 60) +
-           ", length " + minutes(e.durationMinutes * 60) + " minutes off on average over " + std::to_string(e.nights) +
-           " nights";
+    return words(
+        e.nights == 1 ? "Sleep.Compare.Off.OneNight" : "Sleep.Compare.Off.Nights",
+        {what, minutes(e.asleepMinutes * 60), minutes(e.awakeMinutes * 60), minutes(e.durationMinutes * 60), e.nights});
   };
-  lines.push_back(errorLine("Inferred from phone use", comparison.inference));
-  lines.push_back(errorLine("Median bed and wake time", comparison.baseline));
+  lines.push_back(errorLine(words("Sleep.Compare.Inference"), comparison.inference));
+  lines.push_back(errorLine(words("Sleep.Compare.Baseline"), comparison.baseline));
   Output(options).print({{"source", bundle},
                          {"nights", nights},
                          {"inference", errors(comparison.inference)},
@@ -376,7 +381,7 @@ void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& acti
         saveAsAnotherApplication(writer, HKSample::category(HKSampleType::sleepAnalysis, value, start, end));
     awaitHealth(saved, "health add-sleep");
     Output(options).print({{"start", start.iso8601()}, {"end", end.iso8601()}, {"sourceBundle", a->sourceBundle}},
-                          "Saved sleep from " + start.iso8601() + " to " + end.iso8601() + " as " + a->sourceName);
+                          words("Health.AddSleep.Saved", {start.iso8601(), end.iso8601(), a->sourceName}));
   });
 
   auto* samples = health->add_subcommand("samples", "What the health store holds, of every application");
@@ -405,7 +410,7 @@ void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& acti
     const HKAuthorizationAnswer answer = parseAnswer(a->answer);
     installationStore().setAuthorizationAnswer(type, answer);
     Output(options).print({{"type", a->type}, {"answer", a->answer}},
-                          "From now on a request for " + a->type + " is answered: " + a->answer);
+                          words("Health.Authorize.Answer", {a->type, a->answer}));
   });
 
   auto* import = health->add_subcommand("import", "The sleep and mindful records of a phone's health export");

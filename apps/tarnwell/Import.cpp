@@ -5,6 +5,8 @@
 #include <cmath>
 #include <utility>
 
+#include "Limits.h"
+
 namespace tarnwell::cli {
 namespace {
 
@@ -76,17 +78,30 @@ void ImportReader::readLine(std::string_view text, bool tooLong) {
   readAware(fields);
 }
 
+// A file is held to what `pickup add` and the others take: an event the
+// commands would refuse is a bad row.
+void ImportReader::take(const ImportedEvent& event) {
+  if (event.start < kEarliestInstant || event.end >= kEndOfInstants) {
+    return bad("a time is not between 1970 and 2099");
+  }
+  const double longest = event.kind == ImportedKind::alive ? kLongestAliveSpan : kOneDay;
+  if (event.end.timeIntervalSince(event.start) > longest) {
+    return bad(event.kind == ImportedKind::alive ? "an alive span longer than 31 days" : "an event longer than a day");
+  }
+  handlers_.event(event);
+}
+
 void ImportReader::readTarnwell(const std::vector<std::string>& fields) {
   if (fields.size() != 3) return bad("expected kind,start,end");
   const auto start = Date::parseISO8601(fields[1]), end = Date::parseISO8601(fields[2]);
   if (!start || !end) return bad("a time is not ISO 8601");
   if (*end < *start) return bad("the end is before the start");
   if (fields[0] == "pickup") {
-    handlers_.event({ImportedKind::pickup, *start, *end});
+    take({ImportedKind::pickup, *start, *end});
   } else if (fields[0] == "walk") {
-    handlers_.event({ImportedKind::walk, *start, *end});
+    take({ImportedKind::walk, *start, *end});
   } else if (fields[0] == "alive") {
-    handlers_.event({ImportedKind::alive, *start, *end});
+    take({ImportedKind::alive, *start, *end});
   } else {
     bad("unknown kind \"" + fields[0].substr(0, 40) + "\" (pickup, walk or alive)");
   }
@@ -126,8 +141,8 @@ void ImportReader::readAware(const std::vector<std::string>& fields) {
     if (device.unlockedAt) ++unclosed_;
     device.unlockedAt = milliseconds;
   } else if ((status == 0 || status == 2) && device.unlockedAt) {
-    handlers_.event({ImportedKind::pickup, Date::fromTimeIntervalSince1970(*device.unlockedAt / 1000.0),
-                     Date::fromTimeIntervalSince1970(milliseconds / 1000.0)});
+    take({ImportedKind::pickup, Date::fromTimeIntervalSince1970(*device.unlockedAt / 1000.0),
+          Date::fromTimeIntervalSince1970(milliseconds / 1000.0)});
     device.unlockedAt.reset();
   }
 }

@@ -22,6 +22,9 @@
 // kMaxDevices devices, and a line is at most kMaxLineLength bytes (a longer
 // one, a binary file's say, is a bad row, read past without being kept).
 //
+// An event the commands would refuse (a time outside 1970 to 2099, a pickup
+// or walk longer than a day, an alive span longer than 31 days) is a bad row.
+//
 // A bad row is handed to the caller with its line number and skipped; the
 // reader goes on. The caller decides when enough is enough.
 
@@ -100,6 +103,7 @@ class ImportReader {
     std::optional<double> unlockedAt;
   };
   void bad(const std::string& problem);
+  void take(const ImportedEvent& event);
   void readTarnwell(const std::vector<std::string>& fields);
   void readAware(const std::vector<std::string>& fields);
 

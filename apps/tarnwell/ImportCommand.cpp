@@ -150,12 +150,19 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
             {"deviceId", device.value_or(Settings::deviceId())},
             {"span", optionalJSON(span)},
         };
-        std::string text = "Imported " + std::to_string(pickups) + " pickups, " + std::to_string(walks) +
-                           " walks and " + std::to_string(alives) + " alive spans from " + std::to_string(rows) +
-                           " rows";
-        if (skipped) text += "; " + std::to_string(skipped) + " bad rows skipped";
-        if (unclosed) text += "; " + std::to_string(unclosed) + " unlocks never closed";
-        Output(options).print(summary, text + ".");
+        // Each count in the form its number takes; bad rows and unclosed
+        // unlocks are mentioned only when there are any.
+        const auto counted = [](std::size_t count, const char* one, const char* many) {
+          return words(count == 1 ? one : many, {static_cast<std::int64_t>(count)});
+        };
+        std::string notes;
+        if (skipped) notes += counted(skipped, "Import.OneBadRow", "Import.BadRows");
+        if (unclosed) notes += counted(unclosed, "Import.OneUnclosedUnlock", "Import.UnclosedUnlocks");
+        Output(options).print(summary,
+                              words("Import.Done", {counted(pickups, "Import.OnePickup", "Import.Pickups"),
+                                                    counted(walks, "Import.OneWalk", "Import.Walks"),
+                                                    counted(alives, "Import.OneAliveSpan", "Import.AliveSpans"),
+                                                    counted(rows, "Import.OneRow", "Import.Rows"), notes}));
       });
 }
 

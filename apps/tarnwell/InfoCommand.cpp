@@ -33,26 +33,25 @@ void addInfoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
       return;
     }
     const std::pair<const char*, const char*> rows[] = {
-        {"Device id", "deviceId"},
-        {"Version", "version"},
-        {"Build", "build"},
-        {"Environment", "environment"},
-        {"App-group container", "appGroupContainer"},
-        {"Private folder", "privateFolder"},
-        {"Keychain", "keychain"},
-        {"Log file", "logFile"},
-        {"Time zone", "timeZone"},
-        {"Locale", "locale"},
-        {"Calendar", "calendar"},
-        {"Languages", "preferredLanguages"},
-        {"Now", "now"},
+        {"Info.DeviceId", "deviceId"},
+        {"Info.Version", "version"},
+        {"Info.Build", "build"},
+        {"Info.Environment", "environment"},
+        {"Info.AppGroupContainer", "appGroupContainer"},
+        {"Info.PrivateFolder", "privateFolder"},
+        {"Info.Keychain", "keychain"},
+        {"Info.LogFile", "logFile"},
+        {"Info.TimeZone", "timeZone"},
+        {"Info.Locale", "locale"},
+        {"Info.Calendar", "calendar"},
+        {"Info.Languages", "preferredLanguages"},
+        {"Info.Now", "now"},
     };
+    // The values start two columns after the longest label.
+    std::size_t column = 0;
+    for (const auto& [label, key] : rows) column = std::max(column, columnsOf(words(label)));
     std::string text;
-    for (const auto& [label, key] : rows) {
-      std::string line = label;
-      line.resize(21, ' ');
-      text += line + plainText(facts.at(key)) + "\n";
-    }
+    for (const auto& [label, key] : rows) text += padded(words(label), column + 2) + plainText(facts.at(key)) + "\n";
     text.pop_back();
     Output(options).print(facts, text);
   });

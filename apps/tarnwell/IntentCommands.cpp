@@ -10,6 +10,7 @@
 #include "tarnwell/automation/IntentHandlers.h"
 
 namespace tarnwell::cli {
+
 namespace {
 
 // What the platform may ask of one intent class.
@@ -352,10 +353,15 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
         {"code", static_cast<int>(response.code)},
         {"activityType", activity ? nlohmann::ordered_json(activity->activityType) : nullptr},
         {"userInfo", activity ? userInfoJSON(activity->userInfo) : nullptr}};
-    std::vector<std::string> lines = {"code      " + std::to_string(static_cast<int>(response.code))};
+    // The values start two columns after the longest label.
+    const std::string labels[] = {words("Intent.Handle.Code"), words("Intent.Handle.Activity"),
+                                  words("Intent.Handle.UserInfo")};
+    std::size_t column = 0;
+    for (const auto& label : labels) column = std::max(column, columnsOf(label) + 2);
+    std::vector<std::string> lines = {padded(labels[0], column) + std::to_string(static_cast<int>(response.code))};
     if (activity) {
-      lines.push_back("activity  " + activity->activityType);
-      lines.push_back("userInfo  " + userInfoJSON(activity->userInfo).dump());
+      lines.push_back(padded(labels[1], column) + activity->activityType);
+      lines.push_back(padded(labels[2], column) + userInfoJSON(activity->userInfo).dump());
     }
     Output(options).print(json, joinLines(lines));
   });
@@ -375,7 +381,7 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
     }
     if (result.kind == INResolutionResult::Kind::unsupported) {
       json["reason"] = result.reason;
-      text += " (reason " + std::to_string(result.reason) + ")";
+      text += " " + words("Intent.Resolve.Reason", {result.reason});
     }
     Output(options).print(json, text);
   });
@@ -386,10 +392,10 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   onRunWithoutStore(list, action, [&options, a] {
     const auto& provider = entryOf(routeOf(a->name).options, *a, "options");
     const auto collection = provider(INIntent(a->name));
-    if (!collection) return Output(options).print(nullptr, "(no list)");
+    if (!collection) return Output(options).print(nullptr, words("Intent.Options.NoList"));
     nlohmann::ordered_json all = nlohmann::ordered_json::array();
     for (const auto& option : collection->allItems()) all.push_back(optionJSON(option));
-    Output(options).print(all, joinLines(optionLines(collection->allItems())));
+    Output(options).print(all, joinLines(optionLines(collection->allItems()), words("List.None")));
   });
 
   auto* fallback = group->add_subcommand("default", "What a new widget starts with for a parameter");
@@ -398,10 +404,10 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   onRunWithoutStore(fallback, action, [&options, a] {
     const auto& provider = entryOf(routeOf(a->name).defaults, *a, "default");
     const auto chosen = provider(INIntent(a->name));
-    if (!chosen) return Output(options).print(nullptr, "(none)");
+    if (!chosen) return Output(options).print(nullptr, words("List.None"));
     nlohmann::ordered_json all = nlohmann::ordered_json::array();
     for (const auto& option : *chosen) all.push_back(optionJSON(option));
-    Output(options).print(all, joinLines(optionLines(*chosen)));
+    Output(options).print(all, joinLines(optionLines(*chosen), words("List.None")));
   });
 }
 

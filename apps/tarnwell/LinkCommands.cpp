@@ -8,6 +8,7 @@
 #include "tarnwell/automation/URLScheme.h"
 
 namespace tarnwell::cli {
+
 namespace {
 
 struct LinkArguments {
@@ -143,10 +144,13 @@ void printParsed(const GlobalOptions& options, const URL& url) {
   // Whether the app reads it as one of its links.
   json["readable"] = link.has_value();
 
-  std::vector<std::string> lines = {"action          " + action};
+  // The values start three columns after the longer label.
+  const std::string actionLabel = words("Link.Parse.Action"), contextLabel = words("Link.Parse.WidgetContext");
+  const std::size_t column = std::max(columnsOf(actionLabel), columnsOf(contextLabel)) + 3;
+  std::vector<std::string> lines = {padded(actionLabel, column) + action};
   for (const auto& [key, value] : items) lines.push_back("  " + key + " = " + value);
-  lines.push_back("widgetContext   " + (context ? plainText(contextJSON(context)) : std::string("-")));
-  if (!link) lines.push_back("(the app reads no link of its own here)");
+  lines.push_back(padded(contextLabel, column) + (context ? plainText(contextJSON(context)) : std::string("-")));
+  if (!link) lines.push_back(words("Link.Parse.NotTheApps"));
   Output(options).print(json, joinLines(lines));
 }
 

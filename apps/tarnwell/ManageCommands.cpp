@@ -80,9 +80,9 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
     const std::string current = Settings::deviceId();
     printRows(options, Database::getDevices(), &Database::getDevice, recordJSON<Device>, [&current](const Device& row) {
       std::string text = row.id.value_or("-") + "  " + row.name.value_or("-") + "  " +
-                         (row.lastSyncDate ? row.lastSyncDate->iso8601() : "never synced") +
-                         (row.id == current ? "  (this device)" : "");
-      for (const auto& related : row.deviceIds) text += "\n    merges " + related;
+                         (row.lastSyncDate ? row.lastSyncDate->iso8601() : words("Device.NeverSynced")) +
+                         (row.id == current ? "  " + words("Device.ThisDevice") : "");
+      for (const auto& related : row.deviceIds) text += "\n    " + words("Device.Merges", {related});
       return text;
     });
   });
@@ -100,13 +100,13 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
         const auto id = Database::setCurrentDeviceRelation(a->id, !a->off);
         if (!id) throw InputError("this device has no row in the store");
         const auto related = Database::getDevicesRelatedToCurrentDevice().value_or(std::vector<std::string>{});
-        Output(options).print({{"deviceId", *id}, {"related", related}}, joinLines(related));
+        Output(options).print({{"deviceId", *id}, {"related", related}}, joinLines(related, words("List.None")));
       });
 
   onRun(devices->add_subcommand("related", "The devices this device merges into its views"), action, [&options] {
     const auto related = Database::getDevicesRelatedToCurrentDevice();
     Output(options).print(related ? nlohmann::ordered_json(*related) : nlohmann::ordered_json(nullptr),
-                          joinLines(related.value_or(std::vector<std::string>{})));
+                          joinLines(related.value_or(std::vector<std::string>{}), words("List.None")));
   });
 }
 
@@ -123,7 +123,7 @@ void addResetAndExportCommands(CLI::App& app, const GlobalOptions& options, Acti
     onRun(command, action, [&options, a, focus] {
       await(focus ? Database::resetFocusData(a->thisDevice) : Database::resetScreentimeData(a->thisDevice));
       Output(options).print({{"reset", focus ? "focus" : "screen-time"}, {"onlyCurrentDevice", a->thisDevice}},
-                            "reset");
+                            words("Reset.Done"));
     });
   }
 

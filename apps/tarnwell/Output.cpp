@@ -45,6 +45,20 @@ std::string plainText(const nlohmann::ordered_json& value) {
   return value.dump();
 }
 
+std::size_t columnsOf(const std::string& text) {
+  std::size_t width = 0;
+  for (const char* c = text.c_str(); *c != '\0'; c = g_utf8_next_char(c)) {
+    const gunichar character = g_utf8_get_char(c);
+    width += g_unichar_iszerowidth(character) ? 0 : g_unichar_iswide(character) ? 2 : 1;
+  }
+  return width;
+}
+
+std::string padded(const std::string& text, std::size_t columns) {
+  const std::size_t width = columnsOf(text);
+  return text + std::string(width < columns ? columns - width : 1, ' ');
+}
+
 std::string joinLines(const std::vector<std::string>& lines, const std::string& empty) {
   if (lines.empty()) return empty;
   std::string text;

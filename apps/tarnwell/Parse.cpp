@@ -43,10 +43,6 @@ std::string lengthWords(double seconds) {
   return whole(seconds / 3600) + " hours";
 }
 
-// 1970-01-01 and 2100-01-01, UTC.
-constexpr Date kEarliestInstant = Date::fromTimeIntervalSince1970(0);
-constexpr Date kEndOfInstants = Date::fromTimeIntervalSince1970(4102444800.0);
-
 }  // namespace
 
 Date checkInstant(std::string_view text, Date date) {

@@ -19,9 +19,10 @@ template <class Record>
 std::string line(const Record& record) {
   std::string text = record.id.value_or("-") + "  " + (record.start ? record.start->iso8601() : "-") + "  " +
                      (record.end ? record.end->iso8601() : "-");
-  if (record.start && record.end) text += "  " + formatDouble(*record.end - *record.start) + " s";
+  if (record.start && record.end)
+    text += "  " + formatDouble(*record.end - *record.start) + " " + localized("DateTime.s");
   if constexpr (std::is_same_v<Record, Pickup>) {
-    if (record.isIgnoredForSleepTime) text += "  ignored for sleep";
+    if (record.isIgnoredForSleepTime) text += "  " + words("Store.IgnoredForSleep");
   }
   return text;
 }
@@ -161,7 +162,7 @@ void addIgnoreForSleepCommand(CLI::App* pickup, const GlobalOptions& options, Ac
       [&options, a](const std::pair<Date, Date>& span) {
         const auto ids =
             Database::editPickups(DateInterval(span.first, span.second), !a->off, deviceIdsOrDefault(a->devices));
-        Output(options).print(ids, joinLines(ids));
+        Output(options).print(ids, joinLines(ids, words("List.None")));
       });
 }
 
@@ -186,7 +187,7 @@ void addStoreCommands(CLI::App& app, const GlobalOptions& options, Action& actio
   onRun(store->add_subcommand("repair", "Delete spans that end before they start or in the future"), action,
         [&options] {
           Database::clearAlivePickupWalk();
-          Output(options).print({{"repaired", true}}, "repaired");
+          Output(options).print({{"repaired", true}}, words("Store.Repaired"));
         });
 }
 

@@ -8,7 +8,9 @@
 #include <cmath>
 #include <csignal>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <set>
 #include <tuple>
 
 #include "Cli.h"
@@ -34,6 +36,9 @@ namespace {
 constexpr std::string_view kBackgroundSinceKey = "TarnwellHost.backgroundSince";
 
 using SyncState = CloudService::SyncState;
+
+// The classes whose records the cloud holds, by their record types.
+const std::vector<std::string> kSyncedTypes{"Device", "Tag", "Focus", "Pickup", "Walk"};
 
 nlohmann::ordered_json stateJSON(const SyncState& state) {
   return std::visit(
@@ -135,8 +140,7 @@ void collectRecords(store::Store& store, std::vector<CKRecord>& records) {
 }
 
 void printSyncedRecords(const GlobalOptions& options, const std::optional<std::string>& type) {
-  static const std::vector<std::string> kTypes{"Device", "Tag", "Focus", "Pickup", "Walk"};
-  if (type && std::find(kTypes.begin(), kTypes.end(), *type) == kTypes.end()) {
+  if (type && std::find(kSyncedTypes.begin(), kSyncedTypes.end(), *type) == kSyncedTypes.end()) {
     refuse("--type", *type, "Device, Tag, Focus, Pickup or Walk");
   }
   auto store = store::Store::open();
@@ -156,6 +160,46 @@ void printSyncedRecords(const GlobalOptions& options, const std::optional<std::s
 
 volatile std::sig_atomic_t interrupted = 0;
 
+std::string pushCount(std::size_t count) { return std::to_string(count) + (count == 1 ? " push" : " pushes"); }
+
+// The records that syncs wrote into this installation while it lives. The
+// store tells its observers on the main queue, so once a sync has settled,
+// all it wrote has been counted. Nothing else writes the synced classes
+// while a watch waits.
+class FetchedRecords {
+ public:
+  FetchedRecords() {
+    auto store = store::Store::open();
+    for (const auto& type : kSyncedTypes) {
+      tokens_.push_back(store.observe(type, [this, type](const store::ChangeSet& change) {
+        auto& keys = keysByType_[type];
+        for (const auto* list : {&change.insertions, &change.modifications, &change.deletions}) {
+          keys.insert(list->begin(), list->end());
+        }
+      }));
+    }
+  }
+
+  // "2 records (Device 1, Pickup 1)" since the last call, or "nothing new".
+  std::string take() {
+    std::size_t total = 0;
+    std::string byType;
+    for (const auto& type : kSyncedTypes) {
+      const std::size_t count = keysByType_[type].size();
+      if (count == 0) continue;
+      total += count;
+      byType += (byType.empty() ? "" : ", ") + type + " " + std::to_string(count);
+    }
+    keysByType_.clear();
+    if (total == 0) return "nothing new";
+    return std::to_string(total) + (total == 1 ? " record (" : " records (") + byType + ")";
+  }
+
+ private:
+  std::map<std::string, std::set<std::string>> keysByType_;
+  std::vector<store::ObserverToken> tokens_;
+};
+
 // Stays connected to the cloud, and hands each push to the app as a phone
 // hands over its silent pushes, letting the sync each one starts run to its
 // end; until `seconds` have passed, or until interrupted when not given.
@@ -171,6 +215,9 @@ void watch(const GlobalOptions& options, std::optional<double> seconds) {
               : Clock::time_point::max();
   if (!options.json) standardOutput() << "Watching for pushes" << (seconds ? "" : " until interrupted") << std::endl;
   std::size_t pushes = 0;
+  FetchedRecords fetched;
+  settleOperations();
+  fetched.take();
   while (!interrupted && Clock::now() < deadline) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     waitForPushes(std::clamp(left, std::chrono::milliseconds(0), std::chrono::milliseconds(1000)));
@@ -178,15 +225,17 @@ void watch(const GlobalOptions& options, std::optional<double> seconds) {
     if (delivered == 0) continue;
     pushes += delivered;
     settleOperations();
-    if (!options.json) {
-      standardOutput() << "Heard " << delivered << (delivered == 1 ? " push" : " pushes") << std::endl;
-    }
+    // A push is one commit of another device, and a command there that
+    // writes makes two: its launch's sync saves that device's record before
+    // the command's records go. So each line says what its push brought.
+    const std::string brought = fetched.take();
+    if (!options.json) standardOutput() << "Heard " << pushCount(delivered) << ", fetched " << brought << std::endl;
   }
   std::signal(SIGINT, SIG_DFL);
   std::signal(SIGTERM, SIG_DFL);
   nlohmann::ordered_json json = stateJSON(CloudService::syncState());
   json["pushes"] = pushes;
-  Output(options).print(json, "Heard " + std::to_string(pushes) + (pushes == 1 ? " push" : " pushes") + " in all");
+  Output(options).print(json, "Stopped watching: " + pushCount(pushes) + " heard");
 }
 
 void enterBackground(const GlobalOptions& options) {

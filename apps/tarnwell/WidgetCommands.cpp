@@ -125,7 +125,7 @@ void addWidgetBoardCommands(CLI::App* group, const GlobalOptions& options, Actio
     HomeScreen::shared().place(widget);
     Output(options).print(
         {{"kind", widget.kind}, {"family", familyWord(widget.family)}, {"configuration", a->configuration}},
-        "placed " + a->configuration + " (" + familyWord(widget.family) + ")");
+        words("Widgets.Placed", {a->configuration, familyWord(widget.family)}));
   });
 
   auto* uninstall = group->add_subcommand("uninstall", "Remove every widget of a configuration");
@@ -133,7 +133,7 @@ void addWidgetBoardCommands(CLI::App* group, const GlobalOptions& options, Actio
   onRunWithoutStore(uninstall, action, [&options, a] {
     const std::size_t removed = HomeScreen::shared().remove(a->configuration);
     if (removed == 0) throw InputError("no widget of " + a->configuration + " is placed");
-    Output(options).print({{"removed", removed}}, "removed " + std::to_string(removed));
+    Output(options).print({{"removed", removed}}, words("Widgets.Removed", {static_cast<std::int64_t>(removed)}));
   });
 
   onRunWithoutStore(group->add_subcommand("installed", "The widgets placed"), action, [&options] {
@@ -144,7 +144,7 @@ void addWidgetBoardCommands(CLI::App* group, const GlobalOptions& options, Actio
       all.push_back({{"kind", widget.kind}, {"family", familyWord(widget.family)}, {"configuration", configuration}});
       lines.push_back(configuration + "  " + familyWord(widget.family) + "  " + widget.kind);
     }
-    Output(options).print(all, joinLines(lines));
+    Output(options).print(all, joinLines(lines, words("List.None")));
   });
 
   onRunWithoutStore(
@@ -157,10 +157,11 @@ void addWidgetBoardCommands(CLI::App* group, const GlobalOptions& options, Actio
           const std::string kind = reload.kind.value_or("all");
           all.push_back(
               {{"centre", centre}, {"kind", kind}, {"requests", reload.count}, {"date", reload.date.iso8601()}});
-          lines.push_back(centre + "  " + kind + "  (" + std::to_string(reload.count) + " requests since " +
-                          reload.date.iso8601() + ")");
+          lines.push_back(centre + "  " + kind + "  " +
+                          words(reload.count == 1 ? "Widgets.Reloads.OneRequest" : "Widgets.Reloads.Requests",
+                                {reload.count, reload.date.iso8601()}));
         }
-        Output(options).print(all, joinLines(lines));
+        Output(options).print(all, joinLines(lines, words("List.None")));
       });
 }
 

@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "Cli.h"
+#include "tarnwell/platform/Environment.h"
 
 using namespace tarnwell::cli;
 
@@ -23,6 +24,13 @@ int main(int argc, char** argv) {
   app.add_option("--tz", options.timeZone, "IANA time zone (default: the system's)");
   app.add_option("--locale", options.locale, "Locale such as en_US or de-DE (default: the system's)");
   app.add_flag("--json", options.json, "Machine-readable output");
+  // What `info` reads from the bundle, but without an installation: asking
+  // for the version must not make or open one.
+  const auto bundle = tarnwell::BundleInfo::current().infoDictionary;
+  app.set_version_flag(
+      "--version",
+      "tarnwell " + bundle.at("CFBundleShortVersionString") + " (build " + bundle.at("CFBundleVersion") + ")",
+      "Print the version and build, then exit");
 
   Action action;
   addCommands(app, options, action);
@@ -38,6 +46,8 @@ int main(int argc, char** argv) {
     return app.exit(help);
   } catch (const CLI::CallForAllHelp& help) {
     return app.exit(help);
+  } catch (const CLI::CallForVersion& version) {
+    return app.exit(version);
   } catch (const CLI::ParseError& error) {
     std::cerr << "tarnwell: " << error.what() << " (see tarnwell --help)\n";
     return 2;

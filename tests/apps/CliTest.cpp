@@ -129,6 +129,16 @@ TEST_F(CliTest, GlobalOptionsPinTheClockZoneAndLocale) {
   }
 }
 
+TEST_F(CliTest, TheVersionIsInfosAndOpensNoInstallation) {
+  const Outcome version = run("--version");
+  ASSERT_EQ(version.status, 0) << version.err;
+  EXPECT_FALSE(std::filesystem::exists(container()));
+  const auto info = json(run("--json info"));
+  EXPECT_EQ(version.out,
+            "tarnwell " + info["version"].get<std::string>() + " (build " + info["build"].get<std::string>() + ")\n");
+  EXPECT_EQ(run("day --version").out, version.out);
+}
+
 TEST_F(CliTest, WithoutAContainerTheInstallationLivesUnderXDG) {
   const auto facts = json(run("--json info", false));
   EXPECT_EQ(facts["appGroupContainer"],
@@ -491,6 +501,37 @@ TEST_F(CliTest, TwoDevicesSignedInToOneCloudSeeEachOthersDays) {
   EXPECT_EQ(json(runOn("phone", "--json walk list")).size(), 1u);
 }
 
+// One pickup added on the tablet is two commits there (its launch saves its
+// device record first), so the phone may hear two pushes: each line says
+// what its push brought, and the count at the end adds them up.
+TEST_F(CliTest, AWatcherSaysWhatEachPushBrought) {
+  const std::string cloud = "'" + (folder.path() / "cloud").string() + "'";
+  ASSERT_EQ(runOn("phone", "cloud sign-in " + cloud).status, 0);
+  ASSERT_EQ(runOn("tablet", "cloud sign-in " + cloud).status, 0);
+  const auto on = [this](const std::string& device, const std::string& arguments) {
+    return "XDG_DATA_HOME='" + (folder.path() / device / "xdg").string() + "' '" + testing::tarnwellBinary() +
+           "' --container '" + (folder.path() / device / "phone").string() + "' " + arguments;
+  };
+  const Outcome watched = testing::runShell(
+      on("phone", "sync watch --for 6") + " > '" + (folder.path() / "watch.out").string() + "' & sleep 1; " +
+          on("tablet", "pickup add 2026-11-22T08:00:00Z 2026-11-22T08:05:00Z") + " > /dev/null; wait",
+      folder.path());
+  ASSERT_EQ(watched.status, 0) << watched.err;
+  std::istringstream lines(readFile(folder.path() / "watch.out"));
+  std::string line;
+  ASSERT_TRUE(std::getline(lines, line));
+  EXPECT_EQ(line, "Watching for pushes");
+  int heard = 0, pickups = 0;
+  while (std::getline(lines, line) && line.starts_with("Heard ")) {
+    heard += std::stoi(line.substr(6));
+    EXPECT_NE(line.find(" push"), std::string::npos) << line;
+    if (line.find("Pickup 1)") != std::string::npos) ++pickups;
+  }
+  EXPECT_EQ(pickups, 1) << "the pickup came by exactly one push";
+  EXPECT_EQ(line, "Stopped watching: " + std::to_string(heard) + (heard == 1 ? " push" : " pushes") + " heard");
+  EXPECT_FALSE(std::getline(lines, line));
+}
+
 TEST_F(CliTest, TheBackgroundStretchOutlivesTheProcessAndItsEventsLeaveOnReturn) {
   ASSERT_EQ(run("cloud sign-in '" + (folder.path() / "cloud").string() + "'").status, 0);
   const auto pickups = [this] { return json(run("--json cloud records --type Pickup")).size(); };
@@ -535,21 +576,25 @@ TEST_F(CliTest, TheDayInJSONCarriesEveryMetric) {
 }
 
 // The sleep row once ran the source's name into the night's pieces, or into
-// "none" when there was no night; without a night it names no source.
+// "none" when there was no night; without a night it names no source. And
+// without a night there is no asleep-at: the library's 04:00 then is a
+// stand-in, once printed as if measured.
 TEST_F(CliTest, TheDayAsTextPutsTheNightsPiecesOnLinesOfTheirOwn) {
   const std::string day = "--tz UTC --now 2026-11-23T12:00:00Z day 2026-11-22";
   const Outcome empty = run(day);
   ASSERT_EQ(empty.status, 0) << empty.err;
   EXPECT_EQ(empty.out.substr(0, empty.out.find('\n')), "Day 2026-11-22, 00:00:00 to 2026-11-23 00:00:00");
-  EXPECT_NE(empty.out.find("\nSleep               -\nBreaks"), std::string::npos) << empty.out;
+  EXPECT_NE(empty.out.find("\nAsleep at           -\nSleep               -\nBreaks"), std::string::npos) << empty.out;
+  EXPECT_EQ(json(run("--json " + day))["asleepAt"], nullptr);
 
   run("pickup add 2026-11-21T22:00:00Z 2026-11-21T22:10:00Z");
   run("pickup add 2026-11-22T07:00:00Z 2026-11-22T07:05:00Z");
   const Outcome night = run(day);
-  EXPECT_NE(night.out.find("\nSleep               8:50:00 by Tarnwell\n"
+  EXPECT_NE(night.out.find("\nAsleep at           02:35:00\nSleep               8:50:00 by Tarnwell\n"
                            "    2026-11-21 22:10:00 - 07:00:00 (8:50:00)\nBreaks"),
             std::string::npos)
       << night.out;
+  EXPECT_EQ(json(run("--json " + day))["asleepAt"], "2026-11-22T02:35:00Z");
 }
 
 TEST_F(CliTest, TheDemoIsDeterministicAndWantsAFreshInstallation) {

@@ -80,7 +80,8 @@ TEST_F(CloudServerCliTest, TwoMachinesSyncThroughTheServerAndAWatcherHearsEachWr
       folder.path());
   ASSERT_EQ(watched.status, 0) << watched.err;
   const std::string heard = testing::readFile(folder.path() / "watch.out");
-  EXPECT_NE(heard.find("Heard 1 push\n"), std::string::npos) << heard;
+  EXPECT_NE(heard.find("Heard 1 push, fetched "), std::string::npos) << heard;
+  EXPECT_NE(heard.find("Pickup 1)\n"), std::string::npos) << heard;
   EXPECT_EQ(json(run("office", "--json sync records --type Pickup")).size(), 1u);
 
   // Tokens expire on the server too, and a pull starts over.

@@ -58,6 +58,29 @@ TEST_F(ImportTest, AwareDevicesArePairedEachInItsOwnTimeOrder) {
   EXPECT_TRUE(result.whole);
 }
 
+// What the commands refuse is a bad row of a file too: the store never holds
+// a year the commands could not reach, or a span no sensor makes.
+TEST_F(ImportTest, EventsOutsideWhatTheCommandsTakeAreBadRows) {
+  const auto result = read(ImportFormat::tarnwell,
+                           "pickup,1969-12-31T23:00:00Z,1970-01-01T00:10:00Z\n"
+                           "pickup,2099-12-31T23:50:00Z,2100-01-01T00:00:00Z\n"
+                           "walk,2026-11-24T00:00:00Z,2026-11-25T00:00:01Z\n"
+                           "alive,2026-10-01T00:00:00Z,2026-11-02T00:00:00Z\n"
+                           "pickup,2026-11-24T00:00:00Z,2026-11-25T00:00:00Z\n"
+                           "alive,2026-10-01T00:00:00Z,2026-11-01T00:00:00Z\n");
+  using Bad = std::vector<std::pair<std::size_t, std::string>>;
+  EXPECT_EQ(result.bad, (Bad{{1, "a time is not between 1970 and 2099"},
+                             {2, "a time is not between 1970 and 2099"},
+                             {3, "an event longer than a day"},
+                             {4, "an alive span longer than 31 days"}}));
+  EXPECT_EQ(result.events.size(), 2u);  // a whole day and 31 days are the longest taken
+  // An AWARE unlock in the year 3000 is a time of the format, not one the store takes.
+  const auto aware =
+      read(ImportFormat::aware, "timestamp,device_id,screen_status\n32503680000000,a,3\n32503680001000,a,2\n");
+  EXPECT_TRUE(aware.events.empty());
+  EXPECT_EQ(aware.bad, (Bad{{3, "a time is not between 1970 and 2099"}}));
+}
+
 TEST_F(ImportTest, AwareTimesAndStatusesOutsideTheFormatAreBadRows) {
   const auto result = read(ImportFormat::aware,
                            "timestamp,device_id,screen_status\n"

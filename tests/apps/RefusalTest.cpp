@@ -104,7 +104,15 @@ TEST_F(RefusalTest, MeaninglessAndCrashingValuesAreRefusedInOneLineAndChangeNoth
           "focus add 2026-11-20T00:00:00Z 2026-11-22T00:00:00Z",
           "focus edit {focus} --start 2026-11-20T00:00:00Z",
           "--now 9999-01-01T00:00:00Z day",
+          "day 9999-12-31",
+          "summary --from 9999-12-31",
           "settings set cloudKitLastSyncDate 2100-01-01T00:00:00Z",
+          // No days have no averages; every count but 1 to 3660 is refused alike.
+          "summary --count 0",
+          "summary --count -1",
+          "summary --count=-1",
+          "summary --count abc",
+          "summary --count 3661",
           // Tags that would orphan sessions, hide the fallback, or are not there.
           "tag delete {tag} --migrate-to {tag}",
           "tag archive default",
@@ -146,6 +154,10 @@ TEST_F(RefusalTest, TheEdgesOfEachRangeAreTaken) {
   EXPECT_EQ(run("alive add 2026-11-01T00:00:00Z 2026-12-02T00:00:00Z").status, 0);
   EXPECT_EQ(run("focus add 1970-01-01T00:00:00Z 1970-01-01T00:30:00Z --progress 1800").status, 0);
   EXPECT_EQ(run("--now 2099-12-31T23:59:59Z day").status, 0);
+  const Outcome lastDay = run("--tz UTC day 2099-12-31");
+  EXPECT_EQ(lastDay.out.substr(0, lastDay.out.find('\n')), "Day 2099-12-31, 00:00:00 to 2100-01-01 00:00:00");
+  EXPECT_EQ(run("summary --count 1").status, 0);
+  EXPECT_EQ(run("summary --count 3660").status, 0);
   EXPECT_EQ(run("health add-sleep 2026-11-22T23:00:00Z 2026-11-23T06:00:00Z --source-bundle com.neybox.Pillow "
                 "--source-name Pillow --value 5")
                 .status,
