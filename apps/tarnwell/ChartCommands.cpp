@@ -39,10 +39,16 @@ std::shared_ptr<const StatisticsDataType> parseMetric(const std::string& text) {
   refuse("METRIC", text, "a metric (" + known + "focus, failedTimes or tag:ID)");
 }
 
+// "124.3" or "124,3": one decimal in the locale's digits and separator,
+// a zero one kept so that the column reads alike from day to day.
 std::string oneDecimal(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f", value);
-  return text;
+  const double rounded = std::round(value * 10) / 10;
+  const std::string text = removeZerosFromEnd(rounded, 1).value_or("-");
+  if (rounded != std::trunc(rounded)) return text;
+  // The separator is what the locale writes between the digits of 0.5.
+  const std::string zero = removeZerosFromEnd(0, 0).value_or("0"), five = removeZerosFromEnd(5, 0).value_or("5");
+  const std::string half = removeZerosFromEnd(0.5, 1).value_or("0.5");
+  return text + half.substr(zero.size(), half.size() - zero.size() - five.size()) + zero;
 }
 
 nlohmann::ordered_json chartJSON(const StatisticsData& chart) {
@@ -96,16 +102,17 @@ int column(double value, const StatisticsData& chart, int width) {
 }
 
 // One row per entry: a bar (or, for a line chart, a dot) across the y axis,
-// with the baseline marked "|" and the average line ":".
+// with the baseline marked "|" and the average line ":". The figures below
+// are those the drawn chart shows.
 std::string chartText(const StatisticsData& chart) {
   constexpr int kWidth = 40;
-  std::string text = chart.dataType->title().value_or(chart.dataType->identifier()) + "\n" + chart.subtitle() + "\n";
+  std::string text = chartTitle(chart) + "\n" + chart.subtitle() + "\n";
   std::size_t labelWidth = 0;
   std::vector<std::string> labels;
   for (const auto& entry : chart.entries) {
     std::string label = entry.xAxisString;
     std::replace(label.begin(), label.end(), '\n', ' ');
-    labelWidth = std::max(labelWidth, label.size());
+    labelWidth = std::max(labelWidth, columnsOf(label));
     labels.push_back(std::move(label));
   }
   const auto mark = [&chart](const std::optional<double>& value) { return value ? column(*value, chart, kWidth) : -1; };
@@ -123,36 +130,41 @@ std::string chartText(const StatisticsData& chart) {
     }
     if (average >= 0 && row[static_cast<std::size_t>(average)] == ' ') row[static_cast<std::size_t>(average)] = ':';
     if (baseline >= 0 && row[static_cast<std::size_t>(baseline)] == ' ') row[static_cast<std::size_t>(baseline)] = '|';
-    text += "  " + labels[i] + std::string(labelWidth - labels[i].size() + 2, ' ') + row + "  " +
-            entry.yAxisString.value_or("-") + "\n";
+    text += "  " + padded(labels[i], labelWidth + 2) + row + "  " + entry.yAxisString.value_or("-") + "\n";
   }
-  text += "  axis " + chart.dataType->axisValueFormatter(chart.yAxisMinimum) + " to " +
-          chart.dataType->axisValueFormatter(chart.yAxisMaximum) + " by " +
-          chart.dataType->axisValueFormatter(chart.yAxisGranularity) + " (" + std::to_string(chart.yAxisLabelCount) +
-          " labels)";
+  const auto& type = *chart.dataType;
+  text += "  " + words(chart.yAxisLabelCount == 1 ? "Chart.Axis.One" : "Chart.Axis.Many",
+                       {type.axisValueFormatter(chart.yAxisMinimum), type.axisValueFormatter(chart.yAxisMaximum),
+                        type.axisValueFormatter(chart.yAxisGranularity), chart.yAxisLabelCount});
+  // The baseline's word is the one the drawn chart writes beside its line.
   if (chart.baseline) {
-    text += "; | " + std::string(chart.baselineType == StatisticsBaselineType::goal ? "goal " : "limit ") +
-            chart.dataType->valueFormatter(*chart.baseline);
+    text += "; | " +
+            localized(chart.baselineType == StatisticsBaselineType::goal ? "Statistics.Chart.Goal"
+                                                                         : "Statistics.Chart.Limit") +
+            " " + type.valueFormatter(*chart.baseline);
   }
-  if (chart.averageLine) text += "; : average " + chart.dataType->valueFormatter(*chart.averageLine);
-  text += "\n" + chart.averageLabel() + "  " + chart.dataType->valueFormatter(chart.averageValue) + "\n";
-  if (chart.dataType->showsTotalValue()) {
-    text += chart.totalLabel() + "  " + chart.dataType->valueFormatter(chart.totalValue) + "\n";
-  }
-  const auto extreme = [&chart](const std::optional<double>& value, const std::optional<std::string>& label) {
-    return (value && label && *label != "-" ? chart.dataType->valueFormatter(*value) + "  " : std::string()) +
-           label.value_or("-");
-  };
-  text += chart.maximumDescription() + "  " + extreme(chart.maximumValue, chart.maximumLabel) + "\n";
-  text += chart.minimumDescription() + "  " + extreme(chart.minimumValue, chart.minimumLabel);
+  if (chart.averageLine) text += "; : " + words("Chart.AverageLine", {type.valueFormatter(*chart.averageLine)});
+  for (const auto& [caption, value] : chartFigures(chart)) text += "\n" + caption + "  " + value;
   return text;
 }
 
 std::string comboText(const std::optional<EventsCombo::ComboType>& combo) {
   if (!combo) return "-";
   const bool kept = combo->kind() == EventsCombo::ComboType::Kind::succeed;
-  return std::string(kept ? "kept " : "missed ") + std::to_string(combo->count()) +
-         (combo->count() == 1 ? " day" : " days");
+  const bool one = combo->count() == 1;
+  return words(
+      kept ? (one ? "Streaks.Kept.One" : "Streaks.Kept.Many") : (one ? "Streaks.Missed.One" : "Streaks.Missed.Many"),
+      {combo->count()});
+}
+
+// A clock time of many days, read on the first of them; a day whose
+// daylight-saving change skips that time gives way to the next.
+std::string clockTimeOfDays(const DateComponents& time, Date firstDay) {
+  Date at = firstDay.getTime(time.hour, time.minute, time.second);
+  for (int day = 1; day < 3 && (at.hour() != time.hour || at.minute() != time.minute); ++day) {
+    at = firstDay.addingDay(day).getTime(time.hour, time.minute, time.second);
+  }
+  return clockTime(at);
 }
 
 nlohmann::ordered_json comboJSON(const std::optional<EventsCombo::ComboType>& combo) {
@@ -168,20 +180,25 @@ View streaksView(const EventsCombo& combo) {
            {"screenTimeCombo", comboJSON(combo.screenTimeCombo)},
            {"pickupCombo", comboJSON(combo.pickupCombo)},
            {"sleepTimeCombo", comboJSON(combo.sleepTimeCombo)}},
-          "Screen time  " + comboText(combo.screenTimeCombo) + "\nPickups      " + comboText(combo.pickupCombo) +
-              "\nSleep        " + comboText(combo.sleepTimeCombo)};
+          labeledRows({{words("Metric.ScreenTime"), comboText(combo.screenTimeCombo)},
+                       {localized("ScreenTime.Pickups"), comboText(combo.pickupCombo)},
+                       {localized("ScreenTime.SleepTime"), comboText(combo.sleepTimeCombo)}})};
 }
 
 View chartView(const StatisticsData& chart) { return {chartJSON(chart), chartText(chart)}; }
 
 DaysSummary summarizeDays(Date from, int count) {
   const EventsOfDays days(from.startOfDay(), count);
+  // The JSON keeps its fixed form for scripts; a person reads the locale's.
   const auto clock = [](const DateComponents& time) {
     char text[16];
     std::snprintf(text, sizeof text, "%02d:%02d:%02d", time.hour, time.minute, time.second);
     return std::string(text);
   };
-  const auto duration = [](double seconds) { return getTimeIntervalString(seconds, false); };
+  const auto duration = [](double seconds) { return getTimeIntervalString(seconds); };
+  const auto perDay = [](const std::string& value) {
+    return " (" + localizedFormat("Focus.CreateTag.goal.time.summary", {value}) + ")";
+  };
   const auto [screenTotal, screenAverage] = days.screenTime();
   const auto [pickupTotal, pickupAverage] = days.pickupTimes();
   const auto [walkTotal, walkAverage] = days.walkingLife();
@@ -201,28 +218,23 @@ DaysSummary summarizeDays(Date from, int count) {
                                  {"averageFirstPickup", clock(days.averageFirstPickup())},
                                  {"averageLastPickup", clock(days.averageLastPickup())}};
   std::vector<std::pair<std::string, std::string>> rows{
-      {"Screen time", duration(screenTotal) + " (" + duration(screenAverage) + " a day)"},
-      {"Pickups", std::to_string(pickupTotal) + " (" + oneDecimal(pickupAverage) + " a day)"},
-      {"Walking", duration(walkTotal) + " (" + duration(walkAverage) + " a day)"},
-      {"Indoor", duration(indoorTotal) + " (" + duration(indoorAverage) + " a day)"},
-      {"Longest pickup", longest ? duration(*longest) : "-"},
-      {"Checking every", duration(days.averageCheckingEvery())},
-      {"Best break", duration(days.averageBestBreak())},
-      {"Continuous use", duration(days.averageContinuouslyUsage())},
-      {"Sleep", duration(days.averageSleepTime())},
-      {"First pickup", clock(days.averageFirstPickup())},
-      {"Last pickup", clock(days.averageLastPickup())}};
+      {words("Metric.ScreenTime"), duration(screenTotal) + perDay(duration(screenAverage))},
+      {localized("ScreenTime.Pickups"), std::to_string(pickupTotal) + perDay(oneDecimal(pickupAverage))},
+      {words("Metric.Walking"), duration(walkTotal) + perDay(duration(walkAverage))},
+      {words("Metric.Indoor"), duration(indoorTotal) + perDay(duration(indoorAverage))},
+      {words("Metric.LongestPickup"), longest ? duration(*longest) : "-"},
+      {words("Metric.CheckingEvery"), duration(days.averageCheckingEvery())},
+      {words("Metric.BestBreak"), duration(days.averageBestBreak())},
+      {words("Metric.ContinuousUse"), duration(days.averageContinuouslyUsage())},
+      {localized("ScreenTime.SleepTime"), duration(days.averageSleepTime())},
+      {words("Metric.FirstPickup"), clockTimeOfDays(days.averageFirstPickup(), from.startOfDay())},
+      {words("Metric.LastPickup"), clockTimeOfDays(days.averageLastPickup(), from.startOfDay())}};
   return {std::move(json), std::move(rows)};
 }
 
 View summaryView(Date from, int count) {
   const DaysSummary days = summarizeDays(from, count);
-  std::vector<std::string> lines;
-  for (auto [label, value] : days.rows) {
-    label.resize(std::max<std::size_t>(label.size(), 20), ' ');
-    lines.push_back(label + value);
-  }
-  return {days.json, joinLines(lines)};
+  return {days.json, labeledRows(days.rows, 20)};
 }
 
 void addChartCommands(CLI::App& app, const GlobalOptions& options, Action& action) {

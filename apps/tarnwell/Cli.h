@@ -170,6 +170,21 @@ std::size_t columnsOf(const std::string& text);
 // `text` padded with blanks to `columns`, or followed by one when it is as wide.
 std::string padded(const std::string& text, std::size_t columns);
 
+// Instants as the user reads them, in one way wherever the host shows one:
+// the locale's own patterns, on the clock the user chose (a new installation
+// takes it from the locale). "7:07:46 AM" in en_US, "07:07:46" in de_DE;
+// "-" for none.
+std::string clockTime(const std::optional<Date>& date, bool withSeconds = true);
+// With the day and month before the time, for an instant that lies on
+// another day than the one shown; and the year when nothing around says it.
+std::string dayAndClockTime(Date date, bool withYear = false);
+// A day as the locale writes it: "Nov 24, 2026", "24. Nov. 2026".
+std::string calendarDay(Date date);
+
+// Rows of a label and its value, one to a line, the values in one column
+// at least `least` columns in and two past the widest label.
+std::string labeledRows(const std::vector<std::pair<std::string, std::string>>& rows, std::size_t least = 0);
+
 // Prints the rows of `ids` that `read` finds (soft-deleted ones are not):
 // a JSON array of toJSON(row), or toLine(row) one after the other.
 template <class Read, class ToJSON, class ToLine>

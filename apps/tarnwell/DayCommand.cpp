@@ -1,5 +1,6 @@
 // `tarnwell day [DATE]`: every metric of one day, its night and its hours.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -25,12 +26,13 @@ std::string clock(std::optional<double> seconds) {
   return text;
 }
 
-// The local wall time of an instant, "07:32:10", with the date when it is not `day`'s.
+// The wall time of an instant, with the day and month when it is not `day`'s
+// (the last pickup before the night is often the evening before), and the
+// year when that is another too.
 std::string wallTime(std::optional<Date> date, Date day) {
   if (!date) return "-";
-  const std::string iso = date->iso8601();
-  const std::string time = iso.substr(11, 8);
-  return date->isSameDay(day) ? time : iso.substr(0, 10) + " " + time;
+  if (date->isSameDay(day)) return clockTime(*date);
+  return dayAndClockTime(*date, date->startOfYear() != day.startOfYear());
 }
 
 // When the night fell asleep, only if the day has a night: without one the
@@ -47,7 +49,7 @@ std::string span(const DateInterval& interval, Date day) {
 }
 
 std::string spans(const std::vector<DateInterval>& intervals, Date day) {
-  if (intervals.empty()) return "none";
+  if (intervals.empty()) return words("Day.None");
   std::string text;
   for (const auto& interval : intervals) text += "\n    " + span(interval, day);
   return text;
@@ -97,39 +99,45 @@ std::string bar(std::optional<double> seconds) {
 std::string dayText(const EventsOfDay& day) {
   const Date date = day.startOfDay();
   const DateInterval& interval = day.eventsOfInterval().interval();
-  std::string text = "Day " + date.iso8601().substr(0, 10) + ", " + wallTime(interval.start(), date) + " to " +
-                     wallTime(interval.end(), date) + "\n";
-  const auto row = [&text](const char* label, const std::string& value) {
-    std::string line = label;
-    line.resize(20, ' ');
-    text += line + value + "\n";
+  std::string text =
+      words("Day.Header", {calendarDay(date), wallTime(interval.start(), date), wallTime(interval.end(), date)}) + "\n";
+  std::vector<std::pair<std::string, std::string>> rows;
+  const auto row = [&rows](std::string label, std::string value) {
+    rows.emplace_back(std::move(label), std::move(value));
   };
-  row("Screen time", clock(day.screenTime()));
-  row("Pickups", day.pickupTimes() ? std::to_string(*day.pickupTimes()) : "-");
-  row("Longest pickup", clock(day.longestPickup()));
-  row("Checking every", clock(day.checkingEvery()));
-  row("Walking", clock(day.walkingLife()));
-  row("Indoor", clock(day.indoorLife()));
-  row("Longest use", day.continuouslyUsage() ? span(*day.continuouslyUsage(), date) : "-");
-  row("Best break", day.bestBreak() ? span(*day.bestBreak(), date) : "-");
-  row("Last pickup", wallTime(day.lastPickupDate(), date));
-  row("First pickup", wallTime(day.firstPickupDate(), date));
-  row("Asleep at", wallTime(asleepAt(day), date));
+  row(words("Metric.ScreenTime"), clock(day.screenTime()));
+  row(localized("ScreenTime.Pickups"), day.pickupTimes() ? std::to_string(*day.pickupTimes()) : "-");
+  row(words("Metric.LongestPickup"), clock(day.longestPickup()));
+  row(words("Metric.CheckingEvery"), clock(day.checkingEvery()));
+  row(words("Metric.Walking"), clock(day.walkingLife()));
+  row(words("Metric.Indoor"), clock(day.indoorLife()));
+  row(words("Metric.LongestUse"), day.continuouslyUsage() ? span(*day.continuouslyUsage(), date) : "-");
+  row(words("Metric.BestBreak"), day.bestBreak() ? span(*day.bestBreak(), date) : "-");
+  row(words("Metric.LastPickup"), wallTime(day.lastPickupDate(), date));
+  row(words("Metric.FirstPickup"), wallTime(day.firstPickupDate(), date));
+  row(words("Metric.AsleepAt"), wallTime(asleepAt(day), date));
   // The night's pieces follow on lines of their own; without a night there are none.
   const auto sleeps = day.sleeps();
   // Whose night it is matters only when there is one.
-  row("Sleep", day.sleepTime() ? clock(day.sleepTime()) + " by " + day.sleepSourceDisplayName() +
-                                     (sleeps.empty() ? std::string() : spans(sleeps, date))
-                               : "-");
-  row("Breaks", std::to_string(day.breaks().size()));
-  row("No data", spans(day.noDatas(), date));
-  text += "Hours\n";
+  row(localized("ScreenTime.SleepTime"),
+      day.sleepTime() ? words("Day.SleepBy", {clock(day.sleepTime()), day.sleepSourceDisplayName()}) +
+                            (sleeps.empty() ? std::string() : spans(sleeps, date))
+                      : "-");
+  row(words("Metric.Breaks"), std::to_string(day.breaks().size()));
+  row(words("Metric.NoData"), spans(day.noDatas(), date));
+  text += labeledRows(rows, 20) + "\n";
+  text += words("Day.Hours") + "\n";
   const auto eventsOfHours = day.getEventsOfHours();
+  // The hours' names differ in width on a twelve-hour clock ("9:00 AM", "10:00 AM").
+  std::size_t hourWidth = 0;
   for (const auto& hour : *eventsOfHours) {
-    std::string line = "  " + hour.interval.start().iso8601().substr(11, 5) + "  " + clock(hour.screenTime());
-    line.resize(18, ' ');
+    hourWidth = std::max(hourWidth, columnsOf(clockTime(hour.interval.start(), false)));
+  }
+  for (const auto& hour : *eventsOfHours) {
     const std::string count = hour.pickupTimes() ? std::to_string(*hour.pickupTimes()) : "";
-    text += line + count + std::string(5 - std::min<std::size_t>(count.size(), 4), ' ') + bar(hour.screenTime()) + "\n";
+    text += "  " + padded(clockTime(hour.interval.start(), false), hourWidth + 2) +
+            padded(clock(hour.screenTime()), 9) + count + std::string(5 - std::min<std::size_t>(count.size(), 4), ' ') +
+            bar(hour.screenTime()) + "\n";
   }
   text.pop_back();
   return text;

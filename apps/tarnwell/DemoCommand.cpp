@@ -186,19 +186,25 @@ std::string commandLine(const GlobalOptions& options) {
 }
 
 std::string suggestions(const GlobalOptions& options, Date day) {
+  // The commands stay as typed; only what they show is in the user's words.
   const std::string tarnwell = commandLine(options), date = day.iso8601().substr(0, 10);
   const std::pair<std::string, const char*> next[] = {
-      {"day", "today so far"},
-      {"chart pickups --range month", "this month's pickups, day by day"},
-      {"chart sleepTime --date " + date, "the nights of that week"},
-      {"tag streak working --date " + date, "the days in a row of an hour of work"},
-      {"report --out tarnwell-report.html", "every chart on one page, for a browser"},
-      {"--help", "everything else"},
+      {"day", "Demo.Next.Today"},
+      {"chart pickups --range month", "Demo.Next.Month"},
+      {"chart sleepTime --date " + date, "Demo.Next.Nights"},
+      {"tag streak working --date " + date, "Demo.Next.Streak"},
+      {"report --out tarnwell-report.html", "Demo.Next.Report"},
+      {"--help", "Demo.Next.Help"},
   };
-  std::string text = "Try next:\n";
-  for (const auto& [command, what] : next) text += "  " + tarnwell + " " + command + "\n      " + what + "\n";
+  std::string text = words("Demo.TryNext") + "\n";
+  for (const auto& [command, what] : next) text += "  " + tarnwell + " " + command + "\n      " + words(what) + "\n";
   text.pop_back();
   return text;
+}
+
+// "1 walk", "46 walks": a count in the user's words, `one` for a single one.
+std::string counted(std::size_t count, const char* one, const char* many) {
+  return words(count == 1 ? one : many, {static_cast<std::int64_t>(count)});
 }
 
 }  // namespace
@@ -220,9 +226,11 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
     const Date now = Date::now();
     History history;
     Progress progress("demo");
+    const std::string daysMade = words("Demo.Progress.DaysMade"),
+                      recordsWritten = words("Demo.Progress.RecordsWritten");
     for (int back = arguments->days - 1; back >= 0; --back) {
       makeDay(random, now.addingDay(-back), now, back == std::min(3, arguments->days - 1), phone, tablet, history);
-      progress.update(static_cast<std::size_t>(arguments->days - back), "days made");
+      progress.update(static_cast<std::size_t>(arguments->days - back), daysMade);
     }
 
     auto thisDevice = Database::getCurrentDevice().value_or(Device(phone, "Phone"));
@@ -235,7 +243,7 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
       const auto add = [&](const auto& records) {
         for (const auto& record : records) {
           t.add(record, store::UpdatePolicy::error);
-          if (++written % 1000 == 0) progress.update(written, "records written", written / total);
+          if (++written % 1000 == 0) progress.update(written, recordsWritten, written / total);
         }
       };
       add(history.pickups);
@@ -261,7 +269,6 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
     const View chart =
         chartView(StatisticsData(lastWeek.startOfWeek() < firstDayMade ? day : lastWeek, StatisticsDateRange::week,
                                  std::make_shared<ScreenTimeDataType>(ScreenTimeDataType::Case::screenTime)));
-    const std::string firstDay = day.addingDay(-6).iso8601().substr(0, 10), lastDay = day.iso8601().substr(0, 10);
     const nlohmann::ordered_json made = {{"days", arguments->days},
                                          {"pickups", history.pickups.size()},
                                          {"walks", history.walks.size()},
@@ -269,12 +276,14 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
                                          {"focuses", history.focuses.size()}};
     Output(options).print(
         {{"made", made}, {"day", shownDay.json}, {"week", week.json}, {"streaks", streaks.json}, {"chart", chart.json}},
-        "Made " + std::to_string(history.pickups.size()) + " pickups, " + std::to_string(history.walks.size()) +
-            " walks, " + std::to_string(history.alives.size()) + " alive spans and " +
-            std::to_string(history.focuses.size()) + " focus sessions over " + std::to_string(arguments->days) +
-            " days on this device and a tablet.\n\n" + shownDay.text + "\n\nThe seven days " + firstDay + " to " +
-            lastDay + "\n" + week.text + "\n\nStreaks\n" + streaks.text + "\n\n" + chart.text + "\n\n" +
-            suggestions(options, day));
+        words("Demo.Made", {counted(history.pickups.size(), "Import.OnePickup", "Import.Pickups"),
+                            counted(history.walks.size(), "Import.OneWalk", "Import.Walks"),
+                            counted(history.alives.size(), "Import.OneAliveSpan", "Import.AliveSpans"),
+                            counted(history.focuses.size(), "Demo.FocusSessions.One", "Demo.FocusSessions.Many"),
+                            counted(static_cast<std::size_t>(arguments->days), "Demo.Days.One", "Demo.Days.Many")}) +
+            "\n\n" + shownDay.text + "\n\n" +
+            words("Demo.SevenDays", {calendarDay(day.addingDay(-6)), calendarDay(day)}) + "\n" + week.text + "\n\n" +
+            words("Demo.Streaks") + "\n" + streaks.text + "\n\n" + chart.text + "\n\n" + suggestions(options, day));
   });
 }
 

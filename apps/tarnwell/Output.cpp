@@ -12,9 +12,12 @@
 
 #include "Cli.h"
 #include "tarnwell/automation/WidgetDatabase.h"
+#include "tarnwell/extensions/Strings.h"
 #include "tarnwell/modules/CloudService.h"
 #include "tarnwell/modules/Database.h"
+#include "tarnwell/platform/DateFormatting.h"
 #include "tarnwell/platform/Sqlite.h"
+#include "tarnwell/settings/Settings.h"
 
 namespace tarnwell::cli {
 
@@ -58,6 +61,35 @@ std::string padded(const std::string& text, std::size_t columns) {
   const std::size_t width = columnsOf(text);
   return text + std::string(width < columns ? columns - width : 1, ' ');
 }
+
+std::string labeledRows(const std::vector<std::pair<std::string, std::string>>& rows, std::size_t least) {
+  std::size_t width = least;
+  for (const auto& row : rows) width = std::max(width, columnsOf(row.first) + 2);
+  std::vector<std::string> lines;
+  for (const auto& [label, value] : rows) lines.push_back(padded(label, width) + value);
+  return joinLines(lines, "");
+}
+
+namespace {
+
+// A template, not a pattern: the locale places the fields and the day period,
+// and "H" or "h" holds the clock to the user's setting whatever the locale's own.
+std::string clockTemplate(bool withSeconds) {
+  return std::string(Settings::using24HoursFormat() ? "Hmm" : "hmm") + (withSeconds ? "ss" : "");
+}
+
+}  // namespace
+
+std::string clockTime(const std::optional<Date>& date, bool withSeconds) {
+  if (!date) return "-";
+  return date_formatting::formatFromTemplate(*date, clockTemplate(withSeconds));
+}
+
+std::string dayAndClockTime(Date date, bool withYear) {
+  return date_formatting::formatFromTemplate(date, (withYear ? "yMMMd" : "MMMd") + clockTemplate(true));
+}
+
+std::string calendarDay(Date date) { return getDateAndMonthAndYearString(date); }
 
 std::string joinLines(const std::vector<std::string>& lines, const std::string& empty) {
   if (lines.empty()) return empty;

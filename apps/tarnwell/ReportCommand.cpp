@@ -74,12 +74,9 @@ std::string rangeText(const StatisticsData& chart) {
   return "";
 }
 
-std::string wallTime(const std::optional<Date>& date) {
-  return date ? getTimeString(*date, Settings::using24HoursFormat()) : "-";
-}
-std::string length(const std::optional<double>& seconds) {
-  return seconds ? getTimeIntervalString(*seconds, false) : "-";
-}
+// Times and lengths as `day` and `summary` write them.
+std::string wallTime(const std::optional<Date>& date) { return clockTime(date, false); }
+std::string length(const std::optional<double>& seconds) { return seconds ? getTimeIntervalString(*seconds) : "-"; }
 
 // The page, written front to back; each figure gets an id no other has.
 class Page {
@@ -271,7 +268,7 @@ std::string report(const Days& days) {
   page.table("summary", {words("Report.OfTheDays"), words("Report.TotalOrAverage")}, rows);
   page.close();
 
-  page.html += "<footer>\n<p class=\"meta\">" + h(words("Report.Footer", {Date::now().iso8601()})) +
+  page.html += "<footer>\n<p class=\"meta\">" + h(words("Report.Footer", {dayAndClockTime(Date::now(), true)})) +
                "</p>\n</footer>\n</main>\n</body>\n</html>\n";
   return page.html;
 }

@@ -59,14 +59,18 @@ nlohmann::ordered_json stateJSON(const SyncState& state) {
       state.value);
 }
 
+// The instants stay in ISO 8601, as the cloud and the other devices, in
+// other zones, have them.
 std::string stateLine(const SyncState& state) {
   if (const auto* background = state.as<SyncState::Background>()) {
-    return "in the background since " + background->startAt.iso8601();
+    return words("Sync.State.Background", {background->startAt.iso8601()});
   }
-  if (const auto* success = state.as<SyncState::Success>()) return "synced at " + success->date.iso8601();
-  if (const auto* failed = state.as<SyncState::Failed>()) return "failed: " + failed->reason;
-  if (state.as<SyncState::Idle>()) return "idle";
-  return "syncing";
+  if (const auto* success = state.as<SyncState::Success>()) {
+    return words("Sync.State.Synced", {success->date.iso8601()});
+  }
+  if (const auto* failed = state.as<SyncState::Failed>()) return words("Sync.State.Failed", {failed->reason});
+  if (state.as<SyncState::Idle>()) return words("Sync.State.Idle");
+  return words("Sync.State.Syncing");
 }
 
 // Why nothing can sync, when the launch found no way to: the engine comes
@@ -105,9 +109,9 @@ std::pair<nlohmann::ordered_json, std::string> unsentChanges() {
                               {"byClass", std::move(byClass)},
                               {"oldest", optionalJSON(summary.oldest)},
                               {"oldestAgeSeconds", summary.oldest ? nlohmann::ordered_json(age) : nullptr}};
-  if (summary.count == 0) return {json, "unsent: none"};
-  return {json, "unsent: " + std::to_string(summary.count) + " (" + classes + "), the oldest from " +
-                    summary.oldest->iso8601() + ", " + std::to_string(std::llround(age)) + " s ago"};
+  if (summary.count == 0) return {json, words("Sync.Unsent.None")};
+  return {json, words("Sync.Unsent.Some", {static_cast<std::int64_t>(summary.count), classes, summary.oldest->iso8601(),
+                                           static_cast<std::int64_t>(std::llround(age)), localized("DateTime.s")})};
 }
 
 void printStatus(const GlobalOptions& options) {
@@ -122,14 +126,15 @@ void printStatus(const GlobalOptions& options) {
                               {"syncState", stateJSON(state)},
                               {"lastSyncDate", optionalJSON(lastSync)},
                               {"unsent", std::move(unsent)}};
-  Output(options).print(json, joinLines({
-                                  "cloud: " + cloud.value_or("(none)"),
-                                  "account: " + std::string(name(account)),
-                                  "sync: " + std::string(Settings::syncToCloudKit() ? "on" : "off"),
-                                  "state: " + stateLine(state),
-                                  "last sync: " + (lastSync ? lastSync->iso8601() : std::string("never")),
-                                  unsentLine,
-                              }));
+  Output(options).print(
+      json, joinLines({
+                words("Sync.Status.Cloud", {cloud.value_or(words("List.None"))}),
+                words("Sync.Status.Account", {name(account)}),
+                words("Sync.Status.Sync", {words(Settings::syncToCloudKit() ? "Sync.Status.On" : "Sync.Status.Off")}),
+                words("Sync.Status.State", {stateLine(state)}),
+                words("Sync.Status.LastSync", {lastSync ? lastSync->iso8601() : words("Sync.Status.Never")}),
+                unsentLine,
+            }));
 }
 
 // This installation's live records of the synced classes, as the cloud
@@ -160,7 +165,9 @@ void printSyncedRecords(const GlobalOptions& options, const std::optional<std::s
 
 volatile std::sig_atomic_t interrupted = 0;
 
-std::string pushCount(std::size_t count) { return std::to_string(count) + (count == 1 ? " push" : " pushes"); }
+std::string pushCount(std::size_t count) {
+  return words(count == 1 ? "Sync.Pushes.One" : "Sync.Pushes.Many", {static_cast<std::int64_t>(count)});
+}
 
 // The records that syncs wrote into this installation while it lives. The
 // store tells its observers on the main queue, so once a sync has settled,
@@ -191,8 +198,8 @@ class FetchedRecords {
       byType += (byType.empty() ? "" : ", ") + type + " " + std::to_string(count);
     }
     keysByType_.clear();
-    if (total == 0) return "nothing new";
-    return std::to_string(total) + (total == 1 ? " record (" : " records (") + byType + ")";
+    if (total == 0) return words("Sync.Fetched.Nothing");
+    return words(total == 1 ? "Sync.Fetched.One" : "Sync.Fetched.Many", {static_cast<std::int64_t>(total), byType});
   }
 
  private:
@@ -213,7 +220,9 @@ void watch(const GlobalOptions& options, std::optional<double> seconds) {
   const auto deadline =
       seconds ? Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*seconds))
               : Clock::time_point::max();
-  if (!options.json) standardOutput() << "Watching for pushes" << (seconds ? "" : " until interrupted") << std::endl;
+  if (!options.json) {
+    standardOutput() << words(seconds ? "Sync.Watch.Started" : "Sync.Watch.StartedUntilInterrupted") << std::endl;
+  }
   std::size_t pushes = 0;
   FetchedRecords fetched;
   settleOperations();
@@ -229,13 +238,13 @@ void watch(const GlobalOptions& options, std::optional<double> seconds) {
     // writes makes two: its launch's sync saves that device's record before
     // the command's records go. So each line says what its push brought.
     const std::string brought = fetched.take();
-    if (!options.json) standardOutput() << "Heard " << pushCount(delivered) << ", fetched " << brought << std::endl;
+    if (!options.json) standardOutput() << words("Sync.Watch.Heard", {pushCount(delivered), brought}) << std::endl;
   }
   std::signal(SIGINT, SIG_DFL);
   std::signal(SIGTERM, SIG_DFL);
   nlohmann::ordered_json json = stateJSON(CloudService::syncState());
   json["pushes"] = pushes;
-  Output(options).print(json, "Stopped watching: " + pushCount(pushes) + " heard");
+  Output(options).print(json, words("Sync.Watch.Stopped", {pushCount(pushes)}));
 }
 
 void enterBackground(const GlobalOptions& options) {

@@ -583,15 +583,16 @@ TEST_F(CliTest, TheDayAsTextPutsTheNightsPiecesOnLinesOfTheirOwn) {
   const std::string day = "--tz UTC --now 2026-11-23T12:00:00Z day 2026-11-22";
   const Outcome empty = run(day);
   ASSERT_EQ(empty.status, 0) << empty.err;
-  EXPECT_EQ(empty.out.substr(0, empty.out.find('\n')), "Day 2026-11-22, 00:00:00 to 2026-11-23 00:00:00");
+  EXPECT_EQ(empty.out.substr(0, empty.out.find('\n')),
+            "Day Nov 22, 2026, 12:00:00\u202fAM to Nov 23, 12:00:00\u202fAM");
   EXPECT_NE(empty.out.find("\nAsleep at           -\nSleep               -\nBreaks"), std::string::npos) << empty.out;
   EXPECT_EQ(json(run("--json " + day))["asleepAt"], nullptr);
 
   run("pickup add 2026-11-21T22:00:00Z 2026-11-21T22:10:00Z");
   run("pickup add 2026-11-22T07:00:00Z 2026-11-22T07:05:00Z");
   const Outcome night = run(day);
-  EXPECT_NE(night.out.find("\nAsleep at           02:35:00\nSleep               8:50:00 by Tarnwell\n"
-                           "    2026-11-21 22:10:00 - 07:00:00 (8:50:00)\nBreaks"),
+  EXPECT_NE(night.out.find("\nAsleep at           2:35:00\u202fAM\nSleep               8:50:00 by Tarnwell\n"
+                           "    Nov 21, 10:10:00\u202fPM - 7:00:00\u202fAM (8:50:00)\nBreaks"),
             std::string::npos)
       << night.out;
   EXPECT_EQ(json(run("--json " + day))["asleepAt"], "2026-11-22T02:35:00Z");

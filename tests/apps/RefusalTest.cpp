@@ -155,7 +155,8 @@ TEST_F(RefusalTest, TheEdgesOfEachRangeAreTaken) {
   EXPECT_EQ(run("focus add 1970-01-01T00:00:00Z 1970-01-01T00:30:00Z --progress 1800").status, 0);
   EXPECT_EQ(run("--now 2099-12-31T23:59:59Z day").status, 0);
   const Outcome lastDay = run("--tz UTC day 2099-12-31");
-  EXPECT_EQ(lastDay.out.substr(0, lastDay.out.find('\n')), "Day 2099-12-31, 00:00:00 to 2100-01-01 00:00:00");
+  EXPECT_EQ(lastDay.out.substr(0, lastDay.out.find('\n')),
+            "Day Dec 31, 2099, 12:00:00\u202fAM to Jan 1, 2100, 12:00:00\u202fAM");
   EXPECT_EQ(run("summary --count 1").status, 0);
   EXPECT_EQ(run("summary --count 3660").status, 0);
   EXPECT_EQ(run("health add-sleep 2026-11-22T23:00:00Z 2026-11-23T06:00:00Z --source-bundle com.neybox.Pillow "

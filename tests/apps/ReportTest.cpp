@@ -252,8 +252,8 @@ TEST_F(ReportTest, AChosenSleepApplicationsNightsStandBesideTheInferredOnes) {
   const std::string html = readFile(files() / "report.html");
   EXPECT_NE(html.find("<th scope=\"col\">AutoSleep asleep</th>"), std::string::npos);
   // Phone use says 22:40 to 07:00; the application 23:00 to 06:30.
-  EXPECT_NE(html.find("<tr><th scope=\"row\">Sun, Nov 22</th><td>10:40PM</td><td>7:00AM</td><td>8h20m</td>"
-                      "<td>11:00PM</td><td>6:30AM</td><td>7h30m</td></tr>"),
+  EXPECT_NE(html.find("<tr><th scope=\"row\">Sun, Nov 22</th><td>10:40\u202fPM</td><td>7:00\u202fAM</td><td>8h20m</td>"
+                      "<td>11:00\u202fPM</td><td>6:30\u202fAM</td><td>7h30m</td></tr>"),
             std::string::npos);
 }
 

@@ -36,7 +36,8 @@ std::vector<std::string> placeholders(std::string_view text) {
       continue;
     }
     std::size_t end = i + 1;
-    while (end < text.size() && std::string_view("0123456789$.-+ #'hlLqjzt").find(text[end]) != std::string_view::npos) {
+    while (end < text.size() &&
+           std::string_view("0123456789$.-+ #'hlLqjzt").find(text[end]) != std::string_view::npos) {
       ++end;
     }
     found.emplace_back(text.substr(i, std::min(end + 1, text.size()) - i));
