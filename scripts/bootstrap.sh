@@ -8,6 +8,8 @@ packages=(
   cmake ninja-build g++ pkg-config
   libsqlite3-dev libicu-dev nlohmann-json3-dev libspdlog-dev libfmt-dev libcli11-dev uuid-dev
   libpqxx-dev libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
+  # Japanese and Chinese for the charts and the report in those languages
+  fonts-ipafont-gothic fonts-wqy-microhei
 )
 case "${1:-}" in
   "") ;;

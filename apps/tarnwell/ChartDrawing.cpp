@@ -86,6 +86,11 @@ class Painter {
         layout_(pango_ ? pango_layout_new(pango_.get()) : nullptr) {
     if (!layout_) throw ChartDrawingError("drawing the chart failed: no text layout");
     pango_cairo_update_context(cr_, pango_.get());
+    // The user's language, not the process's, picks the glyphs a script
+    // shares: a Japanese kanji drawn in a Chinese face reads as foreign.
+    const std::string language = Environment::current().region().languageCode();
+    pango_context_set_language(pango_.get(), pango_language_from_string(language.c_str()));
+    pango_layout_context_changed(layout_.get());
   }
 
   Extent measure(const std::string& text, double px, bool bold = false) {
