@@ -65,6 +65,14 @@ std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
 
 void startApp(const GlobalOptions& options) {
   Environment::install(makeEnvironment(options));
+  // The app stops for good when its container cannot be made; a path that
+  // passed the checks above can still fail here ("missing/../file/x"), and
+  // is refused as the folder it is.
+  if (!Environment::current().containerURL(Environment::kAppGroupIdentifier)) {
+    Environment::install(nullptr);
+    throw InputError("--container: \"" + options.container.value_or(".") +
+                     "\" cannot be used: the installation's folders cannot be made there");
+  }
   Logger::start();
   HealthManager::shared().start();
 }

@@ -198,6 +198,14 @@ static void bad_input_changes_nothing(void) {
   EXPECT_STATUS(TARNWELL_INVALID_ARGUMENT, tarnwell_open("{\"timeZone\": \"Mars/Olympus\"}", &none));
   EXPECT_STATUS(TARNWELL_INVALID_ARGUMENT, tarnwell_open("{\"container\": \"/dev/null/phone\"}", &none));
   CHECK(none == NULL && contains(tarnwell_last_error(), "/dev/null"));
+  /* A path whose folders only fail once they are made. */
+  char options[600], file[300];
+  snprintf(file, sizeof file, "%s/file", base);
+  FILE *plain = fopen(file, "w");
+  if (plain) fclose(plain);
+  snprintf(options, sizeof options, "{\"container\": \"%s/missing/../file/phone\"}", base);
+  EXPECT_STATUS(TARNWELL_INVALID_ARGUMENT, tarnwell_open(options, &none));
+  CHECK(none == NULL && contains(tarnwell_last_error(), "cannot be made"));
   EXPECT_STATUS(TARNWELL_INVALID_ARGUMENT, tarnwell_close(t)); /* already closed */
 }
 
