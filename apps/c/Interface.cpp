@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "Session.h"
+#include "tarnwell/analytics/EventsOfDay.h"
 #include "tarnwell/c/tarnwell.h"
 #include "tarnwell/modules/Database.h"
 
@@ -387,7 +388,7 @@ tarnwell_status tarnwell_day(tarnwell_installation* installation, const char* da
 }
 
 tarnwell_status tarnwell_days(tarnwell_installation* installation, const char* first, const char* last, char** out) {
-  return answer(installation, out, [&](Session& session) {
+  return answer(installation, out, [&](Session&) {
     const std::string firstText = required(first, "first"), lastText = required(last, "last");
     const tarnwell::Date from = tarnwell::cli::parseInstant(firstText).startOfDay();
     const tarnwell::Date to = tarnwell::cli::parseInstant(lastText).startOfDay();
@@ -401,7 +402,9 @@ tarnwell_status tarnwell_days(tarnwell_installation* installation, const char* f
     std::string days = "[";
     for (tarnwell::Date day = from; day <= to; day = day.addingDay(1)) {
       if (day != from) days += ',';
-      days += session.run(line({"day"}, {}, {day.iso8601()}));
+      // A read: the day as `day --json` gives it, without a command line
+      // built, parsed and settled for each of thousands of days.
+      days += tarnwell::cli::dayJSON(tarnwell::EventsOfDay(day, std::nullopt)).dump();
     }
     return days + "]";
   });

@@ -347,6 +347,8 @@ struct View {
   nlohmann::ordered_json json;
   std::string text;
 };
+// What `day --json` prints of `day`.
+nlohmann::ordered_json dayJSON(const EventsOfDay& day);
 View dayView(const EventsOfDay& day);
 View chartView(const StatisticsData& chart);
 View streaksView(const EventsCombo& combo);

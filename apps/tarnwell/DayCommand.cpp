@@ -55,39 +55,6 @@ std::string spans(const std::vector<DateInterval>& intervals, Date day) {
   return text;
 }
 
-nlohmann::ordered_json dayJSON(const EventsOfDay& day) {
-  nlohmann::ordered_json hours = nlohmann::ordered_json::array();
-  const auto eventsOfHours = day.getEventsOfHours();
-  for (const auto& hour : *eventsOfHours) {
-    hours.push_back({{"interval", intervalJSON(hour.interval)},
-                     {"screenTime", optionalJSON(hour.screenTime())},
-                     {"pickupTimes", optionalJSON(hour.pickupTimes())},
-                     {"checkingEvery", optionalJSON(hour.checkingEvery())},
-                     {"walkingLife", optionalJSON(hour.walkingLife())}});
-  }
-  return {
-      {"startOfDay", day.startOfDay().iso8601()},
-      {"screenTime", optionalJSON(day.screenTime())},
-      {"pickupTimes", optionalJSON(day.pickupTimes())},
-      {"longestPickup", optionalJSON(day.longestPickup())},
-      {"checkingEvery", optionalJSON(day.checkingEvery())},
-      {"walkingLife", optionalJSON(day.walkingLife())},
-      {"indoorLife", optionalJSON(day.indoorLife())},
-      {"bestBreak", optionalJSON(day.bestBreak())},
-      {"continuouslyUsage", optionalJSON(day.continuouslyUsage())},
-      {"firstPickupDate", optionalJSON(day.firstPickupDate())},
-      {"lastPickupDate", optionalJSON(day.lastPickupDate())},
-      {"sleepTime", optionalJSON(day.sleepTime())},
-      {"sleeps", intervalsJSON(day.sleeps())},
-      {"asleepAt", optionalJSON(asleepAt(day))},
-      {"breaks", intervalsJSON(day.breaks())},
-      {"pickups", intervalsJSON(day.pickups())},
-      {"walks", intervalsJSON(day.walks())},
-      {"noDatas", intervalsJSON(day.noDatas())},
-      {"hours", hours},
-  };
-}
-
 // A bar of up to 30 cells for a share of an hour.
 std::string bar(std::optional<double> seconds) {
   const int cells = seconds ? static_cast<int>(std::lround(*seconds / 120.0)) : 0;
@@ -149,6 +116,39 @@ struct DayArguments {
 };
 
 }  // namespace
+
+nlohmann::ordered_json dayJSON(const EventsOfDay& day) {
+  nlohmann::ordered_json hours = nlohmann::ordered_json::array();
+  const auto eventsOfHours = day.getEventsOfHours();
+  for (const auto& hour : *eventsOfHours) {
+    hours.push_back({{"interval", intervalJSON(hour.interval)},
+                     {"screenTime", optionalJSON(hour.screenTime())},
+                     {"pickupTimes", optionalJSON(hour.pickupTimes())},
+                     {"checkingEvery", optionalJSON(hour.checkingEvery())},
+                     {"walkingLife", optionalJSON(hour.walkingLife())}});
+  }
+  return {
+      {"startOfDay", day.startOfDay().iso8601()},
+      {"screenTime", optionalJSON(day.screenTime())},
+      {"pickupTimes", optionalJSON(day.pickupTimes())},
+      {"longestPickup", optionalJSON(day.longestPickup())},
+      {"checkingEvery", optionalJSON(day.checkingEvery())},
+      {"walkingLife", optionalJSON(day.walkingLife())},
+      {"indoorLife", optionalJSON(day.indoorLife())},
+      {"bestBreak", optionalJSON(day.bestBreak())},
+      {"continuouslyUsage", optionalJSON(day.continuouslyUsage())},
+      {"firstPickupDate", optionalJSON(day.firstPickupDate())},
+      {"lastPickupDate", optionalJSON(day.lastPickupDate())},
+      {"sleepTime", optionalJSON(day.sleepTime())},
+      {"sleeps", intervalsJSON(day.sleeps())},
+      {"asleepAt", optionalJSON(asleepAt(day))},
+      {"breaks", intervalsJSON(day.breaks())},
+      {"pickups", intervalsJSON(day.pickups())},
+      {"walks", intervalsJSON(day.walks())},
+      {"noDatas", intervalsJSON(day.noDatas())},
+      {"hours", hours},
+  };
+}
 
 View dayView(const EventsOfDay& day) { return {dayJSON(day), dayText(day)}; }
 
