@@ -32,6 +32,8 @@ if(TARNWELL_SHARED)
     "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/widget_shared/include>"
     "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
   target_compile_features(TarnwellShared PUBLIC cxx_std_20)
+  # A sanitized library works only in a program linked with its runtime.
+  target_link_options(TarnwellShared INTERFACE "$<INSTALL_INTERFACE:${TARNWELL_SANITIZER_LINK}>")
   # A symbol left undefined fails the link here, not in a program that loads it.
   target_link_options(TarnwellShared PRIVATE -Wl,--no-undefined)
   # 0.x: every minor version may change the interface, so it is in the SONAME.
@@ -46,6 +48,7 @@ if(TARNWELL_SHARED)
 
   # pkg-config's tarnwell is the shared library. The file finds the prefix
   # from its own place, so the installed tree can move.
+  string(JOIN " " pc_sanitizer ${TARNWELL_SANITIZER_LINK})
   file(RELATIVE_PATH pc_to_prefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
   string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
   configure_file(cmake/tarnwell.pc.in "${CMAKE_CURRENT_BINARY_DIR}/tarnwell.pc" @ONLY)
@@ -56,6 +59,7 @@ if(TARNWELL_SHARED)
     PATTERN __pycache__ EXCLUDE)
 endif()
 
+target_link_options(TarnwellPlatform INTERFACE "$<INSTALL_INTERFACE:${TARNWELL_SANITIZER_LINK}>")
 install(DIRECTORY include/ widget_shared/include/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(TARGETS ${kit_libraries}
   EXPORT TarnwellKitStatic

@@ -1,11 +1,15 @@
 # Shared build settings of the project's own targets.
 
+# TARNWELL_SANITIZER_LINK is what a program linking the sanitized library
+# needs too: the installed package hands it on.
 if(TARNWELL_SANITIZER STREQUAL "address")
+  set(TARNWELL_SANITIZER_LINK -fsanitize=address,undefined)
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
-  add_link_options(-fsanitize=address,undefined)
+  add_link_options(${TARNWELL_SANITIZER_LINK})
 elseif(TARNWELL_SANITIZER STREQUAL "thread")
+  set(TARNWELL_SANITIZER_LINK -fsanitize=thread)
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=thread)
+  add_link_options(${TARNWELL_SANITIZER_LINK})
 elseif(NOT TARNWELL_SANITIZER STREQUAL "")
   message(FATAL_ERROR "TARNWELL_SANITIZER must be empty, \"address\" or \"thread\"")
 endif()

@@ -4,6 +4,7 @@
 # tree. Each example's day must agree, key by key, with `tarnwell --json day`
 # on the same installation.
 #   scripts/examples.sh [BUILD]   (default: build/release, built with the shared library)
+# A sanitized build installs a package that links its sanitizer's runtime.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root="$PWD"
@@ -22,8 +23,9 @@ trap 'rm -rf "$work"' EXIT
 # The keychain lives outside the container: keep it out of the user's home too.
 export XDG_DATA_HOME="$work/data"
 unset LD_LIBRARY_PATH TARNWELL_LIBRARY PYTHONPATH
-# Debian's Python, where bootstrap.sh installs pandas.
-python=/usr/bin/python3
+# Debian's Python, where bootstrap.sh installs pandas, with a sanitizer's
+# runtime when the library was built with one.
+python="$root/scripts/python.sh"
 
 prefix="$work/prefix"
 quiet cmake --install "$build" --prefix "$prefix"

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Checks that the library's layers point down, then builds and runs the tests
 # of every area with threads, locks or queues under ThreadSanitizer (an
-# optimised build), then the whole suite under AddressSanitizer +
-# UndefinedBehaviorSanitizer, whose summary is the closing line.
+# optimised build), then the examples, the Python tests and the whole suite
+# under AddressSanitizer + UndefinedBehaviorSanitizer, whose summary is the
+# closing line.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"
@@ -29,15 +30,13 @@ scripts/build.sh tsan "${areas[@]/%/_tests}"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
   ctest --test-dir build/tsan -j "$jobs" -L "^($(IFS='|'; echo "${areas[*]}"))\$" --output-on-failure
 
-# The library as its users take it: built alone, installed into a fresh
-# prefix, the examples in C, C++ and Python built and run against it; then
-# the Python package's tests on the same build, with Debian's Python and
-# its pytest and pandas.
-scripts/build.sh release
-scripts/examples.sh build/release
-TARNWELL_LIBRARY="$PWD/build/release/libtarnwell.so" TARNWELL_BINARY="$PWD/build/release/apps/tarnwell/tarnwell" \
-  /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
-
+# Everything under AddressSanitizer + UndefinedBehaviorSanitizer. First the
+# library as its users take it: installed into a fresh prefix, the examples
+# in C, C++ and Python built and run against it, then the Python package's
+# tests, all with the sanitizers' runtime in the process.
 scripts/build.sh asan
-ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --test-dir build/asan -j "$jobs" --output-on-failure
+export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+scripts/examples.sh build/asan
+TARNWELL_LIBRARY="$PWD/build/asan/libtarnwell.so" TARNWELL_BINARY="$PWD/build/asan/apps/tarnwell/tarnwell" \
+  scripts/python.sh -m pytest -q -p no:cacheprovider python/tests
+ctest --test-dir build/asan -j "$jobs" --output-on-failure
