@@ -12,9 +12,12 @@ shift || true
 case "$name" in
   release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWELL_BUILD_TESTS=OFF -DTARNWELL_BUILD_BENCHMARKS=OFF) ;;
   asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTARNWELL_SANITIZER=address) ;;
-  # -O1 is as fast a run under ThreadSanitizer for a fifth less compiling.
-  tsan) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWELL_SANITIZER=thread -DTARNWELL_BUILD_BENCHMARKS=OFF -DTARNWELL_SHARED=OFF
-                 "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG" "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1 -g1 -DNDEBUG") ;;
+  # -O1 compiles a fifth faster than -O2. Its flow analysis takes some
+  # std::optional members for unset where -O2's does not: the optimised
+  # builds keep that warning.
+  tsan) flags="-O1 -g1 -DNDEBUG -Wno-maybe-uninitialized"
+        options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWELL_SANITIZER=thread -DTARNWELL_BUILD_BENCHMARKS=OFF -DTARNWELL_SHARED=OFF
+                 "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=$flags" "-DCMAKE_C_FLAGS_RELWITHDEBINFO=$flags") ;;
   *) echo "build.sh: unknown configuration \"$name\" (release, asan or tsan)" >&2; exit 2 ;;
 esac
 

@@ -16,6 +16,7 @@ if [[ -z "$library" ]]; then
 fi
 if [[ -n "$library" ]] && readelf -d "$library" | grep -q 'Shared library: \[libasan'; then
   LD_PRELOAD="$(readlink -f "$(gcc -print-file-name=libasan.so)") $(readlink -f "$(g++ -print-file-name=libstdc++.so)")"
-  export LD_PRELOAD ASAN_OPTIONS="detect_leaks=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
+  # Last, so that it holds over a detect_leaks=1 the caller exported.
+  export LD_PRELOAD ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0"
 fi
 exec /usr/bin/python3 "$@"

@@ -36,7 +36,7 @@ std::shared_ptr<const StatisticsDataType> parseMetric(const std::string& text) {
   if (const auto type = ScreenTimeDataType::fromIdentifier(text)) return std::make_shared<ScreenTimeDataType>(*type);
   std::string known;
   for (const auto& type : ScreenTimeDataType::allCases()) known += type.identifier() + ", ";
-  refuse("METRIC", text, "a metric (" + known + "focus, failedTimes or tag:ID)");
+  refuse("METRIC", text, formatString(errorWords("a metric (%@focus, failedTimes or tag:ID)"), {known}));
 }
 
 // "124.3" or "124,3": one decimal in the locale's digits and separator,

@@ -528,6 +528,7 @@ std::string drawChartPNG(const StatisticsData& chart, ChartSize size) {
 // files, once a process, out of reach of any call. Its code has no frame
 // pointers, so the leak checker of sanitized builds sees no deeper than the
 // library itself: it is told to pass over what was lost inside fontconfig,
-// quietly, since a refused command has one line to say.
-extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig.so\n"; }
-extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
+// quietly, since a refused command has one line to say. Weak: a program
+// that has suppressions of its own (the tests) names fontconfig there.
+extern "C" __attribute__((weak)) const char* __lsan_default_suppressions() { return "leak:libfontconfig.so\n"; }
+extern "C" __attribute__((weak)) const char* __lsan_default_options() { return "print_suppressions=0"; }

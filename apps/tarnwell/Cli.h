@@ -34,17 +34,38 @@ struct StatisticsData;
 namespace tarnwell::cli {
 
 // The host's own words in the user's language: the table "Host" of the
-// string resources, looked up as the library's texts are.
-inline std::string words(std::string_view key) { return localized(key, "Host"); }
-inline std::string words(std::string_view key, std::initializer_list<FormatArgument> arguments) {
-  return localizedFormat(key, arguments, "Host");
-}
+// string resources, looked up as the library's texts are. Before an
+// installation is open (help, the arguments' errors) they are in the
+// language speakAs() chose.
+std::string words(std::string_view key);
+std::string words(std::string_view key, std::initializer_list<FormatArgument> arguments);
+
+// The language of the host's words until an installation is open: that of
+// the --locale among `arguments` (the command line as typed), else the
+// system's.
+void speakAs(const std::vector<std::string>& arguments);
 
 // Bad input from the user: printed as one line, exit status 1, nothing written.
 class InputError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+// A refusal in the user's language. The tables "Errors" and "Help" are
+// keyed by their English, as a message catalog is: `english` is the key and
+// the format of `arguments`, so the code reads as the message does.
+InputError refusal(std::string_view english, std::initializer_list<FormatArgument> arguments = {});
+// A phrase of the table "Errors" in the user's language, for a part of a
+// refusal ("day, week, month or year").
+std::string errorWords(std::string_view english);
+
+// Every description, group and label of `app`'s help, its subcommands'
+// included, in the user's language (the table "Help").
+void translateHelp(CLI::App& app);
+
+// What CLI11 found wrong with the arguments, in the user's language; a
+// message of a kind the table "Errors" does not know stays as CLI11 says it.
+std::string describeParseError(const CLI::ParseError& error);
 
 struct GlobalOptions {
   std::optional<std::string> container;
@@ -270,6 +291,10 @@ void startApp(const GlobalOptions& options);
 // The log drains and the Environment goes, every thread joined.
 void stopApp();
 
+// The options of every command line, before the command: the
+// installation's folder, clock, zone and locale, and --json.
+void addGlobalOptions(CLI::App& app, GlobalOptions& options);
+
 // Every command of the host, their options written into `options` and the
 // chosen one's work into `action`. The global options are main's own.
 void addCommands(CLI::App& app, const GlobalOptions& options, Action& action);
@@ -438,7 +463,7 @@ template <class T>
 T awaitHealth(const Promise<T>& promise, const std::string& command) {
   while (promise.isPending()) {
     if (drainQueues() == 0 && promise.isPending()) {
-      throw InputError(command + ": the health store did not answer (was the request for authorization left open?)");
+      throw refusal("%@: the health store did not answer (was the request for authorization left open?)", {command});
     }
   }
   return await(promise);

@@ -50,7 +50,7 @@ std::optional<CloudServer> signedInServer() {
       server->password.assign(password->begin(), password->end());
     }
   } catch (const KeychainError& error) {
-    throw InputError(std::string("Cannot read the cloud's password from the keychain: ") + error.what());
+    throw refusal("Cannot read the cloud's password from the keychain: %@", {error.what()});
   }
   return server;
 }
@@ -75,7 +75,7 @@ std::shared_ptr<CloudEmulator> openSignedInCloud() {
 // The cloud this installation signed in to; InputError when there is none.
 std::shared_ptr<CloudEmulator> signedInCloud(const std::string& command) {
   auto cloud = openSignedInCloud();
-  if (!cloud) throw InputError(command + ": this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
+  if (!cloud) throw refusal("%@: this installation is not signed in to a cloud (cloud sign-in DIR|URL)", {command});
   return cloud;
 }
 
@@ -125,7 +125,7 @@ std::optional<std::string> passFilePassword(const CloudServer& server) {
   const char* file = std::getenv("PGPASSFILE");
   if (!file || !*file) return std::nullopt;
   std::ifstream in(file);
-  if (!in) throw InputError(std::string("Cannot read PGPASSFILE ") + file);
+  if (!in) throw refusal("Cannot read PGPASSFILE %@", {file});
   const std::string wanted[] = {server.host, std::to_string(server.port), server.database, server.user};
   for (std::string line; std::getline(in, line);) {
     if (line.empty() || line.front() == '#') continue;
@@ -171,7 +171,7 @@ void signInToServer(const GlobalOptions& options, CloudServer server) {
       keychain.set(kPasswordService, server.url(), Data(server.password.begin(), server.password.end()));
     }
   } catch (const KeychainError& error) {
-    throw InputError(std::string("Cannot keep the cloud's password in the keychain: ") + error.what());
+    throw refusal("Cannot keep the cloud's password in the keychain: %@", {error.what()});
   }
   if (ready) {
     thisDevice(*CloudEmulator::connect(server, false, cloudQueue()))->setAccountStatus(CKAccountStatus::available);
@@ -200,8 +200,7 @@ void signInToFolder(const GlobalOptions& options, const std::string& target) {
 
 void initServer(const GlobalOptions& options) {
   const auto server = signedInServer();
-  if (!server)
-    throw InputError("cloud init-server: this installation is not signed in to a server (cloud sign-in URL)");
+  if (!server) throw refusal("cloud init-server: this installation is not signed in to a server (cloud sign-in URL)");
   try {
     const bool existed = CloudEmulator::serverHoldsCloud(*server);
     thisDevice(*CloudEmulator::connect(*server, true, cloudQueue()))->setAccountStatus(CKAccountStatus::available);
@@ -336,7 +335,7 @@ void leaveJoinedCloud() { joinedCloud().reset(); }
 
 bool waitForPushes(std::chrono::milliseconds timeout) {
   const auto cloud = joinedCloud();
-  if (!cloud) throw InputError("this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
+  if (!cloud) throw refusal("this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
   return cloud->waitForPushes(timeout);
 }
 
@@ -355,7 +354,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
     if (a->target.find("://") == std::string::npos) return signInToFolder(options, a->target);
     std::string problem;
     auto server = CloudServer::parse(a->target, &problem);
-    if (!server) throw InputError("cloud sign-in: " + problem);
+    if (!server) throw refusal("cloud sign-in: %@", {problem});
     signInToServer(options, std::move(*server));
   });
 
@@ -369,7 +368,7 @@ void addCloudCommands(CLI::App& app, const GlobalOptions& options, Action& actio
       try {
         Environment::current().keychain().remove(kPasswordService, *url);
       } catch (const KeychainError& error) {
-        throw InputError(std::string("Cannot remove the cloud's password from the keychain: ") + error.what());
+        throw refusal("Cannot remove the cloud's password from the keychain: %@", {error.what()});
       }
     }
     UserDefaults::standard().removeObject(kCloudFolderKey);

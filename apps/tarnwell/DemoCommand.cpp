@@ -219,7 +219,7 @@ void addDemoCommand(CLI::App& app, const GlobalOptions& options, Action& action)
   onRun(demo, action, [&options, arguments] {
     const std::string phone = Settings::deviceId();
     if (!Database::getPickups(DateInterval(Date::distantPast(), Date::distantFuture()), {phone}).empty()) {
-      throw InputError("this installation already has events; give demo a fresh --container");
+      throw refusal("this installation already has events; give demo a fresh --container");
     }
     Random random(arguments->seed);
     const std::string tablet = random.uuid();

@@ -74,11 +74,11 @@ std::string tagLine(const Tag& tag) {
 }
 
 std::string focusLine(const Focus& focus) {
-  std::string text =
-      focus.id.value_or("-") + "  " + (focus.start ? focus.start->iso8601() : "-") + "  " +
-      (focus.end ? focus.end->iso8601() : "-") + "  " + focus.tagId.value_or(words("Focus.Line.NoTag")) + "  " +
-      words("Focus.Line.Progress",
-            {getTimeIntervalString(focus.progress, true, true), getTimeIntervalString(focus.goal, true, true)});
+  std::string text = focus.id.value_or("-") + "  " + (focus.start ? dayAndClockTime(*focus.start, true) : "-") + "  " +
+                     (focus.end ? dayAndClockTime(*focus.end, true) : "-") + "  " +
+                     focus.tagId.value_or(words("Focus.Line.NoTag")) + "  " +
+                     words("Focus.Line.Progress", {getTimeIntervalString(focus.progress, true, true),
+                                                   getTimeIntervalString(focus.goal, true, true)});
   if (focus.failed()) text += "  " + words("Focus.Line.Failed");
   return text;
 }
@@ -122,7 +122,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   onRun(
       add, action,
       [a] {
-        if (a->title.empty()) throw InputError("a tag needs a title");
+        if (a->title.empty()) throw refusal("a tag needs a title");
         const Color color = parseColor(a->color.value_or(std::string(TagColors::defaultColor)));
         const auto goal = a->goal ? std::optional(parseGoal(*a->goal)) : std::nullopt;
         const FocusType type = a->type ? parseFocusType("--type", *a->type) : FocusType::defaultType();
@@ -177,7 +177,7 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
         // The default tag is what a chosen tag falls back to once archived
         // or deleted: archived itself, the fallback would be hidden too.
         if (Database::getTag(requireTag(id))->isDefault && archive) {
-          throw InputError("the default tag cannot be archived");
+          throw refusal("the default tag cannot be archived");
         }
       }
       Database::archiveTags(a->ids, archive);
@@ -190,10 +190,10 @@ void addTagCommands(CLI::App& app, const GlobalOptions& options, Action& action)
   remove->add_option("--migrate-to", a->migrateTo, "The tag that takes the sessions");
   onRun(remove, action, [&options, a] {
     const auto row = Database::getTag(requireTag(a->id));
-    if (row->isDefault) throw InputError("the default tag cannot be deleted");
+    if (row->isDefault) throw refusal("the default tag cannot be deleted");
     if (a->migrateTo) {
       // Sessions moved to the tag being deleted would be left with no tag at all.
-      if (*a->migrateTo == a->id) throw InputError("a tag cannot take its own sessions when deleted");
+      if (*a->migrateTo == a->id) throw refusal("a tag cannot take its own sessions when deleted");
       requireTag(*a->migrateTo);
     }
     Database::deleteTag(a->id, a->migrateTo);
@@ -323,7 +323,7 @@ void addFocusSessionCommands(CLI::App& app, const GlobalOptions& options, Action
 }  // namespace
 
 std::string requireTag(const std::string& id) {
-  if (!Database::getTag(id)) throw InputError("no tag has the id " + id);
+  if (!Database::getTag(id)) throw refusal("no tag has the id %@", {id});
   return id;
 }
 

@@ -144,7 +144,7 @@ void importExport(const GlobalOptions& options, const std::string& file) {
   std::ifstream in(file, std::ios::binary);
   std::error_code notAFile;
   if (!in || !std::filesystem::is_regular_file(file, notAFile)) {
-    throw InputError("health import: cannot read \"" + file + "\"");
+    throw refusal("health import: cannot read \"%@\"", {file});
   }
   const auto total = static_cast<double>(std::filesystem::file_size(file));
   HealthExportReader reader(in);
@@ -161,7 +161,7 @@ void importExport(const GlobalOptions& options, const std::string& file) {
       return more;
     });
   } catch (const HealthExportError& error) {
-    throw InputError("health import: " + file + ", " + error.what() + "; nothing was imported");
+    throw refusal("health import: %1$@, %2$@; nothing was imported", {file, error.what()});
   }
   Output(options).print({{"imported", count}, {"file", file}},
                         words(count == 1 ? "Health.Import.OneRecord" : "Health.Import.Records",
@@ -172,15 +172,15 @@ void importExport(const GlobalOptions& options, const std::string& file) {
 // is a plain error, since no user of that application stands by to answer.
 Promise<void> saveAsAnotherApplication(HKHealthStore& writer, HKSample sample) {
   auto [saved, resolver] = Promise<void>::pending();
-  const auto fail = [resolver](std::exception_ptr error, const char* otherwise) {
+  const auto fail = [resolver](std::exception_ptr error, const std::string& otherwise) {
     resolver.reject(error ? error : std::make_exception_ptr(std::runtime_error(otherwise)));
   };
   const std::set types{sample.sampleType};
   writer.requestAuthorization(types, types, [&writer, sample, resolver, fail](bool granted, std::exception_ptr error) {
-    if (!granted) return fail(error, "the application was not allowed to write");
+    if (!granted) return fail(error, errorWords("the application was not allowed to write"));
     writer.save(sample, [resolver, fail](bool success, std::exception_ptr saveError) {
       if (success) return resolver.fulfill();
-      fail(saveError, "the sample was not saved");
+      fail(saveError, errorWords("the sample was not saved"));
     });
   });
   return saved;
@@ -199,7 +199,7 @@ void showSources(const GlobalOptions& options) {
 }
 
 void saveStateOfMind(const GlobalOptions& options, const HealthArguments& a) {
-  if (!Database::getFocus(a.id)) throw InputError("focus state-of-mind: there is no focus " + a.id);
+  if (!Database::getFocus(a.id)) throw refusal("focus state-of-mind: there is no focus %@", {a.id});
   auto& manager = HealthManager::shared();
   if (a.valence) {
     const double valence = parseNumber("--valence", *a.valence);
@@ -257,15 +257,15 @@ void compareSleep(const GlobalOptions& options, const HealthArguments& a) {
   } else if (const auto chosen = Settings::defaultSleepDataSource(); !chosen.isBuiltIn()) {
     bundle = chosen.bundleIdentifier;
   } else {
-    throw InputError(
-        "sleep compare: name the application with --source BUNDLE, or choose it with "
-        "settings set defaultSleepDataSource");
+    throw refusal(
+        "sleep compare: name the application with --source BUNDLE, or choose it with settings set "
+        "defaultSleepDataSource");
   }
   const Date last = a.range.to ? parseInstant(*a.range.to).startOfDay() : Date::now().startOfDay();
   const Date first = a.range.from ? parseInstant(*a.range.from).startOfDay() : last.addingDay(-6);
-  if (last < first) throw InputError("--from is after --to");
+  if (last < first) throw refusal("--from is after --to");
   // Checked before the days are listed: a far --from must not fill memory first.
-  if (last - first > 3660 * 86400.0) throw InputError("sleep compare: at most ten years at a time");
+  if (last - first > 3660 * 86400.0) throw refusal("sleep compare: at most ten years at a time");
   std::vector<Date> days;
   for (Date day = first; day <= last; day = day.addingDay(1)) days.push_back(day);
   const DateInterval span(first.addingDay(-1), last.addingDay(1));
@@ -432,7 +432,7 @@ void addHealthCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   stateOfMind->add_option("--association", a->associations, "What it was about: work, fitness, ... (repeatable)");
   onRun(stateOfMind, action, [&options, a] {
     if (!a->valence && (!a->labels.empty() || !a->associations.empty())) {
-      throw InputError("focus state-of-mind: --label and --association need a --valence");
+      throw refusal("focus state-of-mind: --label and --association need a --valence");
     }
     saveStateOfMind(options, *a);
   });

@@ -56,12 +56,13 @@ void insert(store::WriteTransaction& transaction, const ImportedEvent& event,
 std::unique_ptr<std::ifstream> openImport(const std::string& file) {
   struct stat status {};
   if (::stat(file.c_str(), &status) != 0) {
-    throw InputError("import: cannot read \"" + file + "\": " + std::strerror(errno));
+    const int why = errno;  // before copying the name can touch it
+    throw refusal("import: cannot read \"%1$@\": %2$@", {file, std::strerror(why)});
   }
-  if (S_ISDIR(status.st_mode)) throw InputError("import: \"" + file + "\" is a folder, not a file");
-  if (!S_ISREG(status.st_mode)) throw InputError("import: \"" + file + "\" is not a regular file");
+  if (S_ISDIR(status.st_mode)) throw refusal("import: \"%@\" is a folder, not a file", {file});
+  if (!S_ISREG(status.st_mode)) throw refusal("import: \"%@\" is not a regular file", {file});
   auto in = std::make_unique<std::ifstream>(file, std::ios::binary);
-  if (!*in) throw InputError("import: cannot read \"" + file + "\"");
+  if (!*in) throw refusal("import: cannot read \"%@\"", {file});
   return in;
 }
 
@@ -124,14 +125,15 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
                   progress.update(reader.lines(), "rows", !sizeError && size > 0 ? std::optional(share) : std::nullopt);
                 });
             if (!whole) {
-              throw InputError("import: stopped at line " + std::to_string(reader.lines()) + " after " +
-                               std::to_string(kMaxBadRows) + " bad rows (is it a " + arguments->format +
-                               " CSV file?); nothing was imported");
+              throw refusal(
+                  "import: stopped at line %1$lld after %2$lld bad rows (is it a %3$@ CSV file?); nothing was imported",
+                  {static_cast<std::int64_t>(reader.lines()), static_cast<std::int64_t>(kMaxBadRows),
+                   arguments->format});
             }
           } catch (const ImportFormatError& error) {
-            throw InputError(std::string("import: ") + error.what() + "; nothing was imported");
+            throw refusal("import: %@; nothing was imported", {error.what()});
           }
-          if (in->bad()) throw InputError("import: cannot read \"" + arguments->file + "\"; nothing was imported");
+          if (in->bad()) throw refusal("import: cannot read \"%@\"; nothing was imported", {arguments->file});
           rows = reader.rows();
           skipped = reader.skipped();
           unclosed = reader.unclosed();

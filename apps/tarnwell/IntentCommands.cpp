@@ -221,7 +221,7 @@ IntentValue parseValue(const INIntent& intent, const ParameterDefinition& parame
       const auto* enumeration = enumerationDefinition(parameter.type);
       const std::int64_t value = parseWhole(name, text);
       const auto count = static_cast<std::int64_t>(enumeration->cases.size());
-      if (value < 0 || value >= count) refuse(name, text, "0 to " + std::to_string(count - 1));
+      if (value < 0 || value >= count) refuse(name, text, formatString(errorWords("0 to %lld"), {count - 1}));
       return value;
     }
     case ParameterKind::number:
@@ -243,7 +243,7 @@ IntentValue parseValue(const INIntent& intent, const ParameterDefinition& parame
       return options;
     }
   }
-  throw InputError(name + ": cannot be given");
+  throw refusal("%@: cannot be given", {name});
 }
 
 INIntent parseIntent(const std::string& name, const std::vector<std::string>& parameters) {
@@ -254,7 +254,7 @@ INIntent parseIntent(const std::string& name, const std::vector<std::string>& pa
     if (equals == std::string::npos) refuse("--param", pair, "KEY=VALUE");
     const std::string key = pair.substr(0, equals);
     const auto* parameter = definition.parameter(key);
-    if (!parameter) throw InputError(name + " has no parameter \"" + key + "\"");
+    if (!parameter) throw refusal("%1$@ has no parameter \"%2$@\"", {name, key});
     intent.setValue(key, parseValue(intent, *parameter, pair.substr(equals + 1)));
   }
   return intent;
@@ -322,14 +322,18 @@ const Route& routeOf(const std::string& name) {
   return routes().at(name);
 }
 
+// `what` is the kind of answer the command asks for, already in the user's
+// language, as the refusal names it.
 template <class Map>
 const typename Map::mapped_type& entryOf(const Map& map, const IntentArguments& a, const std::string& what) {
   definitionOf(a.name);
   if (!intentDefinition(a.name)->parameter(a.parameter)) {
-    throw InputError(a.name + " has no parameter \"" + a.parameter + "\"");
+    throw refusal("%1$@ has no parameter \"%2$@\"", {a.name, a.parameter});
   }
   const auto found = map.find(a.parameter);
-  if (found == map.end()) throw InputError(a.name + "." + a.parameter + ": the platform asks no " + what + " of it");
+  if (found == map.end()) {
+    throw refusal("%1$@.%2$@: the platform asks no %3$@ of it", {a.name, a.parameter, what});
+  }
   return found->second;
 }
 
@@ -346,7 +350,7 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   onRunWithoutStore(handle, action, [&options, a] {
     const auto& route = routeOf(a->name);
     const INIntent intent = parseIntent(a->name, a->parameters);
-    if (!route.handle) throw InputError(a->name + ": only configures a widget; nothing handles it");
+    if (!route.handle) throw refusal("%@: only configures a widget; nothing handles it", {a->name});
     const INIntentResponse response = route.handle(intent);
     const auto& activity = response.userActivity;
     const nlohmann::ordered_json json = {
@@ -371,7 +375,7 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   resolve->add_option("PARAM", a->parameter, "One of its parameters")->required();
   resolve->add_option("--param", a->parameters, "KEY=VALUE, once per parameter");
   onRunWithoutStore(resolve, action, [&options, a] {
-    const auto& resolver = entryOf(routeOf(a->name).resolve, *a, "resolution");
+    const auto& resolver = entryOf(routeOf(a->name).resolve, *a, errorWords("resolution"));
     const INResolutionResult result = resolver(parseIntent(a->name, a->parameters));
     nlohmann::ordered_json json = {{"result", name(result.kind)}};
     std::string text(name(result.kind));
@@ -390,7 +394,7 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   list->add_option("NAME", a->name, "An intent class")->required();
   list->add_option("PARAM", a->parameter, "One of its parameters")->required();
   onRunWithoutStore(list, action, [&options, a] {
-    const auto& provider = entryOf(routeOf(a->name).options, *a, "options");
+    const auto& provider = entryOf(routeOf(a->name).options, *a, errorWords("options"));
     const auto collection = provider(INIntent(a->name));
     if (!collection) return Output(options).print(nullptr, words("Intent.Options.NoList"));
     nlohmann::ordered_json all = nlohmann::ordered_json::array();
@@ -402,7 +406,7 @@ void addIntentCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   fallback->add_option("NAME", a->name, "An intent class")->required();
   fallback->add_option("PARAM", a->parameter, "One of its parameters")->required();
   onRunWithoutStore(fallback, action, [&options, a] {
-    const auto& provider = entryOf(routeOf(a->name).defaults, *a, "default");
+    const auto& provider = entryOf(routeOf(a->name).defaults, *a, errorWords("default"));
     const auto chosen = provider(INIntent(a->name));
     if (!chosen) return Output(options).print(nullptr, words("List.None"));
     nlohmann::ordered_json all = nlohmann::ordered_json::array();

@@ -19,17 +19,18 @@ namespace {
 // user can make folders in. A file, or a system folder such as /proc/1, is
 // refused before anything is made.
 void checkContainer(const std::string& container) {
-  const auto refused = [&container](const std::string& why) {
-    return InputError("--container: \"" + container + "\" cannot be used: " + why);
-  };
   std::error_code error;
   std::filesystem::path existing = std::filesystem::absolute(container, error);
-  if (error) throw refused(error.message());
+  if (error) throw refusal("--container: \"%1$@\" cannot be used: %2$@", {container, error.message()});
   while (!std::filesystem::exists(existing, error) && existing.has_relative_path()) existing = existing.parent_path();
-  if (!std::filesystem::is_directory(existing, error)) throw refused(existing.string() + " is not a folder");
+  if (!std::filesystem::is_directory(existing, error)) {
+    throw refusal("--container: \"%1$@\" cannot be used: %2$@ is not a folder", {container, existing.string()});
+  }
   std::string probe = (existing / ".tarnwell-XXXXXX").string();
   if (!::mkdtemp(probe.data())) {
-    throw refused("no folder can be made in " + existing.string() + " (" + std::strerror(errno) + ")");
+    const int why = errno;  // before copying the names can touch it
+    throw refusal("--container: \"%1$@\" cannot be used: no folder can be made in %2$@ (%3$@)",
+                  {container, existing.string(), std::strerror(why)});
   }
   ::rmdir(probe.c_str());
 }
@@ -49,11 +50,11 @@ std::unique_ptr<Environment> makeEnvironment(const GlobalOptions& options) {
   }
   if (options.now) {
     const auto now = Date::parseISO8601(*options.now, configuration.region->timeZoneId());
-    if (!now) throw InputError("--now: \"" + *options.now + "\" is not an ISO 8601 date or time");
+    if (!now) throw refusal("--now: \"%@\" is not an ISO 8601 date or time", {*options.now});
     try {
       checkInstant(*options.now, *now);
     } catch (const InputError& error) {
-      throw InputError(std::string("--now: ") + error.what());
+      throw refusal("--now: %@", {error.what()});
     }
     configuration.clock = std::make_shared<ManualClock>(*now);
   }
@@ -70,8 +71,8 @@ void startApp(const GlobalOptions& options) {
   // is refused as the folder it is.
   if (!Environment::current().containerURL(Environment::kAppGroupIdentifier)) {
     Environment::install(nullptr);
-    throw InputError("--container: \"" + options.container.value_or(".") +
-                     "\" cannot be used: the installation's folders cannot be made there");
+    throw refusal("--container: \"%@\" cannot be used: the installation's folders cannot be made there",
+                  {options.container.value_or(".")});
   }
   Logger::start();
   HealthManager::shared().start();
@@ -80,6 +81,15 @@ void startApp(const GlobalOptions& options) {
 void stopApp() {
   if (Environment::currentIfInstalled()) Logger::flush();
   Environment::install(nullptr);
+}
+
+void addGlobalOptions(CLI::App& app, GlobalOptions& options) {
+  app.add_option("--container", options.container,
+                 "Folder of one installation (default: $XDG_DATA_HOME/tarnwell/container)");
+  app.add_option("--now", options.now, "Pin the clock to this ISO 8601 instant");
+  app.add_option("--tz", options.timeZone, "IANA time zone (default: the system's)");
+  app.add_option("--locale", options.locale, "Locale such as en_US or de-DE (default: the system's)");
+  app.add_flag("--json", options.json, "Machine-readable output");
 }
 
 void addCommands(CLI::App& app, const GlobalOptions& options, Action& action) {

@@ -44,11 +44,11 @@ std::string caseNames() {
 std::optional<WidgetContext> parseContext(const LinkArguments& a) {
   const bool any = a.widgetName || a.widgetFamily || a.standBy || a.control;
   if (!any) return std::nullopt;
-  if (!a.widgetName) throw InputError("link: --widget-family, --standby and --control need --widget-name");
+  if (!a.widgetName) throw refusal("link: --widget-family, --standby and --control need --widget-name");
   if (!a.widgetFamily) {
     // A control needs no family: it is drawn small.
     if (a.control && !a.standBy) return WidgetContext::control(*a.widgetName);
-    throw InputError("link: --widget-name needs --widget-family (or --control alone)");
+    throw refusal("link: --widget-name needs --widget-family (or --control alone)");
   }
   WidgetContext context(*a.widgetName, parseWidgetFamily("--widget-family", *a.widgetFamily), a.standBy);
   context.isControl = a.control;
@@ -78,7 +78,8 @@ URLScheme parseLink(const LinkArguments& a) {
   };
   for (const auto& [option, isGiven] : given) {
     if (isGiven && std::find(allowed->second.begin(), allowed->second.end(), option) == allowed->second.end()) {
-      throw InputError("link " + a.caseName + ": takes no " + (option == "widget" ? "widget context" : option));
+      if (option == "widget") throw refusal("link %@: takes no widget context", {a.caseName});
+      throw refusal("link %1$@: takes no %2$@", {a.caseName, option});
     }
   }
   const auto context = parseContext(a);
@@ -101,18 +102,18 @@ URLScheme parseLink(const LinkArguments& a) {
   }
   if (name == "startFocus") return URLScheme::StartFocus{a.tag, context};
   if (name == "startFocusPopup") {
-    if (!a.focusType) throw InputError("link startFocusPopup: give --focus-type (pomodoro, countdown or addTime)");
+    if (!a.focusType) throw refusal("link startFocusPopup: give --focus-type (pomodoro, countdown or addTime)");
     const auto type = widgets::abstractFocusTypeFromRawValue(*a.focusType);
     if (!type) refuse("--focus-type", *a.focusType, "pomodoro, countdown or addTime");
     return URLScheme::StartFocusPopup{*type, context};
   }
   if (name == "currentFocus") {
-    if (!a.action) throw InputError("link currentFocus: give --action (open, pause, resume, stop, ...)");
+    if (!a.action) throw refusal("link currentFocus: give --action (open, pause, resume, stop, ...)");
     const auto action = currentFocusActionFromRawValue(*a.action);
     if (!action) refuse("--action", *a.action, "open, pause, resume, stop, startBreak or skipBreak");
     return URLScheme::CurrentFocus{*action};
   }
-  if (!a.progress || !a.goal) throw InputError("link shareFocus: give --progress and --goal");
+  if (!a.progress || !a.goal) throw refusal("link shareFocus: give --progress and --goal");
   return URLScheme::ShareFocus{a.activityId, a.focusId, parseSeconds("--progress", *a.progress, kOneDay),
                                parseSeconds("--goal", *a.goal, kOneDay)};
 }
@@ -177,19 +178,20 @@ void addLinkCommands(CLI::App& app, const GlobalOptions& options, Action& action
   link->add_option("URL", a->url, "The link to read back (link parse URL)");
   onRunWithoutStore(link, action, [&options, a] {
     if (a->caseName == "parse") {
-      if (a->url.empty()) throw InputError("link parse: give the URL to read");
+      if (a->url.empty()) throw refusal("link parse: give the URL to read");
       const auto url = URL::parse(a->url);
-      if (!url) throw InputError("link parse: \"" + a->url + "\" is not a URL");
+      if (!url) throw refusal("link parse: \"%@\" is not a URL", {a->url});
       printParsed(options, *url);
       return;
     }
-    if (!a->url.empty()) throw InputError("link " + a->caseName + ": unexpected \"" + a->url + "\"");
+    if (!a->url.empty()) throw refusal("link %1$@: unexpected \"%2$@\"", {a->caseName, a->url});
     const URLScheme scheme = parseLink(*a);
     // url() would stop the process: a person's typo gets a line instead.
     for (const auto& [key, value] : scheme.parameters().value_or(URLParameters{})) {
       if (!URLScheme::isSafeValue(value)) {
-        throw InputError("link: the " + key + " \"" + value +
-                         "\" would not read back as itself (letters, digits and -._~!$'()*+,;:@/ only)");
+        throw refusal(
+            "link: the %1$@ \"%2$@\" would not read back as itself (letters, digits and -._~!$'()*+,;:@/ only)",
+            {key, value});
       }
     }
     const URL url = scheme.url();

@@ -45,7 +45,7 @@ void addAppCommands(CLI::App& app, const GlobalOptions& options, Action& action)
           if (AppStructure::rawValue(known) == a->id) data = AppStructure::make(known);
         }
         if (!data) {
-          if (!a->name || a->name->empty()) throw InputError("app add: --name is required for " + a->id);
+          if (!a->name || a->name->empty()) throw refusal("app add: --name is required for %@", {a->id});
           data.emplace();
           data->bundleId = a->id;
           if (a->id.find_first_not_of("0123456789") == std::string::npos && a->id.size() < 19) {
@@ -93,12 +93,12 @@ void addDeviceCommands(CLI::App& app, const GlobalOptions& options, Action& acti
   onRun(
       relate, action,
       [a] {
-        if (a->id.empty()) throw InputError("device relate: the device id is empty");
+        if (a->id.empty()) throw refusal("device relate: the device id is empty");
       },
       [&options, a] {
-        if (a->id == Settings::deviceId()) throw InputError("a device is always merged with itself");
+        if (a->id == Settings::deviceId()) throw refusal("a device is always merged with itself");
         const auto id = Database::setCurrentDeviceRelation(a->id, !a->off);
-        if (!id) throw InputError("this device has no row in the store");
+        if (!id) throw refusal("this device has no row in the store");
         const auto related = Database::getDevicesRelatedToCurrentDevice().value_or(std::vector<std::string>{});
         Output(options).print({{"deviceId", *id}, {"related", related}}, joinLines(related, words("List.None")));
       });
@@ -134,7 +134,7 @@ void addResetAndExportCommands(CLI::App& app, const GlobalOptions& options, Acti
   onRun(
       csv, action,
       [a] {
-        if (a->out && !std::filesystem::is_directory(*a->out)) throw InputError("--out: no folder " + *a->out);
+        if (a->out && !std::filesystem::is_directory(*a->out)) throw refusal("--out: no folder %@", {*a->out});
       },
       [&options, a] {
         const auto files = await(Database::exportCSVFile(a->out.value_or("")));

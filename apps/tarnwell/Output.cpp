@@ -103,7 +103,8 @@ namespace {
 
 // Why `file` may not be replaced by a file of ours: a symbolic link, a
 // folder, a device or a FIFO is the user's own thing, never ours to write
-// over or through. Empty when it is a regular file or nothing at all.
+// over or through. Said in the user's language, for the refusal; empty
+// when it is a regular file or nothing at all.
 std::string unfitTarget(const std::filesystem::path& file, int& error) {
   struct stat status {};
   error = 0;
@@ -112,24 +113,24 @@ std::string unfitTarget(const std::filesystem::path& file, int& error) {
     return "";
   }
   if (S_ISREG(status.st_mode)) return "";
-  if (S_ISLNK(status.st_mode)) return "is a symbolic link";
-  if (S_ISDIR(status.st_mode)) return "is a folder";
-  if (S_ISFIFO(status.st_mode)) return "is a FIFO";
-  if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) return "is a device";
-  return "is not a regular file";
+  if (S_ISLNK(status.st_mode)) return errorWords("is a symbolic link");
+  if (S_ISDIR(status.st_mode)) return errorWords("is a folder");
+  if (S_ISFIFO(status.st_mode)) return errorWords("is a FIFO");
+  if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)) return errorWords("is a device");
+  return errorWords("is not a regular file");
 }
 
 }  // namespace
 
 void writeFileAtomically(const std::string& option, const std::filesystem::path& file, std::string_view bytes) {
   const auto refused = [&](int error) {
-    return InputError(option + ": cannot write \"" + file.string() + "\": " + std::strerror(error));
+    return refusal("%1$@: cannot write \"%2$@\": %3$@", {option, file.string(), std::strerror(error)});
   };
   const auto checkTarget = [&] {
     int error = 0;
     if (const auto unfit = unfitTarget(file, error); !unfit.empty()) {
-      throw InputError(option + ": \"" + file.string() + "\" " + unfit +
-                       "; only a regular file or a new name is written");
+      throw refusal("%1$@: \"%2$@\" %3$@; only a regular file or a new name is written",
+                    {option, file.string(), unfit});
     }
     if (error != 0) throw refused(error);
   };

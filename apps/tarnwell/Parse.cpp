@@ -14,8 +14,11 @@ namespace tarnwell::cli {
 
 using widgets::FocusType;
 
+// `accepts` is a phrase of the table "Errors" as the callers write it. One
+// they compose from names at run time is already in the user's language:
+// found in no table, it reads as itself.
 [[noreturn]] void refuse(const std::string& name, const std::string& text, const std::string& accepts) {
-  throw InputError(name + ": \"" + text + "\" is not " + accepts);
+  throw refusal("%1$@: \"%2$@\" is not %3$@", {name, text, errorWords(accepts)});
 }
 
 double parseNumber(const std::string& name, const std::string& text) {
@@ -38,33 +41,33 @@ namespace {
 
 // Whole hours, or whole days from two days on: "24 hours", "31 days".
 std::string lengthWords(double seconds) {
-  const auto whole = [](double value) { return std::to_string(std::llround(value)); };
-  if (seconds >= 2 * kOneDay) return whole(seconds / kOneDay) + " days";
-  return whole(seconds / 3600) + " hours";
+  const auto whole = [](double value) { return static_cast<std::int64_t>(std::llround(value)); };
+  if (seconds >= 2 * kOneDay) return formatString(errorWords("%lld days"), {whole(seconds / kOneDay)});
+  return formatString(errorWords("%lld hours"), {whole(seconds / 3600)});
 }
 
 }  // namespace
 
 Date checkInstant(std::string_view text, Date date) {
   if (date < kEarliestInstant || date >= kEndOfInstants) {
-    throw InputError("\"" + std::string(text) + "\" is not between 1970 and 2099");
+    throw refusal("\"%@\" is not between 1970 and 2099", {text});
   }
   return date;
 }
 
 Date parseInstant(std::string_view text) {
   const auto date = Date::parseISO8601(text);
-  if (!date) throw InputError("\"" + std::string(text) + "\" is not an ISO 8601 date or time");
+  if (!date) throw refusal("\"%@\" is not an ISO 8601 date or time", {text});
   return checkInstant(text, *date);
 }
 
 Date parseInstantOrNow(const std::optional<std::string>& text) { return text ? parseInstant(*text) : Date::now(); }
 
 void checkSpan(Date start, Date end, double longest) {
-  if (end < start) throw InputError("the start " + start.iso8601() + " is after the end " + end.iso8601());
+  if (end < start) throw refusal("the start %1$@ is after the end %2$@", {start.iso8601(), end.iso8601()});
   if (end - start > longest) {
-    throw InputError("the span from " + start.iso8601() + " to " + end.iso8601() + " is longer than " +
-                     lengthWords(longest));
+    throw refusal("the span from %1$@ to %2$@ is longer than %3$@",
+                  {start.iso8601(), end.iso8601(), lengthWords(longest)});
   }
 }
 
@@ -78,7 +81,8 @@ WidgetFamily parseWidgetFamily(const std::string& name, const std::string& word)
 }
 
 double parseSeconds(const std::string& name, const std::string& text, double most) {
-  return parseNumberIn(name, text, 0, most, "a number of seconds from 0 to " + std::to_string(std::llround(most)));
+  const auto whole = static_cast<std::int64_t>(std::llround(most));
+  return parseNumberIn(name, text, 0, most, formatString(errorWords("a number of seconds from 0 to %lld"), {whole}));
 }
 
 bool parseBool(const std::string& name, const std::string& text) {
@@ -156,7 +160,7 @@ FocusType parseFocusType(const std::string& name, const std::string& text) {
 
 std::pair<Date, Date> parseSpan(const std::string& start, const std::string& end, double longest) {
   const Date from = parseInstant(start), to = parseInstant(end);
-  if (to < from) throw InputError("the start " + start + " is after the end " + end);
+  if (to < from) throw refusal("the start %1$@ is after the end %2$@", {start, end});
   checkSpan(from, to, longest);
   return {from, to};
 }
@@ -170,7 +174,7 @@ std::optional<DateInterval> RangeOptions::parse() const {
   if (!from && !to) return std::nullopt;
   const Date start = from ? parseInstant(*from) : Date::distantPast();
   const Date end = to ? parseInstant(*to) : Date::distantFuture();
-  if (end < start) throw InputError("--from is after --to");
+  if (end < start) throw refusal("--from is after --to");
   return DateInterval(start, end);
 }
 

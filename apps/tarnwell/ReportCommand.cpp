@@ -12,6 +12,7 @@
 #include "tarnwell/charts/ScreenTimeDataType.h"
 #include "tarnwell/extensions/Strings.h"
 #include "tarnwell/modules/Database.h"
+#include "tarnwell/platform/DateFormatting.h"
 #include "tarnwell/settings/AppInfo.h"
 #include "tarnwell/settings/Settings.h"
 
@@ -57,8 +58,10 @@ footer { margin-top: 40px; }
 std::string h(std::string_view text) { return escapeMarkup(text); }
 
 // "Mon, Nov 23, 2026", and in a table of days "Mon, Nov 23".
-std::string dayText(Date day) { return getShortWeekdayString(day) + ", " + getDateAndMonthAndYearString(day); }
-std::string shortDayText(Date day) { return getShortWeekdayString(day) + ", " + getDateAndMonthString(day); }
+// The locale orders the weekday and the date: "Thu, Nov 26, 2026",
+// "Do., 26. Nov. 2026", "2026年11月26日(木)".
+std::string dayText(Date day) { return date_formatting::formatFromTemplate(day, "EEEyMMMd"); }
+std::string shortDayText(Date day) { return date_formatting::formatFromTemplate(day, "EEEMMMd"); }
 
 // The dates a chart shows, as its alt text and caption name them.
 std::string rangeText(const StatisticsData& chart) {
@@ -283,14 +286,14 @@ void addReportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
   onRun(
       command, action,
       [a] {
-        if (a->out.empty()) throw InputError("--out: the file name is empty");
+        if (a->out.empty()) throw refusal("--out: the file name is empty");
         Days days;
         days.at = parseInstantOrNow(a->range.to);
         days.last = days.at.startOfDay();
         days.first = a->range.from ? parseInstant(*a->range.from).startOfDay() : days.last.addingDay(-6);
-        if (days.last < days.first) throw InputError("--from is after --to");
+        if (days.last < days.first) throw refusal("--from is after --to");
         // Checked before the days are listed: a far --from must not fill memory first.
-        if (days.last - days.first > kTenYears) throw InputError("report: at most ten years at a time");
+        if (days.last - days.first > kTenYears) throw refusal("report: at most ten years at a time");
         for (Date day = days.first; day <= days.last; day = day.addingDay(1)) days.all.push_back(day);
         return days;
       },

@@ -47,9 +47,9 @@ void Session::close() {
 }
 
 std::string Session::run(const std::vector<std::string>& arguments) {
-  if (ended_) throw InputError("the installation was closed");
+  if (ended_) throw refusal("the installation was closed");
   if (const auto bad = firstNonUtf8(arguments)) {
-    throw InputError("argument " + std::to_string(*bad + 1) + " is not valid UTF-8");
+    throw refusal("argument %lld is not valid UTF-8", {static_cast<std::int64_t>(*bad + 1)});
   }
   CLI::App app{"tarnwell"};
   app.name("tarnwell");
@@ -60,11 +60,11 @@ std::string Session::run(const std::vector<std::string>& arguments) {
   try {
     app.parse(reversed);
   } catch (const CLI::CallForHelp&) {
-    throw InputError("help is printed by the command line alone (tarnwell --help)");
+    throw refusal("help is printed by the command line alone (tarnwell --help)");
   } catch (const CLI::CallForAllHelp&) {
-    throw InputError("help is printed by the command line alone (tarnwell --help)");
+    throw refusal("help is printed by the command line alone (tarnwell --help)");
   } catch (const CLI::ParseError& error) {
-    throw InputError(error.what());
+    throw InputError(describeParseError(error));
   }
   CapturedOutput output;
   try {
@@ -93,7 +93,7 @@ std::string Session::run(const std::vector<std::string>& arguments) {
 
 void Session::setNow(Date now) {
   auto* clock = dynamic_cast<ManualClock*>(&Environment::current().clock());
-  if (!clock) throw InputError("the clock of this installation was not pinned (open it with \"now\")");
+  if (!clock) throw refusal("the clock of this installation was not pinned (open it with \"now\")");
   clock->set(now);
 }
 

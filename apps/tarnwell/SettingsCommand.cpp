@@ -203,7 +203,7 @@ const Entry& find(const std::string& name) {
   for (const auto& entry : catalogue()) {
     if (entry.name == name) return entry;
   }
-  throw InputError("unknown setting \"" + name + "\" (see tarnwell settings list)");
+  throw refusal("unknown setting \"%@\" (see tarnwell settings list)", {name});
 }
 
 nlohmann::ordered_json named(const Entry& entry) { return {{"name", entry.name}, {"value", entry.get()}}; }
@@ -242,7 +242,7 @@ void addSettingsCommands(CLI::App& app, const GlobalOptions& options, Action& ac
   set->add_option("VALUE", setArguments->second, "New value; null clears an optional setting")->required();
   onRunWithoutStore(set, action, [&options, setArguments] {
     const Entry& entry = find(setArguments->first);
-    if (!entry.set) throw InputError(entry.name + " cannot be set");
+    if (!entry.set) throw refusal("%@ cannot be set", {entry.name});
     entry.set(setArguments->second);
     const auto value = named(entry);
     Output(options).print(value, plainText(value["value"]));

@@ -74,11 +74,12 @@ std::string stateLine(const SyncState& state) {
 }
 
 // Why nothing can sync, when the launch found no way to: the engine comes
-// only with an account that was available at launch.
+// only with an account that was available at launch. In the user's language,
+// for the refusals that end with it.
 std::string whyNoEngine() {
-  if (!signedInCloudName()) return "this installation is not signed in to a cloud (cloud sign-in DIR|URL)";
-  return "the cloud account was not available at launch (account: " + std::string(name(CloudService::accountStatus())) +
-         ")";
+  if (!signedInCloudName()) return errorWords("this installation is not signed in to a cloud (cloud sign-in DIR|URL)");
+  return formatString(errorWords("the cloud account was not available at launch (account: %@)"),
+                      {name(CloudService::accountStatus())});
 }
 
 // Runs one sync of CloudService and waits for its outcome, retries the
@@ -88,7 +89,7 @@ void runSync(const GlobalOptions& options, const std::string& command,
   auto synced = std::make_shared<std::optional<bool>>();
   sync([synced](bool result) { *synced = result; });
   settleOperations();
-  if (!*synced) throw InputError(command + ": nothing synced: " + whyNoEngine());
+  if (!*synced) throw refusal("%1$@: nothing synced: %2$@", {command, whyNoEngine()});
   const SyncState state = CloudService::syncState();
   if (!**synced) throw std::runtime_error(command + ": " + stateLine(state));
   Output(options).print(stateJSON(state), stateLine(state));
@@ -211,7 +212,7 @@ class FetchedRecords {
 // hands over its silent pushes, letting the sync each one starts run to its
 // end; until `seconds` have passed, or until interrupted when not given.
 void watch(const GlobalOptions& options, std::optional<double> seconds) {
-  if (!signedInCloudName()) throw InputError("sync watch: nothing to watch: " + whyNoEngine());
+  if (!signedInCloudName()) throw refusal("sync watch: nothing to watch: %@", {whyNoEngine()});
   interrupted = 0;
   const auto stop = [](int) { interrupted = 1; };
   std::signal(SIGINT, stop);
@@ -251,14 +252,14 @@ void enterBackground(const GlobalOptions& options) {
   CloudService::enterBackground();
   const SyncState state = CloudService::syncState();
   const auto* background = state.as<SyncState::Background>();
-  if (!background) throw InputError("lifecycle background: sync is not running: " + whyNoEngine());
+  if (!background) throw refusal("lifecycle background: sync is not running: %@", {whyNoEngine()});
   UserDefaults::standard().set(kBackgroundSinceKey, background->startAt);
   Output(options).print(stateJSON(state), stateLine(state));
 }
 
 void enterForeground(const GlobalOptions& options) {
   if (!CloudService::syncState().as<SyncState::Background>()) {
-    throw InputError("lifecycle foreground: the app is not in the background (lifecycle background)");
+    throw refusal("lifecycle foreground: the app is not in the background (lifecycle background)");
   }
   CloudService::enterForeground();
   settleOperations();

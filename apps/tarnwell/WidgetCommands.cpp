@@ -132,7 +132,7 @@ void addWidgetBoardCommands(CLI::App* group, const GlobalOptions& options, Actio
   uninstall->add_option("CONFIGURATION", a->configuration)->required();
   onRunWithoutStore(uninstall, action, [&options, a] {
     const std::size_t removed = HomeScreen::shared().remove(a->configuration);
-    if (removed == 0) throw InputError("no widget of " + a->configuration + " is placed");
+    if (removed == 0) throw refusal("no widget of %@ is placed", {a->configuration});
     Output(options).print({{"removed", removed}}, words("Widgets.Removed", {static_cast<std::int64_t>(removed)}));
   });
 
@@ -187,11 +187,11 @@ void addFocusStateCommand(CLI::App& app, const GlobalOptions& options, Action& a
         const bool anyOption = a->tag || a->type || a->state || a->paused || a->spent || a->goal;
         if (a->none) {
           if (*a->none != "none") refuse("focus state", *a->none, "none, or the options of a focus");
-          if (anyOption) throw InputError("focus state none: takes no other option");
+          if (anyOption) throw refusal("focus state none: takes no other option");
           return std::nullopt;
         }
         if (!a->type || !a->state || !a->spent || !a->goal) {
-          throw InputError("focus state: give --type, --state, --spent and --goal, or say none");
+          throw refusal("focus state: give --type, --state, --spent and --goal, or say none");
         }
         return std::tuple(parseFocusType("--type", *a->type), parseState(*a->state),
                           parseSeconds("--spent", *a->spent, kOneDay), parseSeconds("--goal", *a->goal, kOneDay));
@@ -204,7 +204,7 @@ void addFocusStateCommand(CLI::App& app, const GlobalOptions& options, Action& a
           std::optional<ThreadSafeTag> tag;
           if (a->tag) {
             const auto found = Database::getTag(*a->tag);
-            if (!found) throw InputError("--tag: no tag has the id \"" + *a->tag + "\"");
+            if (!found) throw refusal("--tag: no tag has the id \"%@\"", {*a->tag});
             tag = found->threadSafeTag();
           }
           WidgetDatabase::updateCurrentFocusState(tag, type, kind, a->paused, spent, goal);

@@ -12,32 +12,32 @@
 using namespace tarnwell::cli;
 
 int main(int argc, char** argv) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  // Help and the arguments' errors come before the installation, which
+  // would give the language: they speak the --locale asked for.
+  speakAs(arguments);
   CLI::App app{"tarnwell: screen time, pickups, sleep and focus from the events of a phone's use"};
   app.name("tarnwell");
   app.require_subcommand(1);
   app.fallthrough();
 
   GlobalOptions options;
-  app.add_option("--container", options.container,
-                 "Folder of one installation (default: $XDG_DATA_HOME/tarnwell/container)");
-  app.add_option("--now", options.now, "Pin the clock to this ISO 8601 instant");
-  app.add_option("--tz", options.timeZone, "IANA time zone (default: the system's)");
-  app.add_option("--locale", options.locale, "Locale such as en_US or de-DE (default: the system's)");
-  app.add_flag("--json", options.json, "Machine-readable output");
+  addGlobalOptions(app, options);
   // What `info` reads from the bundle, but without an installation: asking
   // for the version must not make or open one.
   const auto bundle = tarnwell::BundleInfo::current().infoDictionary;
   app.set_version_flag(
-      "--version",
-      "tarnwell " + bundle.at("CFBundleShortVersionString") + " (build " + bundle.at("CFBundleVersion") + ")",
+      "--version", words("Info.VersionLine", {bundle.at("CFBundleShortVersionString"), bundle.at("CFBundleVersion")}),
       "Print the version and build, then exit");
 
   Action action;
   addCommands(app, options, action);
+  translateHelp(app);
 
   // Refused before anything runs.
-  if (const auto bad = firstNonUtf8(std::vector<std::string>(argv + 1, argv + argc))) {
-    std::cerr << "tarnwell: argument " << *bad + 1 << " is not valid UTF-8\n";
+  if (const auto bad = firstNonUtf8(arguments)) {
+    std::cerr << "tarnwell: "
+              << refusal("argument %lld is not valid UTF-8", {static_cast<std::int64_t>(*bad + 1)}).what() << '\n';
     return 1;
   }
   try {
@@ -49,7 +49,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& version) {
     return app.exit(version);
   } catch (const CLI::ParseError& error) {
-    std::cerr << "tarnwell: " << error.what() << " (see tarnwell --help)\n";
+    std::cerr << "tarnwell: " << refusal("%@ (see tarnwell --help)", {describeParseError(error)}).what() << '\n';
     return 2;
   }
 

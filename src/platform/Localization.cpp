@@ -1,5 +1,6 @@
 #include "tarnwell/platform/Localization.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <map>
@@ -50,9 +51,20 @@ void appendConversion(std::string& out, std::string spec, char conversion, const
     if (const auto* s = std::get_if<std::string>(&value)) text = *s;
     if (const auto* i = std::get_if<std::int64_t>(&value)) text = std::to_string(*i);
     if (const auto* d = std::get_if<double>(&value)) text = formatDouble(*d);
+    // A text of any length, whole: a path or a user's title is not cut.
+    if (spec == "%@" || spec == "%s") {
+      out += text;
+      return;
+    }
     spec.back() = 's';
-    std::snprintf(buffer, sizeof buffer, spec.c_str(), text.c_str());
-  } else if (std::string_view("dioxXuc").find(conversion) != std::string_view::npos) {
+    const int length = std::snprintf(nullptr, 0, spec.c_str(), text.c_str());
+    std::string padded(static_cast<std::size_t>(std::max(length, 0)) + 1, '\0');
+    std::snprintf(padded.data(), padded.size(), spec.c_str(), text.c_str());
+    padded.pop_back();
+    out += padded;
+    return;
+  }
+  if (std::string_view("dioxXuc").find(conversion) != std::string_view::npos) {
     long long integer = 0;
     if (const auto* i = std::get_if<std::int64_t>(&value)) integer = *i;
     if (const auto* d = std::get_if<double>(&value)) integer = static_cast<long long>(*d);
@@ -70,7 +82,10 @@ void appendConversion(std::string& out, std::string spec, char conversion, const
 }  // namespace
 
 std::string localized(std::string_view key, std::string_view tableName) {
-  const std::string language = Environment::current().region().languageCode();
+  return localizedIn(Environment::current().region().languageCode(), key, tableName);
+}
+
+std::string localizedIn(std::string_view language, std::string_view key, std::string_view tableName) {
   if (const auto* text = find(language, tableName, key)) return *text;
   if (const auto* text = find("en", tableName, key)) return *text;
   return std::string(key);

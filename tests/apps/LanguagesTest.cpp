@@ -92,12 +92,14 @@ TEST_P(LanguagesTest, NoEnglishWordIsLeftInWhatTheCommandsPrint) {
   const auto english = englishWordsFor(locale.substr(0, 2));
   const testing::Outcome demo = run("demo");
   ASSERT_EQ(demo.status, 0) << demo.err;
-  // Names, not words: what the devices are called, and the record types the
-  // unsent changes are counted by ("Pickup 1769").
+  // Names, not words: what the devices are called, the tags' ids
+  // ("default"), and the record types the unsent changes are counted by
+  // ("Pickup 1769").
   std::vector<std::string> names;
   for (const auto& device : nlohmann::json::parse(run("--json device list").out)) {
     if (device["name"].is_string() && !device["name"].get<std::string>().empty()) names.push_back(device["name"]);
   }
+  for (const auto& tag : nlohmann::json::parse(run("--json tag list").out)) names.push_back(tag["id"]);
   const std::regex recordCounts("(Device|Focus|Pickup|Tag|Walk) [0-9]+");
   for (const std::string command :
        {"demo", "day", "summary", "streaks", "chart screenTime --range week", "chart pickups --range day", "tag list",
@@ -118,6 +120,37 @@ TEST_P(LanguagesTest, NoEnglishWordIsLeftInWhatTheCommandsPrint) {
         if (english.contains(word) && reported.insert(word).second) {
           ADD_FAILURE() << command << " in " << locale << " says \"" << word << "\": " << line;
         }
+      }
+    }
+  }
+}
+
+// Help and refusals come before any installation is opened, in the
+// language of --locale all the same. What the user types stays as it is:
+// options, argument names, commands and values are taken out first.
+TEST_P(LanguagesTest, HelpAndRefusalsSpeakTheLanguage) {
+  const std::string locale = GetParam();
+  const auto english = englishWordsFor(locale.substr(0, 2));
+  const std::regex typed(
+      R"(--?[A-Za-z][-A-Za-z0-9_]*|\b[A-Z][A-Z_:]+\b|^  +\S+|"[^"]*"|`[^`]*`|tarnwell( [a-z][-a-zA-Z]*)*)");
+  for (const std::string command :
+       {"--help", "day --help", "chart --help", "cloud --help", "focus add --help", "bogus", "day --bogus",
+        "summary --count 0", "chart nosuch", "day 2026-02-30", "--tz", "tag add", "import .",
+        "chart screenTime --range weird", "report --from 2026-11-20 --to 2026-11-10 --out r.html"}) {
+    const testing::Outcome result = run(command);
+    const bool help = command.ends_with("--help");
+    if (help) {
+      ASSERT_EQ(result.status, 0) << command << ": " << result.err;
+    } else {
+      ASSERT_NE(result.status, 0) << command;
+    }
+    const std::string text = help ? result.out : result.err;
+    ASSERT_FALSE(text.empty()) << command;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+      for (const auto& word : latinWords(std::regex_replace(line, typed, " "))) {
+        if (english.contains(word))
+          ADD_FAILURE() << command << " in " << locale << " says \"" << word << "\": " << line;
       }
     }
   }

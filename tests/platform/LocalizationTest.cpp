@@ -14,6 +14,10 @@ TEST(FormatStringTest, PrintfConversionsWithTextsAndPositions) {
   EXPECT_EQ(formatString("%.2f%%", {12.345}), "12.35%");
   EXPECT_EQ(formatString("%02d:%02d", {5, 7}), "05:07");
   EXPECT_EQ(formatString("%4.2f %@", {1.0, "KB"}), "1.00 KB");
+  // A path or a title of any length is kept whole, padded or not.
+  const std::string path(700, 'x');
+  EXPECT_EQ(formatString("cannot read \"%1$@\"", {path}), "cannot read \"" + path + "\"");
+  EXPECT_EQ(formatString("[%-702@]", {path}), "[" + path + "  ]");
 }
 
 TEST(FormatStringTest, MissingArgumentsAndStrayPercentsStayAsWritten) {

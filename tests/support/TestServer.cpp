@@ -13,7 +13,9 @@
 // libpqxx 6.4 leaves the error result of a statement on a connection the
 // server dropped unfreed (the test of a lost connection meets it); nothing
 // of ours owns that result, so the leak checker is told to look past it.
-extern "C" const char* __lsan_default_suppressions() { return "leak:PQmakeEmptyPGresult\n"; }
+// These replace the host's own, so fontconfig's loss at its first use
+// (see ChartDrawing.cpp) is named here too.
+extern "C" const char* __lsan_default_suppressions() { return "leak:PQmakeEmptyPGresult\nleak:libfontconfig.so\n"; }
 extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
 
 namespace tarnwell::testing {

@@ -38,6 +38,11 @@ inline constexpr std::string_view kDefaultStringsTable = "Localizable";
 
 std::string localized(std::string_view key, std::string_view tableName = kDefaultStringsTable);
 
+// The text of `key` in `language` (an ISO 639 code such as "de"), then in
+// English, then the key: for texts read while no Environment is installed.
+std::string localizedIn(std::string_view language, std::string_view key,
+                        std::string_view tableName = kDefaultStringsTable);
+
 // The text of `key` used as a format for `arguments`.
 std::string localizedFormat(std::string_view key, std::initializer_list<FormatArgument> arguments,
                             std::string_view tableName = kDefaultStringsTable);
