@@ -28,9 +28,8 @@ std::string inTable(std::string_view english, std::string_view table) {
 std::string help(const std::string& english) { return inTable(english, "Help"); }
 
 // CLI11's own words in its help: the headings and the kinds of values.
-constexpr std::string_view kHelpLabels[] = {"Usage",      "OPTIONS", "Positionals", "SUBCOMMAND", "SUBCOMMANDS",
-                                            "TEXT",       "INT",     "UINT",        "FLOAT",      "REQUIRED",
-                                            "Needs",      "Excludes"};
+constexpr std::string_view kHelpLabels[] = {"Usage", "OPTIONS", "Positionals", "SUBCOMMAND", "SUBCOMMANDS", "TEXT",
+                                            "INT",   "UINT",    "FLOAT",       "REQUIRED",   "Needs",       "Excludes"};
 
 // CLI11 pads the option column by bytes; a Japanese kind of value or an
 // accented label would push its description out of line.

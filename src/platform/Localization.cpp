@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstdio>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 
 #include "platform/StringResources.h"
@@ -12,31 +14,36 @@
 namespace tarnwell {
 namespace {
 
-// language -> table -> key -> text
-using Tables =
-    std::map<std::string, std::map<std::string, std::map<std::string, std::string, std::less<>>, std::less<>>,
-             std::less<>>;
+// table -> key -> text, of one language
+using Tables = std::map<std::string, std::map<std::string, std::string, std::less<>>, std::less<>>;
 
-const Tables& tables() {
-  static const Tables all = [] {
-    Tables parsed;
-    for (const auto& resource : stringResources()) {
+// A language's tables are read the first time one of its texts is asked
+// for: a run reads its own language and English, not all six.
+const Tables* tablesOf(std::string_view language) {
+  struct Language {
+    std::once_flag read;
+    Tables tables;
+  };
+  const auto resources = stringResources();
+  static const std::unique_ptr<Language[]> languages(new Language[resources.size()]);
+  for (std::size_t i = 0; i < resources.size(); ++i) {
+    if (resources[i].language != language) continue;
+    std::call_once(languages[i].read, [&resource = resources[i], &tables = languages[i].tables] {
       const auto json = nlohmann::json::parse(resource.json);
       for (const auto& [table, entries] : json.items()) {
-        for (const auto& [key, text] : entries.items()) parsed[std::string(resource.language)][table][key] = text;
+        for (const auto& [key, text] : entries.items()) tables[table][key] = text;
       }
-    }
-    return parsed;
-  }();
-  return all;
+    });
+    return &languages[i].tables;
+  }
+  return nullptr;
 }
 
 const std::string* find(std::string_view language, std::string_view table, std::string_view key) {
-  const auto& all = tables();
-  const auto byLanguage = all.find(language);
-  if (byLanguage == all.end()) return nullptr;
-  const auto byTable = byLanguage->second.find(table);
-  if (byTable == byLanguage->second.end()) return nullptr;
+  const auto* tables = tablesOf(language);
+  if (!tables) return nullptr;
+  const auto byTable = tables->find(table);
+  if (byTable == tables->end()) return nullptr;
   const auto text = byTable->second.find(key);
   return text == byTable->second.end() ? nullptr : &text->second;
 }
