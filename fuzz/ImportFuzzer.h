@@ -20,7 +20,7 @@ inline void fuzzImport(cli::ImportFormat format, const std::uint8_t* data, std::
                                       // What the store is handed is a span.
                                       if (event.end < event.start) std::abort();
                                     },
-                                    [&badRows](std::size_t, const std::string&) { ++badRows; }});
+                                    [&badRows](std::size_t, const cli::ImportProblem&) { ++badRows; }});
   try {
     // As the command gives up: after 100 bad rows.
     cli::readImport(in, reader, [&reader] { return reader.skipped() < 100; });

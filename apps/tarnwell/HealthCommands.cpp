@@ -152,11 +152,12 @@ void importExport(const GlobalOptions& options, const std::string& file) {
   std::size_t count = 0;
   try {
     Progress progress("health import " + file);
+    const std::string recordsRead = words("Health.Progress.Records");
     count = installationStore().importSamples([&](std::vector<HKSample>& batch) {
       const bool more = reader.next(batch, 10000);
       for (auto& sample : batch) sample.source.bundleIdentifier = bundleOfExportedSource(sample.source.name);
       read += batch.size();
-      progress.update(read, "records",
+      progress.update(read, recordsRead,
                       total > 0 ? std::optional(static_cast<double>(reader.bytesRead()) / total) : std::nullopt);
       return more;
     });

@@ -43,9 +43,9 @@ std::vector<std::string> splitCSV(std::string_view line) {
 
 ImportReader::ImportReader(ImportFormat format, Handlers handlers) : format_(format), handlers_(std::move(handlers)) {}
 
-void ImportReader::bad(const std::string& problem) {
+void ImportReader::bad(std::string_view english, std::vector<FormatArgument> arguments) {
   ++skipped_;
-  if (handlers_.badRow) handlers_.badRow(line_, problem);
+  if (handlers_.badRow) handlers_.badRow(line_, {english, std::move(arguments)});
 }
 
 void ImportReader::readLine(std::string_view text, bool tooLong) {
@@ -54,7 +54,7 @@ void ImportReader::readLine(std::string_view text, bool tooLong) {
   const bool header = format_ == ImportFormat::aware ? timestampColumn_ < 0 : line_ == 1;
   if (tooLong && !(header && format_ == ImportFormat::aware)) {
     ++rows_;
-    return bad("longer than " + std::to_string(kMaxLineLength) + " bytes");
+    return bad("longer than %lld bytes", {static_cast<std::int64_t>(kMaxLineLength)});
   }
   const auto fields = splitCSV(text);
   if (format_ == ImportFormat::tarnwell) {
@@ -69,8 +69,9 @@ void ImportReader::readLine(std::string_view text, bool tooLong) {
       if (fields[i] == "screen_status") statusColumn_ = static_cast<int>(i);
     }
     if (timestampColumn_ < 0 || deviceColumn_ < 0 || statusColumn_ < 0) {
-      throw ImportFormatError("line " + std::to_string(line_) +
-                              ": an AWARE file starts with a header naming timestamp, device_id and screen_status");
+      throw ImportFormatError(
+          {"line %lld: an AWARE file starts with a header naming timestamp, device_id and screen_status",
+           {static_cast<std::int64_t>(line_)}});
     }
     return;
   }
@@ -86,7 +87,8 @@ void ImportReader::take(const ImportedEvent& event) {
   }
   const double longest = event.kind == ImportedKind::alive ? kLongestAliveSpan : kOneDay;
   if (event.end.timeIntervalSince(event.start) > longest) {
-    return bad(event.kind == ImportedKind::alive ? "an alive span longer than 31 days" : "an event longer than a day");
+    if (event.kind == ImportedKind::alive) return bad("an alive span longer than 31 days");
+    return bad("an event longer than a day");
   }
   handlers_.event(event);
 }
@@ -103,7 +105,7 @@ void ImportReader::readTarnwell(const std::vector<std::string>& fields) {
   } else if (fields[0] == "alive") {
     take({ImportedKind::alive, *start, *end});
   } else {
-    bad("unknown kind \"" + fields[0].substr(0, 40) + "\" (pickup, walk or alive)");
+    bad("unknown kind \"%@\" (pickup, walk or alive)", {fields[0].substr(0, 40)});
   }
 }
 
@@ -131,7 +133,7 @@ void ImportReader::readAware(const std::vector<std::string>& fields) {
   if (id.size() > kMaxDeviceIdLength) return bad("the device_id is longer than 256 bytes");
   auto found = devices_.find(id);
   if (found == devices_.end()) {
-    if (devices_.size() >= kMaxDevices) return bad("more than " + std::to_string(kMaxDevices) + " devices");
+    if (devices_.size() >= kMaxDevices) return bad("more than %lld devices", {static_cast<std::int64_t>(kMaxDevices)});
     found = devices_.emplace(id, Device{milliseconds, std::nullopt}).first;
   }
   Device& device = found->second;

@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "tarnwell/platform/Date.h"
+#include "tarnwell/platform/Localization.h"
 
 namespace tarnwell::cli {
 
@@ -57,11 +58,27 @@ struct ImportedEvent {
   friend bool operator==(const ImportedEvent&, const ImportedEvent&) = default;
 };
 
+// Why a row was skipped, or a file refused: a phrase of the host's table
+// "Errors", keyed by its English, and the values its conversions take, so
+// that the host says it in the user's language.
+struct ImportProblem {
+  std::string_view english;
+  std::vector<FormatArgument> arguments;
+
+  // In English, as a log or a test reads it.
+  std::string text() const { return formatString(english, arguments); }
+};
+
 // A file that cannot be of its format at all (an AWARE file whose first row
 // is not its header): one line, beginning with the line of the file.
 class ImportFormatError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit ImportFormatError(ImportProblem problem)
+      : std::runtime_error(problem.text()), problem_(std::move(problem)) {}
+  const ImportProblem& problem() const { return problem_; }
+
+ private:
+  ImportProblem problem_;
 };
 
 // Splits a CSV line on commas; fields may be double-quoted ("" for a quote).
@@ -76,8 +93,8 @@ class ImportReader {
 
   struct Handlers {
     std::function<void(const ImportedEvent&)> event;
-    // A row that was skipped: its line (from 1) and why, as a phrase.
-    std::function<void(std::size_t line, const std::string& problem)> badRow;
+    // A row that was skipped: its line (from 1) and why.
+    std::function<void(std::size_t line, const ImportProblem& problem)> badRow;
   };
 
   ImportReader(ImportFormat format, Handlers handlers);
@@ -102,7 +119,7 @@ class ImportReader {
     double last;
     std::optional<double> unlockedAt;
   };
-  void bad(const std::string& problem);
+  void bad(std::string_view english, std::vector<FormatArgument> arguments = {});
   void take(const ImportedEvent& event);
   void readTarnwell(const std::vector<std::string>& fields);
   void readAware(const std::vector<std::string>& fields);

@@ -25,6 +25,11 @@
 namespace tarnwell::cli {
 namespace {
 
+// Why a row or a file was refused, in the user's language.
+std::string inUserWords(const ImportProblem& problem) {
+  return formatString(errorWords(problem.english), problem.arguments);
+}
+
 constexpr std::size_t kMaxBadRows = 100;
 
 // Inserts a new record without the transaction keeping its key for
@@ -94,35 +99,38 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
           const auto pickupsBefore = t.lastRowid(Pickup::className);
           const auto walksBefore = t.lastRowid(Walk::className);
           Progress progress("import " + arguments->file);
-          ImportReader reader(arguments->format == "aware" ? ImportFormat::aware : ImportFormat::tarnwell,
-                              {[&](const ImportedEvent& event) {
-                                 span = span ? DateInterval(std::min(span->start(), event.start),
-                                                            std::max(span->end(), event.end))
-                                             : DateInterval(event.start, event.end);
-                                 switch (event.kind) {
-                                   case ImportedKind::pickup:
-                                     insert<Pickup>(t, event, device);
-                                     ++pickups;
-                                     break;
-                                   case ImportedKind::walk:
-                                     insert<Walk>(t, event, device);
-                                     ++walks;
-                                     break;
-                                   case ImportedKind::alive:
-                                     insert<Alive>(t, event, device);
-                                     ++alives;
-                                     break;
-                                 }
-                               },
-                               [&progress](std::size_t line, const std::string& problem) {
-                                 progress.note("tarnwell: line " + std::to_string(line) + ": " + problem + "; skipped");
-                               }});
+          const std::string rowsRead = words("Import.Progress.Rows");
+          ImportReader reader(
+              arguments->format == "aware" ? ImportFormat::aware : ImportFormat::tarnwell,
+              {[&](const ImportedEvent& event) {
+                 span = span ? DateInterval(std::min(span->start(), event.start), std::max(span->end(), event.end))
+                             : DateInterval(event.start, event.end);
+                 switch (event.kind) {
+                   case ImportedKind::pickup:
+                     insert<Pickup>(t, event, device);
+                     ++pickups;
+                     break;
+                   case ImportedKind::walk:
+                     insert<Walk>(t, event, device);
+                     ++walks;
+                     break;
+                   case ImportedKind::alive:
+                     insert<Alive>(t, event, device);
+                     ++alives;
+                     break;
+                 }
+               },
+               [&progress](std::size_t line, const ImportProblem& problem) {
+                 progress.note("tarnwell: " +
+                               words("Import.SkippedRow", {static_cast<std::int64_t>(line), inUserWords(problem)}));
+               }});
           try {
             const bool whole = readImport(
                 *in, reader, [&reader] { return reader.skipped() < kMaxBadRows; },
                 [&](std::uint64_t bytesRead) {
                   const auto share = static_cast<double>(bytesRead) / size;
-                  progress.update(reader.lines(), "rows", !sizeError && size > 0 ? std::optional(share) : std::nullopt);
+                  progress.update(reader.lines(), rowsRead,
+                                  !sizeError && size > 0 ? std::optional(share) : std::nullopt);
                 });
             if (!whole) {
               throw refusal(
@@ -131,7 +139,7 @@ void addImportCommand(CLI::App& app, const GlobalOptions& options, Action& actio
                    arguments->format});
             }
           } catch (const ImportFormatError& error) {
-            throw refusal("import: %@; nothing was imported", {error.what()});
+            throw refusal("import: %@; nothing was imported", {inUserWords(error.problem())});
           }
           if (in->bad()) throw refusal("import: cannot read \"%@\"; nothing was imported", {arguments->file});
           rows = reader.rows();

@@ -70,11 +70,12 @@ TEST(CatalogTest, EveryTextOfTheHelpIsAKey) {
 }
 
 // Every literal the code hands to refusal(), errorWords(), to refuse() as
-// what a value should have been, or to the sentences CLI11's messages
-// become (Words.cpp).
+// what a value should have been, to the sentences CLI11's messages become
+// (Words.cpp), or as the import reader's problems (Import.cpp).
 TEST(CatalogTest, EveryRefusalIsAKey) {
   const auto keys = englishKeys("Errors");
-  const std::regex call(R"((refusal|errorWords)\(\s*"|refuse\([^;]*?,\s*"|sentence\("(?:[^"\\]|\\.)*",\s*")");
+  const std::regex call(
+      R"((refusal|errorWords)\(\s*"|refuse\([^;]*?,\s*"|sentence\("(?:[^"\\]|\\.)*",\s*"|\bbad\(\s*"|ImportFormatError\(\s*\{\s*")");
   std::size_t found = 0;
   for (const auto& entry : std::filesystem::directory_iterator(kSources / "apps" / "tarnwell")) {
     const std::string source = testing::readFile(entry.path());

@@ -21,9 +21,9 @@ struct Read {
 
 Read read(ImportFormat format, const std::string& text, std::size_t maxBadRows = 1000) {
   Read result;
-  ImportReader reader(format,
-                      {[&](const ImportedEvent& event) { result.events.push_back(event); },
-                       [&](std::size_t line, const std::string& problem) { result.bad.emplace_back(line, problem); }});
+  ImportReader reader(
+      format, {[&](const ImportedEvent& event) { result.events.push_back(event); },
+               [&](std::size_t line, const ImportProblem& problem) { result.bad.emplace_back(line, problem.text()); }});
   std::istringstream in(text);
   result.whole = readImport(in, reader, [&] { return reader.skipped() < maxBadRows; });
   result.rows = reader.rows();
