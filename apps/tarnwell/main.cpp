@@ -32,7 +32,6 @@ int main(int argc, char** argv) {
 
   Action action;
   addCommands(app, options, action);
-  translateHelp(app);
 
   // Refused before anything runs.
   if (const auto bad = firstNonUtf8(arguments)) {
@@ -43,8 +42,11 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& help) {
+    // Translated only when shown: a command's run never reads the help.
+    translateHelp(app);
     return app.exit(help);
   } catch (const CLI::CallForAllHelp& help) {
+    translateHelp(app);
     return app.exit(help);
   } catch (const CLI::CallForVersion& version) {
     return app.exit(version);
